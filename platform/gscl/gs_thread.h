@@ -1,0 +1,77 @@
+// GSThread: a real thread with a queue of integer sync events, the way the
+// daemon's workers wake each other. Thread-safe: any thread may post; the
+// thread itself (or whoever starts it) waits.
+#ifndef VELT_PLATFORM_GSCL_GS_THREAD_H_
+#define VELT_PLATFORM_GSCL_GS_THREAD_H_
+
+#include <pthread.h>
+
+#include <deque>
+
+#include "gs_utils.h"
+
+namespace velt_gscl_V1 {
+
+enum GSThreadState {
+  GS_THREAD_IDLE = 0,       // constructed, not started
+  GS_THREAD_RUNNING = 1,    // started, stop not asked
+  GS_THREAD_STOPPING = 2,   // stop asked; run() should return
+  GS_THREAD_STOPPED = 3,    // run() returned
+};
+
+// Returned by waitSyncEvent when its time limit ran out (ETIMEDOUT).
+constexpr int GS_WAIT_TIMEDOUT = 110;
+
+class GSThread : public GSObject {
+ public:
+  GSThread();
+  ~GSThread() override;   // joins the thread when it was started and not joined
+  GSThread(const GSThread&) = delete;
+  GSThread& operator=(const GSThread&) = delete;
+
+  // The thread body; its result is the thread's result.
+  virtual void* run(void* arg) = 0;
+
+  // Appends an event and wakes a waiter. Returns 0.
+  virtual int postSyncEvent(int event);
+  // Waits without limit for the next event (secs < 0) or at most secs
+  // seconds. The event is stored in *event when event is not null. Returns
+  // 0 when an event was taken, GS_WAIT_TIMEDOUT (110) when the time ran out.
+  virtual int waitSyncEvent(int* event, int secs);
+  // As above with a limit of secs seconds plus usecs microseconds; secs < 0
+  // waits without limit.
+  virtual int waitSyncEvent(int* event, int secs, int usecs);
+  // Takes the next event without waiting. Returns 0, or -1 when none.
+  virtual int popSyncEvent(int* event);
+  // Appends an event at the end of the queue (as post, used to put back
+  // events taken by popSyncEvent). Returns 0.
+  virtual int pushSyncEvent(int event);
+
+  // Starts the thread running run(arg). Returns 0 or an errno value.
+  int start(void* arg);
+  // Asks the thread to stop: the state becomes GS_THREAD_STOPPING and
+  // waiters are woken (with no event). Returns 0.
+  int stop();
+  // Waits for run() to return. Returns 0 or an errno value.
+  int join();
+  GSThreadState getThreadState() const;
+  // Number of events queued.
+  int pendingSyncEvents() const;
+  pthread_t getPthread() const { return thread_; }
+
+ private:
+  static void* trampoline(void* self);
+
+  mutable pthread_mutex_t mu_;
+  pthread_cond_t cv_;
+  std::deque<int> events_;          // GUARDED_BY(mu_)
+  GSThreadState state_ = GS_THREAD_IDLE;  // GUARDED_BY(mu_)
+  bool started_ = false;
+  bool joined_ = false;
+  void* arg_ = nullptr;
+  pthread_t thread_{};
+};
+
+}  // namespace velt_gscl_V1
+
+#endif  // VELT_PLATFORM_GSCL_GS_THREAD_H_

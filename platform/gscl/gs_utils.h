@@ -1,0 +1,181 @@
+// Small thread utilities of the group services client library that the
+// daemon builds on: a base object, reader/writer locks, a thread-safe
+// integer, a scoped heap buffer, strings, bit sets and membership lists.
+#ifndef VELT_PLATFORM_GSCL_GS_UTILS_H_
+#define VELT_PLATFORM_GSCL_GS_UTILS_H_
+
+#include <pthread.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+#include "gs_types.h"
+
+namespace velt_gscl_V1 {
+
+// Root of the library's object hierarchy (markets carry GSObject*).
+class GSObject {
+ public:
+  GSObject() = default;
+  virtual ~GSObject() = default;
+};
+
+// Kernel thread id of the calling thread (what traces show as [T=...]).
+unsigned long GSThreadSelfId();
+
+// Plain reader/writer lock. Thread-safe.
+class GSRWLock {
+ public:
+  GSRWLock();
+  ~GSRWLock();
+  GSRWLock(const GSRWLock&) = delete;
+  GSRWLock& operator=(const GSRWLock&) = delete;
+  void readLock();
+  void writeLock();
+  void unlock();
+ private:
+  pthread_rwlock_t lock_;
+};
+
+// Reader/writer lock whose write holder may take the write lock again (and
+// may also take the read lock); each lock call is matched by one unlock.
+// Thread-safe.
+class GSLockableObject {
+ public:
+  GSLockableObject();
+  virtual ~GSLockableObject();
+  GSLockableObject(const GSLockableObject&) = delete;
+  GSLockableObject& operator=(const GSLockableObject&) = delete;
+  void readLock();
+  void writeLock();
+  void unlock();   // releases the caller's innermost hold
+  bool isWriteLockedByMe() const;
+ private:
+  pthread_mutex_t mu_;
+  pthread_cond_t cv_;
+  int readers_ = 0;            // GUARDED_BY(mu_)
+  int writeDepth_ = 0;         // GUARDED_BY(mu_): nested write (and read-under-write) holds
+  pthread_t writer_{};         // GUARDED_BY(mu_)
+  int waitingWriters_ = 0;     // GUARDED_BY(mu_)
+};
+
+// Scoped read or write hold on a GSLockableObject.
+class GSReadGuard {
+ public:
+  explicit GSReadGuard(GSLockableObject& l) : l_(l) { l_.readLock(); }
+  ~GSReadGuard() { l_.unlock(); }
+ private:
+  GSLockableObject& l_;
+};
+class GSWriteGuard {
+ public:
+  explicit GSWriteGuard(GSLockableObject& l) : l_(l) { l_.writeLock(); }
+  ~GSWriteGuard() { l_.unlock(); }
+ private:
+  GSLockableObject& l_;
+};
+
+// Thread-safe number.
+template <typename T>
+class GSSafeNumber {
+ public:
+  explicit GSSafeNumber(T v = T()) : v_(v) {}
+  T get() const { return v_.load(); }
+  void set(T v) { v_.store(v); }
+  T add(T d) { return v_.fetch_add(d) + d; }   // returns the new value
+  T inc() { return add(1); }
+  T dec() { return add(static_cast<T>(-1)); }
+  operator T() const { return get(); }
+  GSSafeNumber& operator=(T v) { set(v); return *this; }
+ private:
+  std::atomic<T> v_;
+};
+using GSSafeInteger = GSSafeNumber<int>;
+
+// Scoped heap buffer of n elements, zero-filled; freed when it goes out of
+// scope. Thread-compatible.
+template <typename T>
+class GSLocalVar {
+ public:
+  explicit GSLocalVar(size_t n) : buf_(n) {}
+  T* ptr() { return buf_.empty() ? nullptr : buf_.data(); }
+  operator T*() { return ptr(); }
+  size_t count() const { return buf_.size(); }
+ private:
+  std::vector<T> buf_;
+};
+
+// Owned text. Thread-compatible.
+class GSString {
+ public:
+  GSString() = default;
+  GSString(const char* s) : s_(s ? s : "") {}  // NOLINT: implicit by design
+  GSString& operator=(const char* s) { s_ = s ? s : ""; return *this; }
+  const char* c_str() const { return s_.c_str(); }
+  operator const char*() const { return c_str(); }
+  size_t length() const { return s_.size(); }
+  bool empty() const { return s_.empty(); }
+  bool operator==(const char* o) const { return s_ == (o ? o : ""); }
+  bool operator!=(const char* o) const { return !(*this == o); }
+  bool operator==(const GSString& o) const { return s_ == o.s_; }
+  void append(const char* s) { if (s) s_ += s; }
+  int format(const char* fmt, ...) __attribute__((format(printf, 2, 3)));  // replaces the text
+ private:
+  std::string s_;
+};
+
+// Fixed-size set of bits, indexed 0..size-1; out-of-range indexes are
+// ignored by set/clear and read as clear. Thread-compatible.
+class GSBitSet {
+ public:
+  explicit GSBitSet(size_t nbits = 0);
+  size_t size() const { return nbits_; }
+  void resize(size_t nbits);   // keeps the bits that still fit
+  void set(size_t i);
+  void clear(size_t i);
+  bool test(size_t i) const;
+  void clearAll();
+  size_t count() const;
+  // Lowest set index at or after from, or -1 when none.
+  long nextSet(size_t from) const;
+ private:
+  size_t nbits_;
+  std::vector<uint64_t> words_;
+};
+
+// A list of providers in order, without duplicates. Thread-compatible.
+class GSMembershipList {
+ public:
+  GSMembershipList() = default;
+  explicit GSMembershipList(const tk_gs_membership_t& m);
+  void assign(const tk_gs_membership_t& m);
+  bool add(tk_gs_provider_t p);          // false when already present
+  bool remove(tk_gs_provider_t p);       // false when absent
+  bool contains(tk_gs_provider_t p) const;
+  long indexOf(tk_gs_provider_t p) const;  // -1 when absent
+  unsigned int count() const { return static_cast<unsigned int>(list_.size()); }
+  const tk_gs_provider_t& operator[](size_t i) const { return list_[i]; }
+  void clear() { list_.clear(); }
+  // A view of the list as the API's membership type; valid until the list
+  // changes.
+  tk_gs_membership_t asMembership();
+ private:
+  std::vector<tk_gs_provider_t> list_;
+};
+
+inline tk_gs_provider_t gsMakeProvider(uint16_t node, uint16_t instance) {
+  tk_gs_provider_t p;
+  p.gs_provider_fields.gs_instance_number = instance;
+  p.gs_provider_fields.gs_node_number = node;
+  return p;
+}
+
+}  // namespace velt_gscl_V1
+
+namespace velt_gscl_V2 = velt_gscl_V1;
+namespace velt_gscl_V3 = velt_gscl_V1;
+
+#endif  // VELT_PLATFORM_GSCL_GS_UTILS_H_

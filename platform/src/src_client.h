@@ -1,0 +1,48 @@
+// libsrc, operator side: sends one request to a subsystem's SRC request
+// socket and collects the reply. Used by srcctl and srcstop.
+// Thread-compatible (each call uses its own socket).
+#ifndef VELT_PLATFORM_SRC_SRC_CLIENT_H_
+#define VELT_PLATFORM_SRC_SRC_CLIENT_H_
+
+#include <functional>
+#include <string>
+
+namespace velt_src {
+
+enum Action {
+  ACT_STATUS = 1,      // flags: 1 = long status (answered by the daemon)
+  ACT_STOP = 2,        // flags: 1 normal, 2 forced, 3 cancel
+  ACT_TRACE_ON = 3,    // flags: 1 = long trace
+  ACT_TRACE_OFF = 4,
+  ACT_REFRESH = 5,
+  ACT_OTHER = 6,       // the daemon's own request code in dae_request
+};
+
+struct Request {
+  Action action = ACT_STATUS;
+  int flags = 0;
+  short dae_request = 0;
+  short parm1 = 0;
+  short parm2 = 0;
+  bool hasParm3 = false;
+  std::string parm3;   // at most kMaxParm3 bytes
+};
+
+constexpr size_t kMaxParm3 = 1024;
+
+// The request socket of a subsystem: $VELT_SRC_DIR/NAME, default
+// /run/velt/src/NAME.
+std::string socketPathFor(const char* subsystem);
+
+// Sends req and delivers each piece of reply text to onText (isError: the
+// daemon wrote it to its error channel). Waits at most timeoutMs for each
+// datagram. Returns the reply's code (0 normally), or -1 when the subsystem
+// could not be reached or did not answer; *err then says why.
+// daemonPid, when not null, receives the pid of the answering process.
+int sendRequest(const char* subsystem, const Request& req, int timeoutMs,
+                const std::function<void(bool isError, const std::string& text)>& onText,
+                std::string* err, int* daemonPid = nullptr);
+
+}  // namespace velt_src
+
+#endif  // VELT_PLATFORM_SRC_SRC_CLIENT_H_

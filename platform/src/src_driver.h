@@ -1,0 +1,141 @@
+// libsrc, daemon side: SRCDriver owns a subsystem's SRC request socket. A
+// daemon derives from it and overrides the request virtuals; its main loop
+// waits on getSRCDescriptor() and calls doSRCreq() when it is readable.
+//
+// The request socket is a UNIX datagram socket named after the subsystem in
+// $VELT_SRC_DIR (default /run/velt/src, created mode 0700). Only root and the
+// daemon's own user may send requests; others get an error reply. Every
+// request is answered with zero or more text datagrams and one end marker.
+// Owned by the thread that runs the daemon's main loop (requests are served
+// one at a time); setStopCode/getStopCode may be used from any thread.
+#ifndef VELT_PLATFORM_SRC_SRC_DRIVER_H_
+#define VELT_PLATFORM_SRC_SRC_DRIVER_H_
+
+#include <stdarg.h>
+#include <stddef.h>
+
+#include <atomic>
+#include <mutex>
+#include <string>
+
+namespace velt_src {
+
+constexpr const char* kDefaultSrcDir = "/run/velt/src";
+
+// Where the last failure of the library was detected.
+struct SRCError {
+  int code = 0;                 // errno value or a library code
+  std::string source;           // "libsrc"
+  std::string text;             // what went wrong
+  std::string file;
+  std::string function;
+  int line = 0;
+};
+
+// Library return codes of InitSRC.
+enum SRCResult {
+  SRC_OK = 0,
+  SRC_NO_NAME = 1,         // no subsystem name given
+  SRC_EXCL_OPEN = 2,       // the exclusive file could not be opened
+  SRC_EXCL_LOCKED = 3,     // another instance holds the exclusive file
+  SRC_SOCKET = 4,          // the request socket could not be made
+  SRC_ALREADY = 5,         // InitSRC called twice
+};
+
+}  // namespace velt_src
+
+class SRCDriver {
+ public:
+  // subsystem: the name the request socket gets ("tolkvaskd").
+  explicit SRCDriver(const char* subsystem);
+  virtual ~SRCDriver();
+  SRCDriver(const SRCDriver&) = delete;
+  SRCDriver& operator=(const SRCDriver&) = delete;
+
+  // Takes an exclusive lock on excl_file (created if missing; a second
+  // instance fails with SRC_EXCL_LOCKED), then opens the request socket.
+  // syscall_restarts: non-zero lets interrupted calls restart. excl_id is
+  // combined with the file into the "semaphore key" shown in errors.
+  // sigdanger_handler is accepted for compatibility and not used.
+  // Returns 0 or a velt_src::SRCResult; getError() tells more.
+  virtual int InitSRC(int syscall_restarts, const char* excl_file, int excl_id,
+                      void (*sigdanger_handler)(int));
+  // Records the stop code and message (0 clears nothing). Derived classes
+  // may end the process here.
+  virtual void setStopCode(int code, const char* msg);
+  virtual void stopNormal();
+  virtual void stopForced();
+  virtual void stopCancel(int dae_signo);
+  virtual void traceBegin(int trace_level);   // non-zero: long trace
+  virtual void traceEnd();
+  virtual void refresh();
+  virtual void longStatus();
+  virtual int otherReq(short dae_request, short parm1, short parm2,
+                       const void* parm3, int parm3_len);
+
+  // The request socket's descriptor; -1 before InitSRC or without SRC.
+  int getSRCDescriptor() const { return fd_; }
+  // Reads and serves one request if one is waiting (does not block).
+  // Returns 1 when a request was served, 0 when none was waiting or it was
+  // malformed or refused (answered with an error), -1 on a socket error.
+  int doSRCreq();
+
+  // Reply text of the request being served; outside a request nothing is
+  // sent. Text is buffered and sent in datagrams of at most 4 KiB.
+  int inform_printf(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+  int vinform_printf(const char* fmt, va_list ap);
+  int error_printf(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+  int verror_printf(const char* fmt, va_list ap);
+  // Sends what is buffered now.
+  void inform_flush();
+  // True while a request is being served (reply text has somewhere to go).
+  bool inRequest() const { return replying_; }
+
+  int getStopCode() const { return stopCode_.load(); }
+  const char* getStopMsg() const;
+  unsigned int getSemKey() const { return semKey_; }
+  const velt_src::SRCError& getError() const { return error_; }
+  const char* subsystemName() const { return subsystem_.c_str(); }
+  const std::string& socketPath() const { return path_; }
+
+ protected:
+  void setError(int code, const char* text, const char* file,
+                const char* function, int line);
+
+ private:
+  struct Pending;
+  void sendChunk(int kind, const char* data, size_t len);
+  void finishReply(int rc);
+
+  std::string subsystem_;
+  std::string path_;
+  int fd_ = -1;
+  int exclFd_ = -1;
+  unsigned int semKey_ = 0;
+  velt_src::SRCError error_;
+  std::atomic<int> stopCode_{0};
+  mutable std::mutex stopMu_;
+  std::string stopMsg_;          // guarded by stopMu_
+  // Reply state of the request being served.
+  bool replying_ = false;
+  std::string replyAddr_;        // sender's address (sockaddr_un bytes)
+  std::string informBuf_;
+  std::string errorBuf_;
+  bool replyBroken_ = false;     // the requester went away: drop the rest
+};
+
+// The reply of srcstop: the daemon's return code and the start of its text.
+struct srcrep {
+  int srcrc;
+  char text[352];
+};  // 356 bytes
+
+// Asks a subsystem to stop, as an operator's stop request would.
+// host: must be null or empty (local only). stop_type: 1 normal, 2 forced,
+// 3 cancel. reply (may be null; *replen, when given, is set to the bytes
+// filled) receives the reply's code and text. cont is ignored. Returns 0
+// when the request was delivered and answered, or -1 with errno set.
+int srcstop(const char* host, const char* subsystem, int stop_type,
+            short* replen, struct srcrep* reply, char* cont);
+
+#endif  // VELT_PLATFORM_SRC_SRC_DRIVER_H_
