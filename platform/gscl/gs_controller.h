@@ -3,9 +3,16 @@
 // ($VELT_AGENT_SOCKET, default /run/velt/agent.sock) and fails with a return
 // code while no agent listens; dispatch() is the only place callbacks run.
 // One instance per process. initialize/quit/dispatch: one thread each at a
-// time (the daemon calls dispatch from its dispatch thread only).
+// time (the daemon calls dispatch from its dispatch thread only); quit may
+// come from any thread while dispatch blocks and releases it. The settings
+// (setResponsiveness, setSocketOption) are made by the thread that sets the
+// controller up, before initialize.
 #ifndef VELT_PLATFORM_GSCL_GS_CONTROLLER_H_
 #define VELT_PLATFORM_GSCL_GS_CONTROLLER_H_
+
+#include <condition_variable>
+#include <mutex>
+#include <string>
 
 #include "gs_types.h"
 #include "gs_utils.h"
@@ -23,7 +30,16 @@ class GSController {
   GSController(const GSController&) = delete;
   GSController& operator=(const GSController&) = delete;
 
+  // Connects to the agent. TK_GS_OK; TK_GS_ALREADY_INITIALIZED while
+  // connected (also when the connection died: quit() first);
+  // TK_GS_NOT_CONNECTED while no agent listens; TK_GS_PERMISSION_DENIED when
+  // the socket may not be used or is served by a user other than root or
+  // ours; TK_GS_BAD_PARAMETER for an empty or too long socket path;
+  // TK_GS_NO_MEMORY when out of descriptors or memory. Failures are
+  // reported through the registered trace routine.
   virtual tk_gs_rc_t initialize();
+  // Drops the connection (idempotent) and releases a dispatch blocked on it,
+  // which then returns TK_GS_NOT_INITIALIZED.
   virtual void quit();
   // Answers the agent's responsiveness ping. Overriders call this first.
   virtual tk_gs_callback_rc_t responsivenessCb(const tk_gs_responsiveness_notification_t* n);
@@ -48,8 +64,12 @@ class GSController {
   // zeroed record) before the first announcement.
   tk_gs_rc_t get_velt_active_version(tk_gs_velt_version_t* out) const;
 
+  // Connected and the connection not lost.
   bool isConnected() const;
   int interfaceWord() const { return interfaceWord_; }
+  // Threads inside dispatch's wait on the connection, so that tests can
+  // wait for that state.
+  int dispatchersWaitingForTesting() const;
 
  protected:
   // For the library's notification path (and tests): records the version
@@ -65,6 +85,17 @@ class GSController {
   tk_gs_velt_version_t activeVersion_{};
   bool haveActiveVersion_ = false;
   char ffdcId_[43] = {0};
+
+  // Lock order: mu_ is a leaf; it is never held while the registered debug
+  // routines run or while a system call could block.
+  mutable std::mutex mu_;
+  std::condition_variable pollDone_;   // inPoll_ reached 0
+  // fd_, wakeFd_, activeVersion_, haveActiveVersion_, responsiveness_,
+  // socketOptions_ and the three below are GUARDED_BY(mu_).
+  bool dead_ = false;       // the agent closed the connection or it failed
+  bool quitting_ = false;   // quit() waits for dispatch to leave fd_ alone
+  int inPoll_ = 0;          // dispatch calls between their poll and read
+  std::string socketPath_;  // for reports: where fd_ is connected
 };
 
 // The library's own diagnostics go through a routine the application

@@ -27,13 +27,15 @@ class GSMarket : public GSObject {
   // Runs the market again. Returns 0.
   virtual int resumeMarket();
   // Queues obj and wakes one consumer. Returns 0, or -1 when the market is
-  // stopped (obj stays the caller's).
+  // stopped or obj is null (a queued null would read as "stopped" to the
+  // consumer); obj then stays the caller's.
   virtual int produce(GSObject* obj);
   // Takes the oldest object. Waits until one comes, the market stops, or
   // the absolute CLOCK_MONOTONIC time *deadline passes (null: no limit).
   // Returns null on stop or time-out. Even when stopped, an object is
   // returned if deadline points at a time already past and one is queued
-  // (so that draining can empty a stopped market).
+  // (so that draining can empty a stopped market). A deadline whose
+  // nanoseconds are out of range is read with them carried into seconds.
   virtual GSObject* consume(const struct timespec* deadline);
 
   // Takes the oldest object without waiting, whatever the market's state;
@@ -41,10 +43,13 @@ class GSMarket : public GSObject {
   GSObject* tryConsume();
   bool isRunning() const;
   int queueCount() const;
+  // Consumers blocked in consume(), so that tests can wait for that state.
+  int waitingConsumersForTesting() const;
 
  private:
   mutable pthread_mutex_t mu_;
-  pthread_cond_t cv_;
+  pthread_cond_t cv_;             // measures time on CLOCK_MONOTONIC
+  int waitingConsumers_ = 0;      // GUARDED_BY(mu_)
   std::deque<GSObject*> queue_;   // GUARDED_BY(mu_)
   bool running_ = true;           // GUARDED_BY(mu_)
 };

@@ -99,12 +99,19 @@ typedef struct {
   tk_gs_velt_version_t gs_velt_version;   // TK_GS_DOMAIN_VERSION only
 } tk_gs_domain_control_notification_t;
 
-// A provider: instance number and node number, 16 bits each.
+// A provider: instance number and node number, 16 bits each; as one word
+// the instance number is the high half and the node number the low half
+// (gs_provider_id == instance << 16 | node on every host).
 typedef union {
   uint32_t gs_provider_id;
   struct {
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    uint16_t gs_node_number;
+    uint16_t gs_instance_number;
+#else
     uint16_t gs_instance_number;
     uint16_t gs_node_number;
+#endif
   } gs_provider_fields;
 } tk_gs_provider_t;
 

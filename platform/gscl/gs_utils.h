@@ -10,13 +10,15 @@
 
 #include <atomic>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "gs_types.h"
 
 namespace velt_gscl_V1 {
 
-// Root of the library's object hierarchy (markets carry GSObject*).
+// Root of the library's object hierarchy (markets carry GSObject*). Holds
+// no state; what derives from it says who may use it.
 class GSObject {
  public:
   GSObject() = default;
@@ -42,7 +44,12 @@ class GSRWLock {
 
 // Reader/writer lock whose write holder may take the write lock again (and
 // may also take the read lock); each lock call is matched by one unlock.
-// Thread-safe.
+// A waiting writer holds back new readers so that a steady stream of
+// readers cannot starve it; a thread that already holds a read hold may
+// take another one even then, so nested reads never deadlock. Asking for
+// the write lock while holding only a read hold would deadlock and ends
+// the process instead. Holds belong to the thread that took them (unlock
+// on the same thread). Thread-safe.
 class GSLockableObject {
  public:
   GSLockableObject();
@@ -53,16 +60,20 @@ class GSLockableObject {
   void writeLock();
   void unlock();   // releases the caller's innermost hold
   bool isWriteLockedByMe() const;
+  // Writers blocked in writeLock(), so that tests can wait for that state.
+  int waitingWritersForTesting() const;
  private:
-  pthread_mutex_t mu_;
-  pthread_cond_t cv_;
-  int readers_ = 0;            // GUARDED_BY(mu_)
+  mutable pthread_mutex_t mu_;
+  pthread_cond_t cv_;          // readers wait here
+  pthread_cond_t writersCv_;   // writers wait here
+  int readers_ = 0;            // GUARDED_BY(mu_): read holds of threads that do not write
   int writeDepth_ = 0;         // GUARDED_BY(mu_): nested write (and read-under-write) holds
   pthread_t writer_{};         // GUARDED_BY(mu_)
   int waitingWriters_ = 0;     // GUARDED_BY(mu_)
 };
 
-// Scoped read or write hold on a GSLockableObject.
+// Scoped read or write hold on a GSLockableObject. Owned by the thread that
+// made it (the hold is that thread's).
 class GSReadGuard {
  public:
   explicit GSReadGuard(GSLockableObject& l) : l_(l) { l_.readLock(); }
@@ -158,12 +169,15 @@ class GSMembershipList {
   long indexOf(tk_gs_provider_t p) const;  // -1 when absent
   unsigned int count() const { return static_cast<unsigned int>(list_.size()); }
   const tk_gs_provider_t& operator[](size_t i) const { return list_[i]; }
-  void clear() { list_.clear(); }
+  void clear() { list_.clear(); ids_.clear(); }
   // A view of the list as the API's membership type; valid until the list
   // changes.
   tk_gs_membership_t asMembership();
  private:
   std::vector<tk_gs_provider_t> list_;
+  // The provider ids of list_, so that filling a large group (one provider
+  // per adapter of every node) does not cost a scan per member.
+  std::unordered_set<uint32_t> ids_;
 };
 
 inline tk_gs_provider_t gsMakeProvider(uint16_t node, uint16_t instance) {
