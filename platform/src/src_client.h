@@ -4,6 +4,8 @@
 #ifndef VELT_PLATFORM_SRC_SRC_CLIENT_H_
 #define VELT_PLATFORM_SRC_SRC_CLIENT_H_
 
+#include <stddef.h>
+
 #include <functional>
 #include <string>
 
@@ -34,10 +36,18 @@ constexpr size_t kMaxParm3 = 1024;
 // /run/velt/src/NAME.
 std::string socketPathFor(const char* subsystem);
 
+// Codes the library itself puts on a reply's end marker when it answers
+// instead of the daemon.
+constexpr int kRcRefused = 1;    // the sender is neither root nor the daemon's user
+constexpr int kRcRejected = 22;  // the request datagram was malformed
+
 // Sends req and delivers each piece of reply text to onText (isError: the
 // daemon wrote it to its error channel). Waits at most timeoutMs for each
 // datagram. Returns the reply's code (0 normally), or -1 when the subsystem
-// could not be reached or did not answer; *err then says why.
+// could not be reached or did not answer; *err then says why and errno
+// tells the cause (ENOENT/ECONNREFUSED: not active, EACCES: permission,
+// ETIMEDOUT: no answer, EPROTO: malformed reply, EINVAL: bad arguments).
+// hasParm3 with an empty parm3 is sent as no parm3.
 // daemonPid, when not null, receives the pid of the answering process.
 int sendRequest(const char* subsystem, const Request& req, int timeoutMs,
                 const std::function<void(bool isError, const std::string& text)>& onText,

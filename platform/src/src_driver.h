@@ -74,6 +74,8 @@ class SRCDriver {
                        const void* parm3, int parm3_len);
 
   // The request socket's descriptor; -1 before InitSRC or without SRC.
+  // Wait on it for readability; leave it blocking (replies rely on the
+  // socket's send time-out).
   int getSRCDescriptor() const { return fd_; }
   // Reads and serves one request if one is waiting (does not block).
   // Returns 1 when a request was served, 0 when none was waiting or it was
@@ -98,6 +100,10 @@ class SRCDriver {
   const char* subsystemName() const { return subsystem_.c_str(); }
   const std::string& socketPath() const { return path_; }
 
+  // How long the sends of one reply may block in total (default 5000 ms)
+  // before the rest of the reply is dropped. Test hook.
+  void setReplyStallBudgetForTesting(int ms) { replyStallBudgetMs_ = ms; }
+
  protected:
   void setError(int code, const char* text, const char* file,
                 const char* function, int line);
@@ -106,6 +112,16 @@ class SRCDriver {
   struct Pending;
   void sendChunk(int kind, const char* data, size_t len);
   void finishReply(int rc);
+  // Appends formatted text to the reply buffer of kind, sending full chunks.
+  int appendText(int kind, const char* fmt, va_list ap);
+  // Sends whatever is buffered for kind, in chunks of at most 4 KiB.
+  void flushKind(int kind);
+  // Answers a request the library refuses or cannot parse with one error
+  // text and an end marker carrying rc.
+  void answerRefusal(const std::string& text, int rc);
+  void beginReply(const void* addr, size_t addrLen);
+  // Sends one datagram to the requester within the reply's stall budget.
+  void sendDatagram(const std::string& datagram);
 
   std::string subsystem_;
   std::string path_;
@@ -122,6 +138,9 @@ class SRCDriver {
   std::string informBuf_;
   std::string errorBuf_;
   bool replyBroken_ = false;     // the requester went away: drop the rest
+  long long replyStallSpentUs_ = 0;  // time the sends of this reply blocked
+  int replyStallBudgetMs_ = 5000;
+  bool restarts_ = true;         // InitSRC's syscall_restarts
 };
 
 // The reply of srcstop: the daemon's return code and the start of its text.
@@ -133,8 +152,10 @@ struct srcrep {
 // Asks a subsystem to stop, as an operator's stop request would.
 // host: must be null or empty (local only). stop_type: 1 normal, 2 forced,
 // 3 cancel. reply (may be null; *replen, when given, is set to the bytes
-// filled) receives the reply's code and text. cont is ignored. Returns 0
-// when the request was delivered and answered, or -1 with errno set.
+// filled; a value between 0 and sizeof(srcrep) on entry limits them)
+// receives the reply's code and text. cont is ignored. Returns 0 when the
+// request was delivered and answered (within 10 s), or -1 with errno set
+// (EINVAL: arguments; otherwise as velt_src::sendRequest).
 int srcstop(const char* host, const char* subsystem, int stop_type,
             short* replen, struct srcrep* reply, char* cont);
 
