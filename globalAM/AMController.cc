@@ -1,0 +1,320 @@
+// The controller: registries of the worker threads, the controller-level
+// group services callbacks, the refresh child and the main thread's wait on
+// the SRC socket.
+#include "AMController.h"
+
+#include <errno.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/select.h>
+#include <sys/wait.h>
+#include <time.h>
+
+#include "TraceStream.h"
+#include "ha_assert.h"
+#include "sw_NAM_calls.h"
+#include "tk_gs_tolkvaskd_msg.h"
+#include "vx_cu.h"
+
+std::atomic<int> AMController::vask_working_state{0};
+int AMController::initTries = 0;
+std::atomic<int> AMController::_exiting{0};
+int AMController::responsive_interval = 3600;
+int AMController::vask_device_check_interval = 30;
+int AMController::vask_mlX_check_interval = 60;
+EDomainType AMController::domainType = kQUIL;
+AMGlobalAdapterTable* AMController::pGAdapterCfgTbl = nullptr;
+AMPropagator* AMController::propagator = nullptr;
+int AMController::has_NAM_LocalView_Adapters = 0;
+
+namespace {
+
+AMController* theController = nullptr;
+
+// The interface word given to the group services library, passed unchanged.
+constexpr int kGsInterfaceWord = 0x30014;
+
+}  // namespace
+
+AMController* amController() { return theController; }
+
+AMController::AMController() : GSController(kGsInterfaceWord), AMSRCDriver() {
+  TraceBlock tb(TraceLevel(TRACE_BLOCK), "AMController::AMController()");
+  theController = this;
+
+  struct timeval now;
+  cu_gettimeofday_1(&now);
+  time_t seconds = now.tv_sec;
+  char text[32];
+  ctime_r(&seconds, text);
+  // Month, day and time of day: the 15 characters after the weekday.
+  strncpy(tolkvaskStartTime, text + 4, 16);
+  tolkvaskStartTime[15] = '\0';
+
+  tk_gs_responsiveness_t resp;
+  memset(&resp, 0, sizeof(resp));
+  resp.gs_responsiveness_type = TK_GS_PING_RESPONSIVENESS;
+  resp.gs_responsiveness_interval = responsive_interval + 10;
+  resp.gs_responsiveness_response_time_limit = 10;
+  resp.gs_counter_location = nullptr;
+  resp.gs_counter_length = 0;
+  setResponsiveness(resp);
+  setSocketOption(TK_GS_ENABLE_ADAPTER_INFO);
+
+  const char* localView = getenv("SW_HERDLET_NAM_LOCAL_VIEW");
+  if (localView) has_NAM_LocalView_Adapters = atoi(localView);
+
+  // The adapter table, the propagator, the first mediator on
+  // "allAdapterMembership", the configuration monitor and the client
+  // server are created here as each of them is built; until then their
+  // places stay empty.
+
+  AM_TRACE(TRACE_FYI) << "AMController is created, domainType=" << static_cast<long>(domainType)
+                      << ", SW_HERDLET_NAM_LOCAL_VIEW = " << has_NAM_LocalView_Adapters << endl;
+}
+
+AMController::~AMController() {
+  namClientArray.clear();
+  if (theController == this) theController = nullptr;
+}
+
+int AMController::appendMediator(AMMediator* m) { return mediators.append(m); }
+
+int AMController::appendAggregator(AMAggregator* a) { return aggregators.append(a); }
+
+AMMediator* AMController::getMediator(const char* name) {
+  for (int i = 0; i < mediators.count(); ++i) {
+    AMMediator* m = mediators[i];
+    if (m && name && strcmp(m->getRawGroupName(), name) == 0) return m;
+  }
+  return nullptr;
+}
+
+AMAggregator* AMController::getAggregator(const char* name) {
+  for (int i = 0; i < aggregators.count(); ++i) {
+    AMAggregator* a = aggregators[i];
+    if (a && name && strcmp(a->getRepName(), name) == 0) return a;
+  }
+  return nullptr;
+}
+
+void AMController::startAllMediators() {
+  for (int i = 0; i < mediators.count(); ++i)
+    if (mediators[i]) mediators[i]->start(nullptr);
+}
+
+void AMController::stopAllMediators() {
+  for (int i = 0; i < mediators.count(); ++i)
+    if (mediators[i]) mediators[i]->stop();
+}
+
+void AMController::joinAllMediators() {
+  for (int i = 0; i < mediators.count(); ++i)
+    if (mediators[i]) mediators[i]->join();
+}
+
+void AMController::wakeupAllMediators(int refreshed) {
+  for (int i = 0; i < mediators.count(); ++i)
+    if (mediators[i]) mediators[i]->wakeup(refreshed);
+}
+
+int AMController::isAnyMediatorRunning() {
+  for (int i = 0; i < mediators.count(); ++i)
+    if (mediators[i] && mediators[i]->getThreadState() == GS_THREAD_RUNNING) return 1;
+  return 0;
+}
+
+// Aggregator threads are started by whoever creates them.
+void AMController::startAllAggregators() {}
+
+void AMController::stopAllAggregators() {
+  if (!isMultiLinkEnabled()) return;
+  for (int i = 0; i < aggregators.count(); ++i)
+    if (aggregators[i]) aggregators[i]->stop();
+}
+
+void AMController::joinAllAggregators() {
+  if (!isMultiLinkEnabled()) return;
+  for (int i = 0; i < aggregators.count(); ++i)
+    if (aggregators[i]) aggregators[i]->join();
+}
+
+void AMController::wakeupAllAggregators(int refreshed) {
+  if (!isMultiLinkEnabled()) return;
+  for (int i = 0; i < aggregators.count(); ++i)
+    if (aggregators[i]) aggregators[i]->wakeup(refreshed);
+}
+
+int AMController::isAnyAggregatorRunning() {
+  for (int i = 0; i < aggregators.count(); ++i)
+    if (aggregators[i] && aggregators[i]->getThreadState() == GS_THREAD_RUNNING) return 1;
+  return 0;
+}
+
+// Without the aggregate (ml0) machinery on this node there is nothing to
+// enable; it reports itself here once it exists.
+int AMController::isMultiLinkEnabled() { return 0; }
+
+void AMController::startAMCfgMonitor() {
+  AM_TRACE(TRACE_FYI) << "startAMCfgMonitor" << endl;
+  if (cfgMonitor) cfgMonitor->start(nullptr);
+}
+
+void AMController::stopAMCfgMonitor() {
+  if (cfgMonitor) cfgMonitor->stop();
+}
+
+void AMController::wakeupCfgMonitor(int) {
+  if (cfgMonitor) cfgMonitor->postSyncEvent(0);
+}
+
+void AMController::wakeupPropagator(int) {
+  if (propagator) propagator->postSyncEvent(PEVT_NO_EVENT);
+}
+
+void AMController::allowReadyToRoll() {
+  readyToRoll = 1;
+  wakeupAllMediators(0);
+  wakeupAllAggregators(0);
+}
+
+void AMController::set_configuration_has_changed(AMCfgInfo& info) {
+  for (int i = 0; i < aggregators.count(); ++i)
+    if (aggregators[i]) aggregators[i]->set_configuration_has_changed(info);
+}
+
+int AMController::AmIExiting() {
+  if (getStopCode() != 0) RequestToExit();
+  return _exiting != 0;
+}
+
+void AMController::RequestToExit() {
+  _exiting++;
+  if (amController()) {
+    wakeupAllMediators(0);
+    wakeupAllAggregators(0);
+    wakeupPropagator(0);
+    wakeupCfgMonitor(0);
+  }
+}
+
+int AMController::checkRefreshProcess() {
+  if (propagator == nullptr) return 0;
+  pid_t pid = propagator->refreshPid();
+  if (pid == -1) return 0;
+  int status = 0;
+  pid_t rc = waitpid(pid, &status, WNOHANG);
+  int err = errno;
+  if (rc == pid) {
+    AM_TRACE(TRACE_FYI) << "The child process is finished with status=" << status << endl;
+    if (status != 0) {
+      AM_TRACE(TRACE_FYI) << "Refresh process returns an error status." << " The refresh will be ignored." << endl;
+    }
+    propagator->refreshCompleted(status);
+    propagator->clearRefreshPid();
+    return 0;
+  }
+  if (rc == 0) return 0;
+  AM_TRACE(TRACE_FYI) << "Error [(" << err << ")] from waitpid." << endl;
+  if (err == ECHILD) {
+    propagator->refreshCompleted(-1);
+    propagator->clearRefreshPid();
+  }
+  return 0;
+}
+
+void AMController::performSRCRefresh() {
+  TraceBlock tb(TraceLevel(TRACE_BLOCK), "AMController::performSRCRefresh()");
+  if (pGAdapterCfgTbl) pGAdapterCfgTbl->refreshLocalTable(0);
+  if (propagator) propagator->refreshRequested();
+  // In the cluster domain type the client server's adapter information is
+  // rebuilt here once the client server exists.
+  wakeupAllMediators(1);
+  wakeupAllAggregators(1);
+}
+
+int AMController::select_and_doSRCreq(int time_limit) {
+  int fd = getSRCDescriptor();
+  fd_set readSet;
+  FD_ZERO(&readSet);
+  if (fd >= 0) FD_SET(fd, &readSet);
+  if (TRACEABLE(TRACE_DEBUG)) {
+    AM_TRACE(TRACE_DEBUG) << "AMController: Start select() time_limit=" << time_limit << endl;
+  }
+  struct timeval limit = {time_limit, 0};
+  int rc = select(fd >= 0 ? fd + 1 : 0, &readSet, nullptr, nullptr, time_limit < 0 ? nullptr : &limit);
+  int err = errno;
+  if (TRACEABLE(TRACE_DEBUG)) {
+    AM_TRACE(TRACE_DEBUG) << "AMController: End select() popped with rc [" << rc << "]" << endl;
+  }
+  if (AmIExiting()) return 1;
+  if (rc < 0) {
+    if (err == EINTR) {
+      AM_TRACE(TRACE_DEBUG) << "EINTR during select().  Go back to sleep." << endl;
+      return rc;
+    }
+    AM_TRACE(TRACE_ERROR) << TraceLabel(16) << "Error [(" << err << ") " << strerror(err) << "] on select()."
+                          << endl;
+    RequestToExit();
+    return rc;
+  }
+  if (rc == 0) {
+    AM_TRACE(TRACE_DEBUG) << "AMController: " << "Nothing is selected.. try again" << endl;
+    return 0;
+  }
+  if (fd >= 0 && FD_ISSET(fd, &readSet)) {
+    AM_TRACE(TRACE_DEBUG) << "AMController: call doSRCreq() " << endl;
+    int served = doSRCreq();
+    AM_TRACE(TRACE_DEBUG) << "AMController: done doSRCReq() " << endl;
+    if (served > 0) return 0;
+  }
+  return rc;
+}
+
+tk_gs_callback_rc_t AMController::responsivenessCb(const tk_gs_responsiveness_notification_t* n) {
+  GSController::responsivenessCb(n);
+  if (TRACEABLE(TRACE_DEBUG)) {
+    AM_TRACE(TRACE_DEBUG) << "Responsiveness callback received, time limit ["
+                          << static_cast<long>(n ? n->gs_time_limit : 0) << "]." << endl;
+  }
+  return TK_GS_CALLBACK_OK;
+}
+
+tk_gs_callback_rc_t AMController::domainControlCb(const tk_gs_domain_control_notification_t* n) {
+  if (n == nullptr || n->gs_domain_ctrl_event != TK_GS_DOMAIN_VERSION) return TK_GS_CALLBACK_OK;
+  GSController::domainControlCb(n);
+  veltActiveVersion = n->gs_velt_version;
+  AM_TRACE(TRACE_FYI) << "Got domainControlCB: TK_GS_DOMAIN_VERSION. veltActiveVersion is now"
+                      << static_cast<long>(veltActiveVersion.gs_version) << "."
+                      << static_cast<long>(veltActiveVersion.gs_release) << "."
+                      << static_cast<long>(veltActiveVersion.gs_modification) << "."
+                      << static_cast<long>(veltActiveVersion.gs_fix) << endl;
+  if (cfgMonitor) cfgMonitor->harvestGblNetworkInterfaces(1);
+  // Where ml0 over InfiniBand is supported, every mediator harvests its
+  // membership again here; that support comes with the mediators.
+  return TK_GS_CALLBACK_OK;
+}
+
+void AMController::doLongStatus() {
+  if (vask_working_state == 0) {
+    inform_printf(getmsg_tk_gs_tolkvaskd(initTries == 1 ? 3 : 4), initTries);
+  } else if (vask_working_state == 1) {
+    inform_printf("%s", getmsg_tk_gs_tolkvaskd(29));
+  } else if (readyToRoll.get()) {
+    inform_printf("%s", getmsg_tk_gs_tolkvaskd(5));
+  }
+  if (isVELTNAMInterfaceSupported()) inform_printf("tolkvaskd started time: %s\n", tolkvaskStartTime);
+  if (propagator) propagator->doLongStatus();
+  inform_flush();
+}
+
+void AMController::doCanonicalLongStatus() {
+  if (vask_working_state == 0) {
+    inform_printf("Not yet connected to Group Services.\n%d time connection tried.\n", initTries);
+  } else if (vask_working_state == 1) {
+    inform_printf("Waiting for Group Services response.\n");
+  }
+  if (isVELTNAMInterfaceSupported()) inform_printf("tolkvaskd started time: %s\n", tolkvaskStartTime);
+  if (propagator) propagator->doCanonicalLongStatus();
+  inform_flush();
+}

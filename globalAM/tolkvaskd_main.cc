@@ -1,1 +1,3 @@
-int main() { return 0; }
+#include "tolkbrel.h"
+
+int main(int argc, char** argv) { return tolkbrel_main(argc, argv); }
