@@ -48,7 +48,7 @@ AMController::AMController() : GSController(kGsInterfaceWord), AMSRCDriver() {
   char text[32];
   ctime_r(&seconds, text);
   // Month, day and time of day: the 15 characters after the weekday.
-  strncpy(tolkvaskStartTime, text + 4, 16);
+  memcpy(tolkvaskStartTime, text + 4, 15);
   tolkvaskStartTime[15] = '\0';
 
   tk_gs_responsiveness_t resp;
