@@ -3,6 +3,13 @@
 
 #include <stdio.h>
 
+// Values that the daemon and older clients rely on; they must never move.
+static_assert(TK_GS_OK == 0 && TK_GS_NOT_OK == 1, "fixed return codes");
+static_assert(TK_GS_UNKNOWN_GROUP == 10 && TK_GS_INVALID_GROUP == 11, "fixed return codes");
+static_assert(TK_GS_DUPLICATE_INSTANCE_NUMBER == 15, "fixed return codes");
+static_assert(TK_GS_NOT_SUPPORTED == 21 && TK_GS_BACKLEVEL_PROVIDERS == 26, "fixed return codes");
+static_assert(TK_GS_CALLBACK_OK == 1 && TK_GS_DOMAIN_VERSION == 3, "fixed constants");
+
 const char* gscl_rc_name(int rc) {
   switch (rc) {
     case TK_GS_OK: return "TK_GS_OK";

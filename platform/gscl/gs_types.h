@@ -18,12 +18,12 @@ typedef enum {
   TK_GS_NO_MEMORY = 7,
   TK_GS_PERMISSION_DENIED = 8,      // the agent refused our credentials
   TK_GS_ALREADY_JOINED = 9,
-  TK_GS_NOT_JOINED = 10,
+  TK_GS_UNKNOWN_GROUP = 10,         // the group does not exist (yet)
   TK_GS_INVALID_GROUP = 11,
-  TK_GS_UNKNOWN_GROUP = 12,
-  TK_GS_DUPLICATE_INSTANCE_NUMBER = 13,
+  TK_GS_NOT_JOINED = 12,
+  TK_GS_PROTOCOL_IN_PROGRESS = 13,
   TK_GS_LIMIT_EXCEEDED = 14,
-  TK_GS_PROTOCOL_IN_PROGRESS = 15,
+  TK_GS_DUPLICATE_INSTANCE_NUMBER = 15,
   TK_GS_TIMEOUT = 16,
   TK_GS_NO_NOTIFICATION = 17,       // non-blocking dispatch found nothing
   TK_GS_BAD_FRAME = 18,             // malformed frame from the agent
