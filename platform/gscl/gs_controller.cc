@@ -3,20 +3,33 @@
 #include "gs_controller.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <vector>
 
+#include "frame_io.h"
 #include "internal/gs_internal.h"
+#include "internal/gs_link.h"
+#include "velt.pb.h"
+#include "vx_ffdc.h"
 
 namespace velt_gscl_V1 {
 
@@ -81,79 +94,31 @@ void GSDebugPrintf(int trclvl, const char* fmt, ...) {
 
 namespace {
 
-// Texts from the agent are read into a buffer of this size; the protocol
-// bounds its frames well below it. Larger frames are cut and reported.
-constexpr size_t kMaxFrameBytes = 4096;
+namespace proto = velt::proto;
 
-// How long quit() waits for a released dispatch before it says so (and
-// then waits again: it must not close a descriptor that is being polled).
-constexpr std::chrono::seconds kQuitReportInterval{5};
+constexpr uint32_t kWireVersion = proto::WIRE_VERSION_1;
 
-enum class PollOutcome { kNothing, kFrame, kWake, kDead, kError };
+// Bounds of the waits for the agent: the hello answer, and a request's
+// answer (the agent answers a provider request when the cluster applied
+// it, which takes one multicast round).
+constexpr std::chrono::milliseconds kDefaultHandshakeBound{10000};
+constexpr std::chrono::milliseconds kDefaultRequestBound{60000};
+// A send that the agent does not take within this time fails: a stuck
+// agent must not hold up the caller's thread for ever.
+constexpr int kSendTimeoutSecs = 10;
+// Notifications read and not yet dispatched. Past either bound the
+// dispatch thread is not keeping up; the connection is then given up (the
+// agent would soon count us as unresponsive anyway).
+constexpr size_t kMaxQueuedNotifications = 1u << 20;
+constexpr size_t kMaxQueuedBytes = 512u * 1024 * 1024;
+// Adapters of the cluster the library keeps information about: every
+// adapter of the largest cluster.
+constexpr size_t kMaxAdapters = 2049 * 48;
 
-struct PollResult {
-  PollOutcome outcome = PollOutcome::kNothing;
-  int err = 0;          // errno of kDead (0: the agent closed) and kError
-  ssize_t length = 0;   // kFrame: the frame's whole length
-};
-
-// Waits for the connection or the wake-up descriptor. Runs without the
-// controller's lock; quit() keeps both descriptors open until it returns.
-PollResult pollConnection(int fd, int wakeFd, int timeoutMs) {
-  PollResult r;
-  struct pollfd p[2];
-  p[0].fd = fd;
-  p[0].events = POLLIN | POLLRDHUP;
-  p[1].fd = wakeFd;
-  p[1].events = POLLIN;
-  int n;
-  do {
-    p[0].revents = p[1].revents = 0;
-    n = poll(p, 2, timeoutMs);
-  } while (n < 0 && errno == EINTR);
-  if (n < 0) {
-    r.outcome = PollOutcome::kError;
-    r.err = errno;
-    return r;
-  }
-  if (n == 0) return r;
-  if ((p[1].revents & POLLIN) != 0) {
-    r.outcome = PollOutcome::kWake;
-    return r;
-  }
-  if ((p[0].revents & POLLIN) != 0) {
-    char buf[kMaxFrameBytes];
-    // MSG_TRUNC: the result is the frame's whole length, so that an
-    // oversized frame can be told apart; the rest of it is dropped.
-    ssize_t len = recv(fd, buf, sizeof buf, MSG_DONTWAIT | MSG_TRUNC);
-    if (len > 0) {
-      // The agent's protocol is not spoken yet: the frame is read so that
-      // it does not stay readable, and dropped. Decoding replies and
-      // queueing notifications for their callbacks goes here.
-      r.outcome = PollOutcome::kFrame;
-      r.length = len;
-      return r;
-    }
-    if (len < 0 && (errno == EAGAIN || errno == EINTR)) return r;
-    if (len < 0) {
-      r.outcome = PollOutcome::kDead;
-      r.err = errno;
-      return r;
-    }
-    // len == 0: end of stream when the peer hung up, else an empty frame.
-    if ((p[0].revents & (POLLHUP | POLLRDHUP)) != 0) {
-      r.outcome = PollOutcome::kDead;
-      return r;
-    }
-    r.outcome = PollOutcome::kFrame;
-    return r;
-  }
-  if ((p[0].revents & (POLLHUP | POLLRDHUP | POLLERR | POLLNVAL)) != 0) {
-    r.outcome = PollOutcome::kDead;
-    return r;
-  }
-  return r;
-}
+// The error-log template of a lost agent connection.
+const struct fc_errtbl_entry kAgentLostTemplate = {
+    0, "GS_GSCL_AGENT_LOST_ER", 5, 0x51,
+    "The group services client lost its connection to the node agent", 1, ""};
 
 // The stored bits of an API enum. Callers (C among them) may hand over any
 // int; loading it as the enum type when it is out of the enum's range is
@@ -183,32 +148,531 @@ bool validResponsiveness(const tk_gs_responsiveness_t& r) {
 
 bool knownSocketOption(int option) { return option == TK_GS_ENABLE_ADAPTER_INFO; }
 
+void fillResponsiveness(const tk_gs_responsiveness_t& r, proto::Responsiveness* out) {
+  out->set_type(static_cast<uint32_t>(enumBits(r.gs_responsiveness_type)));
+  out->set_interval(static_cast<uint32_t>(r.gs_responsiveness_interval));
+  out->set_response_time_limit(static_cast<uint32_t>(r.gs_responsiveness_response_time_limit));
+}
+
+tk_gs_velt_version_t unpackVersion(uint32_t packed) {
+  tk_gs_velt_version_t v;
+  v.gs_version = static_cast<uint16_t>(packed >> 24);
+  v.gs_release = static_cast<uint16_t>((packed >> 16) & 0xff);
+  v.gs_modification = static_cast<uint16_t>((packed >> 8) & 0xff);
+  v.gs_fix = static_cast<uint16_t>(packed & 0xff);
+  v.quick_version = packed;
+  return v;
+}
+
+// A return code the agent sent, as one of ours; codes we do not know
+// become TK_GS_NOT_OK (the caller traces the number).
+tk_gs_rc_t agentRc(int32_t rc) {
+  if (rc >= TK_GS_OK && rc <= TK_GS_BACKLEVEL_PROVIDERS) return static_cast<tk_gs_rc_t>(rc);
+  return TK_GS_NOT_OK;
+}
+
+std::string ipKey(const std::string& ip) {
+  if (ip.size() == 16) return ip;
+  // IPv4 as the IPv4-mapped IPv6 address.
+  std::string key(10, '\0');
+  key.append("\xff\xff", 2);
+  key.append(ip);
+  return key;
+}
+
+bool validProvider(const proto::ProviderId& p) { return p.instance() <= 0xffff && p.node() <= 0xffff; }
+
+// Checks what the rest of the library relies on in a frame from the agent.
+// Returns false with *why set for a frame that breaks the protocol.
+bool validFrame(const proto::AgentFrame& f, std::string* why) {
+  if (f.version() != kWireVersion) {
+    *why = "frame of wire version " + std::to_string(f.version()) + ", we speak " + std::to_string(kWireVersion);
+    return false;
+  }
+  switch (f.body_case()) {
+    case proto::AgentFrame::kReply:
+    case proto::AgentFrame::kPing:
+    case proto::AgentFrame::kDomainControl:
+      return true;
+    case proto::AgentFrame::kHelloReply:
+      *why = "a second hello answer";
+      return false;
+    case proto::AgentFrame::BODY_NOT_SET:
+      *why = "frame without a body";
+      return false;
+    case proto::AgentFrame::kNotification:
+      break;
+  }
+  const proto::Notification& n = f.notification();
+  if (n.group().empty() || n.group().size() > TK_GS_MAX_GROUP_NAME_LENGTH) {
+    *why = "notification with a group name of " + std::to_string(n.group().size()) + " bytes";
+    return false;
+  }
+  if (n.instance() > 0xffff) {
+    *why = "notification for instance " + std::to_string(n.instance());
+    return false;
+  }
+  for (const proto::ProviderId& p : n.current()) {
+    if (!validProvider(p)) {
+      *why = "provider id out of range in a notification";
+      return false;
+    }
+  }
+  for (const proto::ProviderId& p : n.changing()) {
+    if (!validProvider(p)) {
+      *why = "provider id out of range in a notification";
+      return false;
+    }
+  }
+  if (n.current_state_value().size() > TK_GS_MAX_STATE_VALUE_LENGTH ||
+      n.proposed_state_value().size() > TK_GS_MAX_STATE_VALUE_LENGTH ||
+      n.message().size() > TK_GS_MAX_PROVIDER_MESSAGE_LENGTH) {
+    *why = "state value or provider message larger than allowed in a notification";
+    return false;
+  }
+  for (const auto* list : {&n.full_ip(), &n.changing_ip()}) {
+    for (const proto::AdapterInfo& a : *list) {
+      if (a.ip().size() != 4 && a.ip().size() != 16) {
+        *why = "adapter address of " + std::to_string(a.ip().size()) + " bytes";
+        return false;
+      }
+      if (a.interface_name().size() > TK_GS_MAX_INTERFACE_NAME_LENGTH ||
+          a.network_name().size() > TK_GS_MAX_NETWORK_NAME_LENGTH ||
+          a.network_type().size() > TK_GS_MAX_NETWORK_TYPE_LENGTH || a.node() > 0xffff ||
+          a.instance() > 0xffff) {
+        *why = "adapter information out of range";
+        return false;
+      }
+    }
+  }
+  return true;
+}
+
+// Copies text into a fixed field (the caller checked that it fits).
+template <size_t N>
+void copyField(char (&field)[N], const std::string& text) {
+  size_t n = std::min(text.size(), N - 1);
+  memcpy(field, text.data(), n);
+  field[n] = '\0';
+}
+
+std::atomic<GSController*> theController{nullptr};
+
 }  // namespace
 
-GSController::GSController(int interfaceWord) : interfaceWord_(interfaceWord) {}
+// One answer awaited: filled by the reader thread (or by quit and the
+// loss of the connection), read by the waiting caller. Guarded by the
+// controller's mu.
+struct PendingCall {
+  bool done = false;
+  bool detached = false;    // nobody waits: the answer is only traced
+  tk_gs_rc_t rc = TK_GS_NOT_OK;
+  int32_t agentRc = 0;
+  uint64_t seq = 0;
+  std::string text;
+  std::string what;
+};
+
+// A notification, ping or domain control waiting for dispatch, or the news
+// that the connection is lost. Queued by the reader thread under the
+// controller's mu, then owned by the dispatching thread.
+struct QueuedItem {
+  bool death = false;
+  uint64_t seq = 0;
+  size_t bytes = 0;
+  proto::AgentFrame frame;
+};
+
+// The controller's connection, its reader thread and its queues.
+// Thread-safe: its state is guarded by mu (sends by sendMu); the reader
+// thread, the dispatching thread and requesting threads all use it.
+struct GSController::Impl {
+  GSController* self = nullptr;
+  std::string traceId;
+
+  // Lock order: sendMu before mu. mu is never held while a system call
+  // could block (except the short shutdown in quit), nor while a callback
+  // or a registered debug routine runs.
+  std::mutex sendMu;   // one message at a time on the socket
+  mutable std::mutex mu;
+  std::condition_variable queueCv;   // a queued item, the death, or quit
+  std::condition_variable replyCv;   // an answer came, or quit
+
+  // GUARDED_BY(mu):
+  int fd = -1;
+  bool dead = false;        // the connection is lost (its death is queued)
+  bool quitting = false;    // quit() is taking the connection down
+  std::thread reader;       // started by initialize, joined by quit
+  std::string socketPath;
+  tk_gs_responsiveness_t responsiveness{};
+  unsigned int socketOptions = 0;
+  tk_gs_velt_version_t activeVersion{};
+  bool haveActiveVersion = false;
+  int node = -1;
+  uint32_t agentVersion = 0;
+  char ffdcId[FC_ID_LEN + 1] = {0};
+  std::map<uint64_t, std::shared_ptr<PendingCall>> pending;
+  uint64_t nextRequestId = 1;
+  uint64_t frameSeq = 0;    // frames read, all connections
+  std::deque<QueuedItem> queue;
+  size_t queuedBytes = 0;
+  int waitingDispatchers = 0;
+  bool havePing = false;    // a ping is being dispatched
+  uint64_t pingSeq = 0;
+  std::map<std::string, tk_gs_adapter_info_t> adapters;   // by 16-byte address
+  bool adapterBoundReported = false;
+  std::chrono::milliseconds handshakeBound = kDefaultHandshakeBound;
+  std::chrono::milliseconds requestBound = kDefaultRequestBound;
+
+  void readerLoop(int fd);
+  // Handles one frame from the reader. Returns false (with *why) when the
+  // connection has to be given up. Requires: mu held.
+  bool takeFrameWithLock(proto::AgentFrame&& f, size_t bytes, std::string* why);
+  void connectionLost(const std::string& why, int err);
+  // Sends one frame. Returns 0 or an errno value (ENOTCONN without a
+  // connection).
+  int sendFrame(const proto::ClientFrame& f);
+  internal::CallResult call(proto::Request* request, const char* what, bool detached);
+  tk_gs_rc_t processItem(QueuedItem& item);
+  void storeAdapters(const proto::Notification& n);
+};
+
+// ---- the reader thread ----
+
+void GSController::Impl::readerLoop(int rfd) {
+  velt::wire::Reassembler reassembler(velt::wire::kDefaultMaxMessage);
+  // One byte more than a packet may have, so that a larger one shows.
+  std::vector<char> buf(velt::wire::kMaxPacket + 1);
+  std::string message;
+  std::string why;
+  int err = 0;
+  while (true) {
+    // Waits without a time limit on purpose: the agent may stay quiet for
+    // hours, and quit() ends this wait by shutting the socket down.
+    struct pollfd p = {rfd, POLLIN | POLLRDHUP, 0};
+    int n = poll(&p, 1, -1);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      err = errno;
+      why = "waiting on the connection failed";
+      break;
+    }
+    ssize_t len = recv(rfd, buf.data(), buf.size(), MSG_DONTWAIT | MSG_TRUNC);
+    if (len < 0) {
+      if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) continue;
+      err = errno;
+      why = "reading from the agent failed";
+      break;
+    }
+    if (len == 0) {
+      why = "closed by the agent";
+      break;
+    }
+    if (static_cast<size_t>(len) > velt::wire::kMaxPacket) {
+      why = "malformed frame from the agent: packet of " + std::to_string(len) + " bytes";
+      break;
+    }
+    std::string feedWhy;
+    int r = reassembler.feed(buf.data(), static_cast<size_t>(len), &message, &feedWhy);
+    if (r < 0) {
+      why = "malformed frame from the agent: " + feedWhy;
+      break;
+    }
+    if (r == 0) continue;
+    proto::AgentFrame frame;
+    if (!frame.ParseFromString(message)) {
+      why = "malformed frame from the agent: it does not parse (" + std::to_string(message.size()) + " bytes)";
+      break;
+    }
+    std::string frameWhy;
+    if (!validFrame(frame, &frameWhy)) {
+      why = "malformed frame from the agent: " + frameWhy;
+      break;
+    }
+    size_t bytes = message.size();
+    message.clear();
+    std::unique_lock<std::mutex> lk(mu);
+    if (quitting) return;
+    if (!takeFrameWithLock(std::move(frame), bytes, &why)) break;
+  }
+  connectionLost(why, err);
+}
+
+bool GSController::Impl::takeFrameWithLock(proto::AgentFrame&& f, size_t bytes, std::string* why) {
+  uint64_t seq = ++frameSeq;
+  if (f.body_case() == proto::AgentFrame::kReply) {
+    const proto::Reply& reply = f.reply();
+    auto it = pending.find(reply.id());
+    if (it == pending.end()) {
+      // The caller gave up waiting (time-out) before the answer came.
+      GSDebugPrintf(internal::kGsclDebugRoute, "gscl: answer to request %llu, which nobody waits for any more (rc %d)",
+                    static_cast<unsigned long long>(reply.id()), reply.rc());
+      return true;
+    }
+    std::shared_ptr<PendingCall> call = it->second;
+    call->done = true;
+    call->agentRc = reply.rc();
+    call->rc = agentRc(reply.rc());
+    call->seq = seq;
+    call->text = reply.text();
+    if (call->detached) {
+      // Nobody waits: these are tidy-ups whose refusal changes nothing for
+      // us (the agent may have dropped the thing already).
+      pending.erase(it);
+      if (reply.rc() != 0 && internal::gsDetailWanted(GSDebugLevel())) {
+        GSDebugPrintf(internal::kGsclDebugRoute, "gscl: the agent refused %s: %s %s", call->what.c_str(),
+                      gscl_rc_name(reply.rc()), reply.text().c_str());
+      }
+      return true;
+    }
+    replyCv.notify_all();
+    return true;
+  }
+  if (queue.size() >= kMaxQueuedNotifications || queuedBytes + bytes > kMaxQueuedBytes) {
+    *why = "dispatch is not keeping up: " + std::to_string(queue.size()) + " notifications (" +
+           std::to_string(queuedBytes) + " bytes) wait";
+    return false;
+  }
+  QueuedItem item;
+  item.seq = seq;
+  item.bytes = bytes;
+  item.frame = std::move(f);
+  queue.push_back(std::move(item));
+  queuedBytes += bytes;
+  queueCv.notify_all();
+  return true;
+}
+
+void GSController::Impl::connectionLost(const std::string& why, int err) {
+  std::string path;
+  {
+    std::lock_guard<std::mutex> lk(mu);
+    if (quitting) return;   // quit() took the connection down: no death to announce
+    path = socketPath;
+  }
+  // The report and the error-log entry come first, so that whoever hears
+  // of the death can already name the entry.
+  char etext[128];
+  std::string text = "lost the connection to the agent at " + path + ": " + why;
+  if (err != 0) text += std::string(" (") + strerror_r(err, etext, sizeof etext) + ")";
+  GSDebugPrintf(0, "gscl: %s", text.c_str());
+  fc_eid_t id;
+  memset(id, 0, sizeof id);
+  fc_log_error(id, nullptr, program_invocation_short_name, GSTraceDebugName(), __FILE__, "1", __LINE__, 1, 0,
+               &kAgentLostTemplate, text.c_str(), text.size(), nullptr);
+
+  std::lock_guard<std::mutex> lk(mu);
+  if (!fc_is_id_empty(id)) memcpy(ffdcId, id, sizeof ffdcId);
+  if (quitting) return;
+  dead = true;
+  for (auto& entry : pending) {
+    entry.second->done = true;
+    entry.second->rc = TK_GS_GS_HAS_DIED;
+  }
+  pending.clear();
+  QueuedItem death;
+  death.death = true;
+  death.seq = ++frameSeq;
+  queue.push_back(std::move(death));
+  replyCv.notify_all();
+  queueCv.notify_all();
+}
+
+// ---- sending and requests ----
+
+int GSController::Impl::sendFrame(const proto::ClientFrame& f) {
+  std::string bytes;
+  if (!f.SerializeToString(&bytes)) return EINVAL;
+  if (bytes.size() > velt::wire::kDefaultMaxMessage) return EMSGSIZE;
+  std::lock_guard<std::mutex> sendLock(sendMu);
+  int sfd;
+  {
+    std::lock_guard<std::mutex> lk(mu);
+    if (fd < 0 || quitting) return ENOTCONN;
+    if (dead) return EPIPE;
+    sfd = fd;
+  }
+  // quit() closes the descriptor only while holding sendMu, so sfd stays
+  // ours until this send ends.
+  return velt::wire::sendMessage(sfd, bytes);
+}
+
+internal::CallResult GSController::Impl::call(proto::Request* request, const char* what, bool detached) {
+  internal::CallResult result;
+  auto pendingCall = std::make_shared<PendingCall>();
+  pendingCall->detached = detached;
+  pendingCall->what = what;
+  uint64_t id;
+  std::chrono::milliseconds bound;
+  {
+    std::lock_guard<std::mutex> lk(mu);
+    if (fd < 0 || quitting) {
+      result.rc = TK_GS_NOT_INITIALIZED;
+      return result;
+    }
+    if (dead) {
+      result.rc = TK_GS_GS_HAS_DIED;
+      return result;
+    }
+    id = nextRequestId++;
+    pending[id] = pendingCall;
+    bound = requestBound;
+  }
+  request->set_id(id);
+  proto::ClientFrame frame;
+  frame.set_version(kWireVersion);
+  *frame.mutable_request() = *request;
+  int err = sendFrame(frame);
+  if (err != 0) {
+    std::lock_guard<std::mutex> lk(mu);
+    pending.erase(id);
+    char etext[128];
+    GSDebugPrintf(0, "gscl: cannot send %s to the agent: %s", what, strerror_r(err, etext, sizeof etext));
+    if (err == EMSGSIZE) {
+      result.rc = TK_GS_LIMIT_EXCEEDED;
+    } else if (err == ENOTCONN) {
+      result.rc = TK_GS_NOT_INITIALIZED;
+    } else if (err == EAGAIN || err == EWOULDBLOCK) {
+      result.rc = TK_GS_TIMEOUT;
+    } else {
+      result.rc = TK_GS_GS_HAS_DIED;
+    }
+    return result;
+  }
+  if (detached) {
+    result.rc = TK_GS_OK;
+    return result;
+  }
+  std::unique_lock<std::mutex> lk(mu);
+  bool answered = replyCv.wait_for(lk, bound, [&] { return pendingCall->done; });
+  pending.erase(id);
+  if (!answered) {
+    lk.unlock();
+    GSDebugPrintf(0, "gscl: the agent did not answer %s (request %llu) within %lld ms", what,
+                  static_cast<unsigned long long>(id), static_cast<long long>(bound.count()));
+    result.rc = TK_GS_TIMEOUT;
+    return result;
+  }
+  result.rc = pendingCall->rc;
+  result.seq = pendingCall->seq;
+  result.text = pendingCall->text;
+  if (pendingCall->agentRc != 0) {
+    lk.unlock();
+    if (result.rc == TK_GS_NOT_OK && pendingCall->agentRc != TK_GS_NOT_OK) {
+      GSDebugPrintf(0, "gscl: the agent answered %s with the unknown code %d: %s", what, pendingCall->agentRc,
+                    result.text.c_str());
+    } else if (internal::gsDetailWanted(GSDebugLevel())) {
+      GSDebugPrintf(internal::kGsclDebugRoute, "gscl: the agent answered %s with %s: %s", what,
+                    gscl_rc_name(pendingCall->agentRc), result.text.c_str());
+    }
+  }
+  return result;
+}
+
+// ---- dispatch ----
+
+void GSController::Impl::storeAdapters(const proto::Notification& n) {
+  std::lock_guard<std::mutex> lk(mu);
+  for (const auto* list : {&n.full_ip(), &n.changing_ip()}) {
+    for (const proto::AdapterInfo& a : *list) {
+      std::string key = ipKey(a.ip());
+      auto it = adapters.find(key);
+      if (it == adapters.end()) {
+        if (adapters.size() >= kMaxAdapters) {
+          if (!adapterBoundReported) {
+            adapterBoundReported = true;
+            GSDebugPrintf(0, "gscl: information about more than %zu adapters came; later addresses are not kept",
+                          kMaxAdapters);
+          }
+          continue;
+        }
+        it = adapters.emplace(key, tk_gs_adapter_info_t{}).first;
+      }
+      tk_gs_adapter_info_t& info = it->second;
+      memset(&info, 0, sizeof info);
+      memcpy(info.gs_ip_addr.gs_bytes, key.data(), sizeof info.gs_ip_addr.gs_bytes);
+      copyField(info.gs_interface_name, a.interface_name());
+      info.gs_node_number = static_cast<uint16_t>(a.node());
+      info.gs_instance_number = static_cast<uint16_t>(a.instance());
+      copyField(info.gs_group_name, n.group());
+      copyField(info.gs_network_name, a.network_name());
+      copyField(info.gs_network_type, a.network_type());
+    }
+  }
+}
+
+tk_gs_rc_t GSController::Impl::processItem(QueuedItem& item) {
+  if (item.death) {
+    internal::ClientAccess::deliverDeath(item.seq);
+    return TK_GS_GS_HAS_DIED;
+  }
+  const proto::AgentFrame& f = item.frame;
+  switch (f.body_case()) {
+    case proto::AgentFrame::kPing: {
+      {
+        std::lock_guard<std::mutex> lk(mu);
+        havePing = true;
+        pingSeq = f.ping().seq();
+      }
+      tk_gs_responsiveness_notification_t n;
+      memset(&n, 0, sizeof n);
+      n.gs_notification_type = TK_GS_RESPONSIVENESS_NOTIFICATION;
+      n.gs_time_limit = static_cast<uint16_t>(std::min<uint32_t>(f.ping().time_limit(), 0xffff));
+      self->responsivenessCb(&n);
+      std::lock_guard<std::mutex> lk(mu);
+      havePing = false;
+      return TK_GS_OK;
+    }
+    case proto::AgentFrame::kDomainControl: {
+      uint32_t event = f.domain_control().event();
+      if (event < TK_GS_DOMAIN_DISSOLVE || event > TK_GS_DOMAIN_VERSION) {
+        GSDebugPrintf(0, "gscl: domain control event %u from the agent is not known; ignored", event);
+        return TK_GS_OK;
+      }
+      tk_gs_domain_control_notification_t n;
+      memset(&n, 0, sizeof n);
+      n.gs_notification_type = TK_GS_DOMAIN_CONTROL_NOTIFICATION;
+      n.gs_domain_ctrl_event = static_cast<tk_gs_domain_control_event_t>(event);
+      n.gs_velt_version = unpackVersion(f.domain_control().active_version());
+      self->domainControlCb(&n);
+      return TK_GS_OK;
+    }
+    case proto::AgentFrame::kNotification: {
+      const proto::Notification& n = f.notification();
+      if (n.kind() == proto::Notification::SUBSCRIPTION) storeAdapters(n);
+      uint16_t node;
+      {
+        std::lock_guard<std::mutex> lk(mu);
+        node = static_cast<uint16_t>(this->node < 0 ? 0 : this->node);
+      }
+      internal::ClientAccess::deliver(n, item.seq, node);
+      return TK_GS_OK;
+    }
+    default:
+      // The reader queues nothing else.
+      return TK_GS_OK;
+  }
+}
+
+// ---- GSController ----
+
+GSController::GSController(int interfaceWord) : interfaceWord_(interfaceWord), impl_(new Impl) {
+  impl_->self = this;
+  impl_->traceId = "GSController[pid=" + std::to_string(getpid()) + "]";
+  theController.store(this);
+}
 
 GSController::~GSController() {
   quit();
-  std::lock_guard<std::mutex> lk(mu_);
-  if (wakeFd_ >= 0) close(wakeFd_);
-  wakeFd_ = -1;
+  GSController* me = this;
+  theController.compare_exchange_strong(me, nullptr);
 }
 
 tk_gs_rc_t GSController::initialize() {
   char etext[128];
-  int wakeErr = 0;
   {
-    std::lock_guard<std::mutex> lk(mu_);
-    if (fd_ >= 0) return TK_GS_ALREADY_INITIALIZED;
-    if (wakeFd_ < 0) {
-      wakeFd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-      if (wakeFd_ < 0) wakeErr = errno;
-    }
-  }
-  if (wakeErr != 0) {
-    GSDebugPrintf(0, "gscl: cannot create the dispatch wake-up descriptor: %s",
-                  strerror_r(wakeErr, etext, sizeof etext));
-    return TK_GS_NO_MEMORY;
+    std::lock_guard<std::mutex> lk(impl_->mu);
+    if (impl_->fd >= 0) return TK_GS_ALREADY_INITIALIZED;
   }
 
   const char* env = getenv("VELT_AGENT_SOCKET");
@@ -267,120 +731,235 @@ tk_gs_rc_t GSController::initialize() {
     return TK_GS_PERMISSION_DENIED;
   }
 
-  // The agent's handshake goes here, once the protocol exists: send the
-  // interface word, the responsiveness settings and the socket options,
-  // and take the agent's version and our client identity from its answer.
+  // From here on sends block, with a bound, so that a message of many
+  // packets goes out whole; reads poll.
+  int flags = fcntl(fd, F_GETFL);
+  struct timeval sendBound = {kSendTimeoutSecs, 0};
+  if (flags < 0 || fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0 ||
+      setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &sendBound, sizeof sendBound) != 0) {
+    int err = errno;
+    close(fd);
+    GSDebugPrintf(0, "gscl: cannot set up the agent connection: %s", strerror_r(err, etext, sizeof etext));
+    return TK_GS_NOT_OK;
+  }
+
+  // Hello: who we are and what we want from the agent.
+  proto::ClientFrame hello;
+  hello.set_version(kWireVersion);
+  std::chrono::milliseconds handshakeBound;
+  {
+    std::lock_guard<std::mutex> lk(impl_->mu);
+    proto::Hello* h = hello.mutable_hello();
+    h->set_interface_word(static_cast<uint32_t>(interfaceWord_));
+    h->set_pid(static_cast<uint32_t>(getpid()));
+    h->set_program(program_invocation_short_name);
+    fillResponsiveness(impl_->responsiveness, h->mutable_responsiveness());
+    // On the wire each option is its own value as a bit.
+    uint32_t wireOptions = 0;
+    if ((impl_->socketOptions & (1u << TK_GS_ENABLE_ADAPTER_INFO)) != 0) wireOptions |= TK_GS_ENABLE_ADAPTER_INFO;
+    h->set_socket_options(wireOptions);
+    handshakeBound = impl_->handshakeBound;
+  }
+  std::string helloBytes;
+  hello.SerializeToString(&helloBytes);
+  int err = velt::wire::sendMessage(fd, helloBytes);
+  if (err != 0) {
+    close(fd);
+    GSDebugPrintf(0, "gscl: cannot say hello to the agent at %s: %s", path, strerror_r(err, etext, sizeof etext));
+    return TK_GS_NOT_CONNECTED;
+  }
+
+  // The answer, within the bound. Only the answer is read here: what
+  // follows it stays in the socket for the reader thread.
+  auto deadline = std::chrono::steady_clock::now() + handshakeBound;
+  velt::wire::Reassembler reassembler(velt::wire::kDefaultMaxMessage);
+  std::vector<char> buf(velt::wire::kMaxPacket + 1);
+  std::string message;
+  tk_gs_rc_t failure = TK_GS_OK;
+  std::string why;
+  while (true) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) {
+      failure = TK_GS_TIMEOUT;
+      why = "no answer to hello within " + std::to_string(handshakeBound.count()) + " ms";
+      break;
+    }
+    struct pollfd p = {fd, POLLIN | POLLRDHUP, 0};
+    int n = poll(&p, 1, static_cast<int>(left.count()));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) continue;   // the deadline check above decides
+    ssize_t len = recv(fd, buf.data(), buf.size(), MSG_DONTWAIT | MSG_TRUNC);
+    if (len < 0 && (errno == EAGAIN || errno == EINTR)) continue;
+    if (len <= 0) {
+      failure = TK_GS_NOT_CONNECTED;
+      why = len == 0 ? "the agent hung up before answering hello" : "reading the hello answer failed";
+      break;
+    }
+    if (static_cast<size_t>(len) > velt::wire::kMaxPacket) {
+      failure = TK_GS_BAD_FRAME;
+      why = "packet of " + std::to_string(len) + " bytes";
+      break;
+    }
+    int r = reassembler.feed(buf.data(), static_cast<size_t>(len), &message, &why);
+    if (r < 0) {
+      failure = TK_GS_BAD_FRAME;
+      break;
+    }
+    if (r > 0) break;
+  }
+  proto::AgentFrame answer;
+  if (failure == TK_GS_OK) {
+    if (!answer.ParseFromString(message)) {
+      failure = TK_GS_BAD_FRAME;
+      why = "the hello answer does not parse";
+    } else if (answer.version() != kWireVersion) {
+      failure = TK_GS_VERSION_MISMATCH;
+      why = "the agent speaks wire version " + std::to_string(answer.version());
+    } else if (answer.body_case() != proto::AgentFrame::kHelloReply) {
+      failure = TK_GS_BAD_FRAME;
+      why = "the first frame is not the hello answer";
+    } else if (answer.hello_reply().rc() != 0) {
+      failure = agentRc(answer.hello_reply().rc());
+      why = std::string("the agent refused us with ") + gscl_rc_name(answer.hello_reply().rc()) + ": " +
+            answer.hello_reply().text();
+    } else if (answer.hello_reply().node() > 0xffff) {
+      failure = TK_GS_BAD_FRAME;
+      why = "node number " + std::to_string(answer.hello_reply().node()) + " in the hello answer";
+    }
+  }
+  if (failure != TK_GS_OK) {
+    close(fd);
+    GSDebugPrintf(0, "gscl: handshake with the agent at %s failed: %s", path, why.c_str());
+    return failure;
+  }
+  const proto::HelloReply& reply = answer.hello_reply();
 
   {
-    std::lock_guard<std::mutex> lk(mu_);
-    if (fd_ >= 0) {
+    std::lock_guard<std::mutex> lk(impl_->mu);
+    if (impl_->fd >= 0) {
       // Another initialize won the race; ours is not needed.
       close(fd);
       return TK_GS_ALREADY_INITIALIZED;
     }
-    fd_ = fd;
-    dead_ = false;
-    socketPath_ = path;
+    impl_->fd = fd;
+    impl_->dead = false;
+    impl_->socketPath = path;
+    impl_->node = static_cast<int>(reply.node());
+    impl_->agentVersion = reply.agent_version();
+    if (reply.active_version() != 0) {
+      impl_->activeVersion = unpackVersion(reply.active_version());
+      impl_->haveActiveVersion = true;
+    }
+    impl_->queue.clear();
+    impl_->queuedBytes = 0;
+    impl_->adapters.clear();
+    impl_->adapterBoundReported = false;
+    try {
+      impl_->reader = std::thread(&Impl::readerLoop, impl_.get(), fd);
+    } catch (const std::system_error& e) {
+      impl_->fd = -1;
+      close(fd);
+      GSDebugPrintf(0, "gscl: cannot start the agent reader thread: %s", e.what());
+      return TK_GS_NO_MEMORY;
+    }
   }
   if (internal::gsDetailWanted(GSDebugLevel())) {
-    GSDebugPrintf(internal::kGsclDebugRoute, "gscl: connected to the agent at %s (interface word 0x%x)",
-                  path, static_cast<unsigned>(interfaceWord_));
+    GSDebugPrintf(internal::kGsclDebugRoute,
+                  "gscl: connected to the agent at %s (interface word 0x%x): node %u, agent version 0x%08x, "
+                  "active version 0x%08x",
+                  path, static_cast<unsigned>(interfaceWord_), reply.node(), reply.agent_version(),
+                  reply.active_version());
   }
   return TK_GS_OK;
 }
 
 void GSController::quit() {
-  std::unique_lock<std::mutex> lk(mu_);
-  if (fd_ < 0) return;
-  quitting_ = true;
-  if (inPoll_ > 0) {
-    uint64_t one = 1;
-    // One write cannot overflow the counter, so it cannot fail in a way
-    // that leaves the dispatching thread blocked.
-    ssize_t w = write(wakeFd_, &one, sizeof one);
-    (void)w;
+  std::thread reader;
+  uint64_t seq;
+  {
+    std::lock_guard<std::mutex> lk(impl_->mu);
+    if (impl_->fd < 0 || impl_->quitting) return;
+    impl_->quitting = true;
+    // Ends the reader's wait, and tells the agent at once.
+    shutdown(impl_->fd, SHUT_RDWR);
+    for (auto& entry : impl_->pending) {
+      entry.second->done = true;
+      entry.second->rc = TK_GS_NOT_INITIALIZED;
+    }
+    impl_->pending.clear();
+    impl_->queue.clear();
+    impl_->queuedBytes = 0;
+    impl_->replyCv.notify_all();
+    impl_->queueCv.notify_all();
+    reader = std::move(impl_->reader);
+    seq = ++impl_->frameSeq;
   }
-  // The descriptor is closed only once no dispatch polls it any more, so
-  // that a number reused by another open never gets polled or read here.
-  long long waitedSecs = 0;
-  while (!pollDone_.wait_for(lk, kQuitReportInterval, [this] { return inPoll_ == 0; })) {
-    waitedSecs += kQuitReportInterval.count();
-    lk.unlock();
-    GSDebugPrintf(0, "gscl: quit has waited %lld s for dispatch to let go of the connection",
-                  waitedSecs);
-    lk.lock();
+  if (reader.joinable()) {
+    if (reader.get_id() == std::this_thread::get_id()) {
+      reader.detach();   // cannot happen: the reader runs no application code
+    } else {
+      reader.join();
+    }
   }
-  close(fd_);
-  fd_ = -1;
-  dead_ = false;
-  quitting_ = false;
-  // Drop a wake-up that no dispatch consumed, so that the next connection
-  // does not start with a spurious one.
-  uint64_t count;
-  ssize_t r = read(wakeFd_, &count, sizeof count);
-  (void)r;
+  internal::ClientAccess::resetAll(seq);
+  // The descriptor is closed only once no send uses it, so that a number
+  // reused by another open never gets written to here. A send in progress
+  // ends at once: the socket is shut down.
+  std::lock_guard<std::mutex> sendLock(impl_->sendMu);
+  std::lock_guard<std::mutex> lk(impl_->mu);
+  close(impl_->fd);
+  impl_->fd = -1;
+  impl_->dead = false;
+  impl_->quitting = false;
 }
 
 tk_gs_rc_t GSController::dispatch(tk_gs_dispatch_type_t how) {
   const int howBits = enumBits(how);
   if (howBits != TK_GS_BLOCKING && howBits != TK_GS_NON_BLOCKING) return TK_GS_BAD_PARAMETER;
-  const int timeoutMs = howBits == TK_GS_BLOCKING ? -1 : 0;
-  std::unique_lock<std::mutex> lk(mu_);
+  std::unique_lock<std::mutex> lk(impl_->mu);
   while (true) {
-    if (fd_ < 0 || quitting_) return TK_GS_NOT_INITIALIZED;
-    if (dead_) return TK_GS_GS_HAS_DIED;
-    const int fd = fd_;
-    const int wakeFd = wakeFd_;
-    ++inPoll_;
-    lk.unlock();
-    PollResult r = pollConnection(fd, wakeFd, timeoutMs);
-    lk.lock();
-    if (--inPoll_ == 0) pollDone_.notify_all();
-
-    switch (r.outcome) {
-      case PollOutcome::kNothing:
-        if (howBits == TK_GS_NON_BLOCKING) return TK_GS_NO_NOTIFICATION;
-        continue;
-      case PollOutcome::kWake:
-        if (!quitting_) {
-          // A wake-up meant for an earlier connection: drop it, wait again.
-          uint64_t count;
-          ssize_t n = read(wakeFd_, &count, sizeof count);
-          (void)n;
-        }
-        continue;   // the state check at the top answers quit()
-      case PollOutcome::kFrame: {
-        lk.unlock();
-        if (internal::gsDetailWanted(GSDebugLevel())) {
-          GSDebugPrintf(internal::kGsclDebugRoute,
-                        "gscl: dropped a frame of %zd bytes from the agent (protocol not spoken yet)%s",
-                        r.length, static_cast<size_t>(r.length) > kMaxFrameBytes ? ", oversized" : "");
-        }
-        return TK_GS_OK;
+    if (impl_->fd < 0 || impl_->quitting) return TK_GS_NOT_INITIALIZED;
+    if (!impl_->queue.empty()) {
+      QueuedItem item = std::move(impl_->queue.front());
+      impl_->queue.pop_front();
+      impl_->queuedBytes -= item.bytes;
+      lk.unlock();
+      if (internal::gsDetailWanted(GSDebugLevel()) && !item.death) {
+        GSDebugPrintf(internal::kGsclDebugRoute, "gscl: dispatching frame %llu (%zu bytes)",
+                      static_cast<unsigned long long>(item.seq), item.bytes);
       }
-      case PollOutcome::kDead: {
-        dead_ = true;
-        std::string path = socketPath_;
-        lk.unlock();
-        char etext[128];
-        GSDebugPrintf(0, "gscl: lost the connection to the agent at %s: %s", path.c_str(),
-                      r.err != 0 ? strerror_r(r.err, etext, sizeof etext) : "closed by the agent");
-        return TK_GS_GS_HAS_DIED;
-      }
-      case PollOutcome::kError: {
-        lk.unlock();
-        char etext[128];
-        GSDebugPrintf(0, "gscl: waiting on the agent connection failed: %s",
-                      strerror_r(r.err, etext, sizeof etext));
-        return TK_GS_NOT_OK;
-      }
+      return impl_->processItem(item);
     }
+    // The death was dispatched already: it stays dead until quit.
+    if (impl_->dead) return TK_GS_GS_HAS_DIED;
+    if (howBits == TK_GS_NON_BLOCKING) return TK_GS_NO_NOTIFICATION;
+    // Waits without a time limit by design: the dispatch thread has
+    // nothing else to do, and quit() or the agent's next frame wakes it.
+    ++impl_->waitingDispatchers;
+    impl_->queueCv.wait(lk);
+    --impl_->waitingDispatchers;
   }
 }
 
 tk_gs_callback_rc_t GSController::responsivenessCb(const tk_gs_responsiveness_notification_t* n) {
   if (n == nullptr) return TK_GS_CALLBACK_NOT_OK;
-  // The answer to the agent's ping is sent here once the protocol exists.
+  uint64_t seq;
+  {
+    std::lock_guard<std::mutex> lk(impl_->mu);
+    if (!impl_->havePing) return TK_GS_CALLBACK_OK;   // not called from dispatch: nothing to answer
+    impl_->havePing = false;
+    seq = impl_->pingSeq;
+  }
+  proto::ClientFrame f;
+  f.set_version(kWireVersion);
+  f.mutable_ping_reply()->set_seq(seq);
+  int err = impl_->sendFrame(f);
+  if (err != 0) {
+    char etext[128];
+    GSDebugPrintf(0, "gscl: cannot answer the agent's ping %llu: %s", static_cast<unsigned long long>(seq),
+                  strerror_r(err, etext, sizeof etext));
+    return TK_GS_CALLBACK_NOT_OK;
+  }
   return TK_GS_CALLBACK_OK;
 }
 
@@ -397,70 +976,146 @@ tk_gs_callback_rc_t GSController::domainControlCb(const tk_gs_domain_control_not
 
 tk_gs_rc_t GSController::changeResponsiveness(const tk_gs_responsiveness_t* r) {
   if (r == nullptr || !validResponsiveness(*r)) return TK_GS_BAD_PARAMETER;
-  std::lock_guard<std::mutex> lk(mu_);
-  // Kept for the next connection; telling a connected agent needs the
-  // protocol.
-  responsiveness_ = *r;
-  return TK_GS_OK;
+  bool connected;
+  {
+    std::lock_guard<std::mutex> lk(impl_->mu);
+    impl_->responsiveness = *r;
+    connected = impl_->fd >= 0 && !impl_->quitting;
+  }
+  // Kept for the next connection in any case; a connected agent is told.
+  if (!connected) return TK_GS_OK;
+  proto::Request request;
+  fillResponsiveness(*r, request.mutable_change_responsiveness()->mutable_responsiveness());
+  return impl_->call(&request, "changeResponsiveness", false).rc;
 }
 
 tk_gs_rc_t GSController::dissolveDomain() {
-  // The agent dissolves groups by itself when partitions merge; a request
-  // from a client needs the protocol and is refused until then.
+  // The agents dissolve groups by themselves when partitions merge; a
+  // client has no say in it.
   return TK_GS_NOT_SUPPORTED;
 }
 
 tk_gs_rc_t GSController::setResponsiveness(const tk_gs_responsiveness_t& r) {
   if (!validResponsiveness(r)) return TK_GS_BAD_PARAMETER;
-  std::lock_guard<std::mutex> lk(mu_);
-  responsiveness_ = r;
+  std::lock_guard<std::mutex> lk(impl_->mu);
+  impl_->responsiveness = r;
   return TK_GS_OK;
 }
 
+const tk_gs_responsiveness_t& GSController::responsiveness() const { return impl_->responsiveness; }
+
 tk_gs_rc_t GSController::setSocketOption(int option) {
   if (!knownSocketOption(option)) return TK_GS_BAD_PARAMETER;
-  std::lock_guard<std::mutex> lk(mu_);
-  socketOptions_ |= 1u << option;
+  std::lock_guard<std::mutex> lk(impl_->mu);
+  impl_->socketOptions |= 1u << option;
   return TK_GS_OK;
 }
 
 bool GSController::isSocketOptionSet(int option) const {
   if (!knownSocketOption(option)) return false;
-  std::lock_guard<std::mutex> lk(mu_);
-  return (socketOptions_ & (1u << option)) != 0;
+  std::lock_guard<std::mutex> lk(impl_->mu);
+  return (impl_->socketOptions & (1u << option)) != 0;
 }
 
 const char* GSController::get_ffdc_id() const {
-  // The library makes no error-log entries of its own yet, so this stays
-  // null until it does.
-  return ffdcId_[0] != '\0' ? ffdcId_ : nullptr;
+  std::lock_guard<std::mutex> lk(impl_->mu);
+  return impl_->ffdcId[0] != '\0' ? impl_->ffdcId : nullptr;
 }
 
 tk_gs_rc_t GSController::get_velt_active_version(tk_gs_velt_version_t* out) const {
   if (out == nullptr) return TK_GS_BAD_PARAMETER;
-  std::lock_guard<std::mutex> lk(mu_);
-  if (!haveActiveVersion_) {
+  std::lock_guard<std::mutex> lk(impl_->mu);
+  if (!impl_->haveActiveVersion) {
     memset(out, 0, sizeof *out);
     return TK_GS_NOT_OK;
   }
-  *out = activeVersion_;
+  *out = impl_->activeVersion;
   return TK_GS_OK;
 }
 
+tk_gs_rc_t GSController::get_adapter_info(const tk_gs_ip_addr* ip, tk_gs_adapter_info_t* info) const {
+  if (ip == nullptr || info == nullptr) return TK_GS_BAD_PARAMETER;
+  std::string key(reinterpret_cast<const char*>(ip->gs_bytes), sizeof ip->gs_bytes);
+  std::lock_guard<std::mutex> lk(impl_->mu);
+  auto it = impl_->adapters.find(key);
+  if (it == impl_->adapters.end()) return TK_GS_ADDRESS_UNKNOWN;
+  *info = it->second;
+  return TK_GS_OK;
+}
+
+const char* GSController::getTraceIdStr() const { return impl_->traceId.c_str(); }
+
 void GSController::setActiveVersion(const tk_gs_velt_version_t& v) {
-  std::lock_guard<std::mutex> lk(mu_);
-  activeVersion_ = v;
-  haveActiveVersion_ = true;
+  std::lock_guard<std::mutex> lk(impl_->mu);
+  impl_->activeVersion = v;
+  impl_->haveActiveVersion = true;
 }
 
 bool GSController::isConnected() const {
-  std::lock_guard<std::mutex> lk(mu_);
-  return fd_ >= 0 && !dead_;
+  std::lock_guard<std::mutex> lk(impl_->mu);
+  return impl_->fd >= 0 && !impl_->dead && !impl_->quitting;
+}
+
+int GSController::getNodeNumber() const {
+  std::lock_guard<std::mutex> lk(impl_->mu);
+  return impl_->node;
+}
+
+uint32_t GSController::agentVersion() const {
+  std::lock_guard<std::mutex> lk(impl_->mu);
+  return impl_->agentVersion;
 }
 
 int GSController::dispatchersWaitingForTesting() const {
-  std::lock_guard<std::mutex> lk(mu_);
-  return inPoll_;
+  std::lock_guard<std::mutex> lk(impl_->mu);
+  return impl_->waitingDispatchers;
 }
+
+void GSController::setHandshakeTimeoutForTesting(std::chrono::milliseconds bound) {
+  std::lock_guard<std::mutex> lk(impl_->mu);
+  impl_->handshakeBound = bound;
+}
+
+void GSController::setRequestTimeoutForTesting(std::chrono::milliseconds bound) {
+  std::lock_guard<std::mutex> lk(impl_->mu);
+  impl_->requestBound = bound;
+}
+
+// ---- what clients need of the controller ----
+
+namespace internal {
+
+GSController* ControllerAccess::current() { return theController.load(); }
+
+CallResult ControllerAccess::call(proto::Request* request, const char* what) {
+  GSController* c = current();
+  if (c == nullptr) {
+    CallResult r;
+    r.rc = TK_GS_NOT_INITIALIZED;
+    return r;
+  }
+  return c->impl_->call(request, what, false);
+}
+
+void ControllerAccess::sendDetached(proto::Request* request, const char* what) {
+  GSController* c = current();
+  if (c != nullptr) c->impl_->call(request, what, true);
+}
+
+uint64_t ControllerAccess::lastFrameSeq() {
+  GSController* c = current();
+  if (c == nullptr) return 0;
+  std::lock_guard<std::mutex> lk(c->impl_->mu);
+  return c->impl_->frameSeq;
+}
+
+uint16_t ControllerAccess::nodeNumber() {
+  GSController* c = current();
+  if (c == nullptr) return 0;
+  std::lock_guard<std::mutex> lk(c->impl_->mu);
+  return static_cast<uint16_t>(c->impl_->node < 0 ? 0 : c->impl_->node);
+}
+
+}  // namespace internal
 
 }  // namespace velt_gscl_V1

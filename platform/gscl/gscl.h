@@ -1,6 +1,7 @@
 // Umbrella header of libvx_gscl.
 #ifndef VELT_PLATFORM_GSCL_GSCL_H_
 #define VELT_PLATFORM_GSCL_GSCL_H_
+#include "gs_client.h"
 #include "gs_controller.h"
 #include "gs_market.h"
 #include "gs_thread.h"

@@ -1,5 +1,6 @@
-// Tests of GSController against a stand-in agent (a SOCK_SEQPACKET listener
-// in a temporary directory) and of the library's debug hooks.
+// Tests of GSController's connection against a stand-in agent (a
+// SOCK_SEQPACKET listener in a temporary directory that speaks the agent
+// protocol) and of the library's debug hooks.
 #include "gs_controller.h"
 
 #include <errno.h>
@@ -21,11 +22,14 @@
 #include <string>
 #include <vector>
 
+#include "fake_agent.h"
 #include "gscl_test_util.h"
 #include "internal/gs_internal.h"
 
 using namespace velt_gscl_V1;
+using gscl_test::FakeAgent;
 using gscl_test::kBound;
+using gscl_test::TempDir;
 using gscl_test::waitUntil;
 
 namespace {
@@ -64,90 +68,26 @@ bool anyReportContains(const std::vector<Report>& rs, const std::string& piece) 
   return false;
 }
 
-// A temporary directory, removed with what is left in it.
-class TempDir {
- public:
-  TempDir() {
-    const char* base = getenv("TMPDIR");
-    std::string tmpl = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/gscl-test-XXXXXX";
-    std::vector<char> buf(tmpl.begin(), tmpl.end());
-    buf.push_back('\0');
-    if (mkdtemp(buf.data()) != nullptr) path_ = buf.data();
-  }
-  ~TempDir() {
-    if (!path_.empty()) {
-      std::string cmd = "rm -rf '" + path_ + "'";
-      int rc = system(cmd.c_str());
-      (void)rc;
-    }
-  }
-  const std::string& path() const { return path_; }
- private:
-  std::string path_;
-};
-
-// A stand-in for the agent: listens on a socket path and accepts one
-// connection at a time.
-class FakeAgent {
- public:
-  explicit FakeAgent(const std::string& path, int type = SOCK_SEQPACKET) : path_(path) {
-    listenFd_ = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
-    struct sockaddr_un addr;
-    memset(&addr, 0, sizeof addr);
-    addr.sun_family = AF_UNIX;
-    strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
-    if (listenFd_ < 0 || bind(listenFd_, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) != 0 ||
-        listen(listenFd_, 4) != 0) {
-      error_ = errno;
-    }
-  }
-  ~FakeAgent() {
-    closeConnection();
-    if (listenFd_ >= 0) close(listenFd_);
-  }
-  int error() const { return error_; }
-
-  // Accepts the pending connection, waiting at most the bound.
-  bool acceptOne() {
-    struct pollfd p = {listenFd_, POLLIN, 0};
-    if (poll(&p, 1, static_cast<int>(std::chrono::milliseconds(kBound).count())) != 1) return false;
-    closeConnection();
-    connFd_ = accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
-    return connFd_ >= 0;
-  }
-  bool send(const std::string& frame) {
-    return ::send(connFd_, frame.data(), frame.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(frame.size());
-  }
-  void closeConnection() {
-    if (connFd_ >= 0) close(connFd_);
-    connFd_ = -1;
-  }
-  // Stops listening but leaves the socket file behind, as a crashed agent does.
-  void stopListening() {
-    if (listenFd_ >= 0) close(listenFd_);
-    listenFd_ = -1;
-  }
-  // Whether our side of the connection saw the client close it.
-  bool peerClosed() {
-    struct pollfd p = {connFd_, POLLIN, 0};
-    if (poll(&p, 1, static_cast<int>(std::chrono::milliseconds(kBound).count())) != 1) return false;
-    char c;
-    return recv(connFd_, &c, 1, MSG_DONTWAIT) == 0;
-  }
-
- private:
-  std::string path_;
-  int listenFd_ = -1;
-  int connFd_ = -1;
-  int error_ = 0;
-};
-
 // Makes an API enum field hold a value outside its range, as a C caller
 // can (written as bytes: C++ itself may not form such a value).
 template <typename E>
 void storeIntIntoEnum(E* field, int v) {
   static_assert(sizeof *field == sizeof v, "API enums are int-sized");
   memcpy(field, &v, sizeof v);
+}
+
+// Connects c to agent (the agent answers the hello on another thread) and
+// dispatches the domain control that follows the answer, so that the
+// controller's queue is empty afterwards.
+::testing::AssertionResult connectAndSettle(GSController& c, FakeAgent& agent) {
+  auto served = std::async(std::launch::async, [&] { return agent.handshake(); });
+  tk_gs_rc_t rc = c.initialize();
+  bool handshook = served.get();
+  if (rc != TK_GS_OK) return ::testing::AssertionFailure() << "initialize returned " << gscl_rc_name(rc);
+  if (!handshook) return ::testing::AssertionFailure() << "the stand-in agent's handshake failed";
+  rc = c.dispatch(TK_GS_BLOCKING);
+  if (rc != TK_GS_OK) return ::testing::AssertionFailure() << "dispatch of the domain control returned " << gscl_rc_name(rc);
+  return ::testing::AssertionSuccess();
 }
 
 // Each test runs with the agent socket path pointing into its own
@@ -291,9 +231,8 @@ TEST_F(GSControllerConnect, ConnectsToTheAgentOnce) {
   FakeAgent agent(socketPath_);
   ASSERT_EQ(0, agent.error());
   GSController c(kDaemonInterfaceWord);
-  ASSERT_EQ(TK_GS_OK, c.initialize());
+  ASSERT_TRUE(connectAndSettle(c, agent));
   EXPECT_TRUE(c.isConnected());
-  EXPECT_TRUE(agent.acceptOne());
   EXPECT_EQ(TK_GS_ALREADY_INITIALIZED, c.initialize());
   EXPECT_TRUE(c.isConnected());
 }
@@ -311,13 +250,11 @@ TEST_F(GSControllerConnect, ReconnectsAfterQuit) {
   FakeAgent agent(socketPath_);
   ASSERT_EQ(0, agent.error());
   GSController c(kDaemonInterfaceWord);
-  ASSERT_EQ(TK_GS_OK, c.initialize());
-  ASSERT_TRUE(agent.acceptOne());
+  ASSERT_TRUE(connectAndSettle(c, agent));
   c.quit();
   EXPECT_FALSE(c.isConnected());
   EXPECT_TRUE(agent.peerClosed());
-  ASSERT_EQ(TK_GS_OK, c.initialize());
-  EXPECT_TRUE(agent.acceptOne());
+  ASSERT_TRUE(connectAndSettle(c, agent));
   EXPECT_TRUE(c.isConnected());
 }
 
@@ -327,8 +264,7 @@ TEST_F(GSControllerDispatch, AgentClosingTheConnectionMeansGroupServicesDied) {
   FakeAgent agent(socketPath_);
   ASSERT_EQ(0, agent.error());
   GSController c(kDaemonInterfaceWord);
-  ASSERT_EQ(TK_GS_OK, c.initialize());
-  ASSERT_TRUE(agent.acceptOne());
+  ASSERT_TRUE(connectAndSettle(c, agent));
   auto blocked = std::async(std::launch::async, [&] { return c.dispatch(TK_GS_BLOCKING); });
   gscl_test::OnScopeExit release([&] { c.quit(); });
   ASSERT_TRUE(waitUntil([&] { return c.dispatchersWaitingForTesting() == 1; }));
@@ -342,45 +278,38 @@ TEST_F(GSControllerDispatch, AgentClosingTheConnectionMeansGroupServicesDied) {
   EXPECT_EQ(TK_GS_GS_HAS_DIED, c.dispatch(TK_GS_NON_BLOCKING));
   EXPECT_EQ(TK_GS_ALREADY_INITIALIZED, c.initialize());
   c.quit();
-  EXPECT_EQ(TK_GS_OK, c.initialize());
+  EXPECT_TRUE(connectAndSettle(c, agent));
   EXPECT_TRUE(c.isConnected());
 }
 
-TEST_F(GSControllerDispatch, FramesAreReadOneAtATime) {
+TEST_F(GSControllerDispatch, OneNotificationPerCall) {
   FakeAgent agent(socketPath_);
   ASSERT_EQ(0, agent.error());
   GSController c(kDaemonInterfaceWord);
-  ASSERT_EQ(TK_GS_OK, c.initialize());
-  ASSERT_TRUE(agent.acceptOne());
+  ASSERT_TRUE(connectAndSettle(c, agent));
   EXPECT_EQ(TK_GS_NO_NOTIFICATION, c.dispatch(TK_GS_NON_BLOCKING));
-  ASSERT_TRUE(agent.send("first"));
-  ASSERT_TRUE(agent.send("second"));
+  ASSERT_TRUE(agent.ping(1, 10));
+  ASSERT_TRUE(agent.ping(2, 10));
   EXPECT_EQ(TK_GS_OK, c.dispatch(TK_GS_BLOCKING));
-  EXPECT_EQ(TK_GS_OK, c.dispatch(TK_GS_NON_BLOCKING));
+  ASSERT_TRUE(waitUntil([&] { return c.dispatch(TK_GS_NON_BLOCKING) == TK_GS_OK; }));
   EXPECT_EQ(TK_GS_NO_NOTIFICATION, c.dispatch(TK_GS_NON_BLOCKING));
   EXPECT_TRUE(c.isConnected());
 }
 
-TEST_F(GSControllerDispatch, OversizedFrameIsDroppedWhole) {
+TEST_F(GSControllerDispatch, OversizedPacketLosesTheConnection) {
   FakeAgent agent(socketPath_);
   ASSERT_EQ(0, agent.error());
-  GSSetDebugLevel(1);
   GSController c(kDaemonInterfaceWord);
-  ASSERT_EQ(TK_GS_OK, c.initialize());
-  ASSERT_TRUE(agent.acceptOne());
-  ASSERT_TRUE(agent.send(std::string(20000, 'x')));
-  EXPECT_EQ(TK_GS_OK, c.dispatch(TK_GS_BLOCKING));
-  // Nothing of it is left to be read as another frame.
-  EXPECT_EQ(TK_GS_NO_NOTIFICATION, c.dispatch(TK_GS_NON_BLOCKING));
-  std::vector<Report> rs = takeReports();
-  bool sawDetail = false;
-  for (const Report& r : rs) {
-    if (r.debugRoute && r.text.find("20000 bytes") != std::string::npos &&
-        r.text.find("oversized") != std::string::npos) {
-      sawDetail = true;
-    }
-  }
-  EXPECT_TRUE(sawDetail);
+  ASSERT_TRUE(connectAndSettle(c, agent));
+  takeReports();
+  std::string packet = "VF";
+  packet.push_back(1);
+  packet.push_back(0);
+  packet.append(70000, 'x');
+  ASSERT_TRUE(agent.sendRaw(packet));
+  EXPECT_EQ(TK_GS_GS_HAS_DIED, c.dispatch(TK_GS_BLOCKING));
+  EXPECT_FALSE(c.isConnected());
+  EXPECT_TRUE(anyReportContains(takeReports(), "packet of 70004 bytes"));
 }
 
 // ---- quit ----
@@ -389,8 +318,7 @@ TEST_F(GSControllerQuit, ReleasesABlockedDispatch) {
   FakeAgent agent(socketPath_);
   ASSERT_EQ(0, agent.error());
   GSController c(kDaemonInterfaceWord);
-  ASSERT_EQ(TK_GS_OK, c.initialize());
-  ASSERT_TRUE(agent.acceptOne());
+  ASSERT_TRUE(connectAndSettle(c, agent));
   auto blocked = std::async(std::launch::async, [&] { return c.dispatch(TK_GS_BLOCKING); });
   gscl_test::OnScopeExit release([&] { c.quit(); });
   ASSERT_TRUE(waitUntil([&] { return c.dispatchersWaitingForTesting() == 1; }));
@@ -405,21 +333,19 @@ TEST_F(GSControllerQuit, LeavesNoWakeUpForTheNextConnection) {
   FakeAgent agent(socketPath_);
   ASSERT_EQ(0, agent.error());
   GSController c(kDaemonInterfaceWord);
-  ASSERT_EQ(TK_GS_OK, c.initialize());
-  ASSERT_TRUE(agent.acceptOne());
+  ASSERT_TRUE(connectAndSettle(c, agent));
   auto blocked = std::async(std::launch::async, [&] { return c.dispatch(TK_GS_BLOCKING); });
   gscl_test::OnScopeExit release([&] { c.quit(); });
   ASSERT_TRUE(waitUntil([&] { return c.dispatchersWaitingForTesting() == 1; }));
   c.quit();
   ASSERT_EQ(std::future_status::ready, blocked.wait_for(kBound));
-  ASSERT_EQ(TK_GS_OK, c.initialize());
+  ASSERT_TRUE(connectAndSettle(c, agent));
   EXPECT_EQ(TK_GS_NO_NOTIFICATION, c.dispatch(TK_GS_NON_BLOCKING));
   // A new blocking dispatch waits for the agent, not for the old wake-up.
   auto next = std::async(std::launch::async, [&] { return c.dispatch(TK_GS_BLOCKING); });
   gscl_test::OnScopeExit releaseNext([&] { c.quit(); });
   ASSERT_TRUE(waitUntil([&] { return c.dispatchersWaitingForTesting() == 1; }));
-  ASSERT_TRUE(agent.acceptOne());
-  ASSERT_TRUE(agent.send("hello"));
+  ASSERT_TRUE(agent.ping(7, 10));
   ASSERT_EQ(std::future_status::ready, next.wait_for(kBound));
   EXPECT_EQ(TK_GS_OK, next.get());
 }
@@ -429,7 +355,7 @@ TEST_F(GSControllerQuit, IsIdempotent) {
   ASSERT_EQ(0, agent.error());
   GSController c(kDaemonInterfaceWord);
   c.quit();   // never connected
-  ASSERT_EQ(TK_GS_OK, c.initialize());
+  ASSERT_TRUE(connectAndSettle(c, agent));
   c.quit();
   c.quit();
   EXPECT_FALSE(c.isConnected());
@@ -550,7 +476,7 @@ TEST(GSControllerSettings, OnlyKnownSocketOptionsAreTaken) {
   EXPECT_FALSE(c.isSocketOptionSet(2));
 }
 
-TEST(GSControllerSettings, NoFfdcIdAndNoDissolveYet) {
+TEST(GSControllerSettings, NoFfdcIdBeforeAFailureAndNoDissolve) {
   GSController c(kDaemonInterfaceWord);
   EXPECT_EQ(nullptr, c.get_ffdc_id());
   EXPECT_EQ(TK_GS_NOT_SUPPORTED, c.dissolveDomain());
