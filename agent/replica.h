@@ -91,6 +91,11 @@ class Replica : public BusHandler {
   int clientGone(uint64_t client, const std::string& why);
   // The agent's timer: a deadline handed out by deadlinesChanged passed.
   int fireTimeout(const Deadline& deadline);
+  // Sends what the bus refused earlier (EAGAIN): this node's snapshot, or
+  // requests queued behind one it refused. Every call into the replica
+  // tries too, but a quiet cluster makes none: while this returns non-zero
+  // (the bus's errno value), the agent calls it again after a short delay.
+  int flushPending();
 
   bool isSynced() const;
   uint32_t selfNode() const;
