@@ -1,0 +1,213 @@
+#include "agent_options.h"
+
+#include <errno.h>
+#include <getopt.h>
+#include <grp.h>
+#include <pwd.h>
+#include <stdlib.h>
+#include <sys/un.h>
+
+#include "vx_cu.h"
+
+namespace velt {
+namespace agent {
+
+namespace {
+
+const char kUsage[] =
+    "usage: veltd --standalone [--socket PATH] [--state-dir DIR] [options]\n"
+    "options:\n"
+    "  --standalone           one node without corosync (the loopback bus)\n"
+    "  --socket PATH          the agent socket (default /run/velt/agent.sock)\n"
+    "  --state-dir DIR        where the agent keeps its state (default /var/lib/velt)\n"
+    "  --log FILE             the agent's log (default: standard error)\n"
+    "  --allow-uid UID        also let this user connect (number or name; repeatable)\n"
+    "  --allow-gid GID        also let this group connect (number or name; repeatable)\n"
+    "  --claim-version V.R.M.F  claim this (older) software level, for tests\n"
+    "  --node N               this node's number in standalone mode (1..65535, default 1)\n"
+    "  -h, --help             show this text\n"
+    "root and the agent's own user may always connect.\n"
+    "exit status: 0 after SIGTERM/SIGINT, 1 when the agent cannot run, 2 for usage errors.\n";
+
+// A decimal number within [lo, hi]; false for anything else.
+bool parseNumber(const char* text, unsigned long lo, unsigned long hi, unsigned long* out) {
+  if (text == nullptr || text[0] < '0' || text[0] > '9') return false;
+  char* end = nullptr;
+  errno = 0;
+  unsigned long v = strtoul(text, &end, 10);
+  if (errno != 0 || *end != '\0' || v < lo || v > hi) return false;
+  *out = v;
+  return true;
+}
+
+// Buffer size for the reentrant user and group lookups; entries larger than
+// this are refused rather than chased with ever larger buffers.
+constexpr size_t kLookupBuffer = 64 * 1024;
+
+bool lookupUid(const char* text, uid_t* uid, std::string* error) {
+  unsigned long v;
+  if (parseNumber(text, 0, 0xfffffffeul, &v)) {
+    *uid = static_cast<uid_t>(v);
+    return true;
+  }
+  std::vector<char> buf(kLookupBuffer);
+  struct passwd pw;
+  struct passwd* found = nullptr;
+  int rc = getpwnam_r(text, &pw, buf.data(), buf.size(), &found);
+  if (rc != 0 || found == nullptr) {
+    *error = std::string("--allow-uid: no user \"") + text + "\"";
+    return false;
+  }
+  *uid = found->pw_uid;
+  return true;
+}
+
+bool lookupGid(const char* text, gid_t* gid, std::string* error) {
+  unsigned long v;
+  if (parseNumber(text, 0, 0xfffffffeul, &v)) {
+    *gid = static_cast<gid_t>(v);
+    return true;
+  }
+  std::vector<char> buf(kLookupBuffer);
+  struct group gr;
+  struct group* found = nullptr;
+  int rc = getgrnam_r(text, &gr, buf.data(), buf.size(), &found);
+  if (rc != 0 || found == nullptr) {
+    *error = std::string("--allow-gid: no group \"") + text + "\"";
+    return false;
+  }
+  *gid = found->gr_gid;
+  return true;
+}
+
+}  // namespace
+
+const char* agentUsage() { return kUsage; }
+
+std::string formatVersion(uint32_t packed) {
+  return std::to_string(packed >> 24) + "." + std::to_string((packed >> 16) & 0xff) + "." +
+         std::to_string((packed >> 8) & 0xff) + "." + std::to_string(packed & 0xff);
+}
+
+bool parseVersion(const std::string& text, uint32_t* packed) {
+  uint8_t parts[4];
+  if (cu_parse_velt_version(text.c_str(), parts) != 0) return false;
+  *packed = (uint32_t{parts[0]} << 24) | (uint32_t{parts[1]} << 16) | (uint32_t{parts[2]} << 8) |
+            uint32_t{parts[3]};
+  return true;
+}
+
+ParseOutcome parseAgentOptions(int argc, char** argv, AgentOptions* options,
+                               std::string* error) {
+  enum {
+    kOptStandalone = 256,
+    kOptSocket,
+    kOptStateDir,
+    kOptLog,
+    kOptAllowUid,
+    kOptAllowGid,
+    kOptClaimVersion,
+    kOptNode,
+  };
+  static const struct option kLong[] = {
+      {"standalone", no_argument, nullptr, kOptStandalone},
+      {"socket", required_argument, nullptr, kOptSocket},
+      {"state-dir", required_argument, nullptr, kOptStateDir},
+      {"log", required_argument, nullptr, kOptLog},
+      {"allow-uid", required_argument, nullptr, kOptAllowUid},
+      {"allow-gid", required_argument, nullptr, kOptAllowGid},
+      {"claim-version", required_argument, nullptr, kOptClaimVersion},
+      {"node", required_argument, nullptr, kOptNode},
+      {"help", no_argument, nullptr, 'h'},
+      {nullptr, 0, nullptr, 0},
+  };
+  AgentOptions o;
+  opterr = 0;
+  optind = 0;   // 0: glibc starts over completely (the parser may run more than once)
+  int c;
+  while ((c = getopt_long(argc, argv, "+:h", kLong, nullptr)) != -1) {
+    switch (c) {
+      case 'h':
+        return ParseOutcome::kHelp;
+      case kOptStandalone:
+        o.standalone = true;
+        break;
+      case kOptSocket: {
+        std::string path = optarg;
+        if (path.empty()) {
+          *error = "--socket: the path is empty";
+          return ParseOutcome::kUsageError;
+        }
+        if (path.size() >= sizeof(sockaddr_un{}.sun_path)) {
+          *error = "--socket: the path is " + std::to_string(path.size()) +
+                   " characters long, at most " +
+                   std::to_string(sizeof(sockaddr_un{}.sun_path) - 1) + " fit";
+          return ParseOutcome::kUsageError;
+        }
+        if (path.back() == '/') {
+          *error = "--socket: \"" + path + "\" names a directory, not a socket";
+          return ParseOutcome::kUsageError;
+        }
+        o.socketPath = path;
+        break;
+      }
+      case kOptStateDir:
+        if (optarg[0] == '\0') {
+          *error = "--state-dir: the directory is empty";
+          return ParseOutcome::kUsageError;
+        }
+        o.stateDir = optarg;
+        break;
+      case kOptLog:
+        if (optarg[0] == '\0') {
+          *error = "--log: the file name is empty";
+          return ParseOutcome::kUsageError;
+        }
+        o.logPath = optarg;
+        break;
+      case kOptAllowUid: {
+        uid_t uid;
+        if (!lookupUid(optarg, &uid, error)) return ParseOutcome::kUsageError;
+        o.allowUids.push_back(uid);
+        break;
+      }
+      case kOptAllowGid: {
+        gid_t gid;
+        if (!lookupGid(optarg, &gid, error)) return ParseOutcome::kUsageError;
+        o.allowGids.push_back(gid);
+        break;
+      }
+      case kOptClaimVersion:
+        if (!parseVersion(optarg, &o.agentVersion)) {
+          *error = std::string("--claim-version: \"") + optarg +
+                   "\" is not a version V.R.M.F (each part 0..255)";
+          return ParseOutcome::kUsageError;
+        }
+        break;
+      case kOptNode: {
+        unsigned long v;
+        if (!parseNumber(optarg, 1, 65535, &v)) {
+          *error = std::string("--node: \"") + optarg + "\" is not a node number (1..65535)";
+          return ParseOutcome::kUsageError;
+        }
+        o.node = static_cast<uint32_t>(v);
+        break;
+      }
+      case ':':
+        *error = std::string("option ") + argv[optind - 1] + " needs a value";
+        return ParseOutcome::kUsageError;
+      default:
+        *error = std::string("unknown option ") + argv[optind - 1];
+        return ParseOutcome::kUsageError;
+    }
+  }
+  if (optind < argc) {
+    *error = std::string("unexpected argument \"") + argv[optind] + "\"";
+    return ParseOutcome::kUsageError;
+  }
+  *options = std::move(o);
+  return ParseOutcome::kRun;
+}
+
+}  // namespace agent
+}  // namespace velt

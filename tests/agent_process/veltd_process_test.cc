@@ -1,0 +1,702 @@
+// The agent as a process: a real `veltd --standalone` in a private
+// directory, talked to over its socket in raw frames and with veltctl.
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "agent_harness.h"
+
+namespace velt_test {
+namespace {
+
+using velt::proto::AgentFrame;
+using velt::proto::ClientFrame;
+using velt::proto::HelloReply;
+using velt::proto::Notification;
+using velt::proto::Query;
+using velt::proto::Reply;
+using velt::proto::Request;
+
+constexpr int kRcPermissionDenied = 8;
+constexpr int kRcUnknownGroup = 10;
+constexpr int kRcLimitExceeded = 14;
+constexpr uint32_t kNobody = 65534;
+
+int64_t nowMs() {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+// An agent started fresh for each test.
+class AgentTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_FALSE(dir_.path().empty()); }
+  void TearDown() override {
+    EXPECT_TRUE(agent_.stopCleanly()) << "exit status " << agent_.exitStatus() << "\n"
+                                      << agent_.err();
+  }
+  void startAgent(const std::vector<std::string>& args = {}) {
+    ASSERT_TRUE(agent_.startReady(args)) << agent_.err() << agent_.log();
+  }
+  // A client that has said hello.
+  std::unique_ptr<TestClient> connected(uint32_t pingInterval = 0, uint32_t pingLimit = 0) {
+    auto c = std::make_unique<TestClient>();
+    EXPECT_EQ(c->connect(agent_.socketPath()), 0);
+    HelloReply r;
+    EXPECT_TRUE(c->hello(&r, pingInterval, pingLimit));
+    EXPECT_EQ(r.rc(), 0) << r.text();
+    return c;
+  }
+  // The agent still answers a fresh client.
+  void expectServing() {
+    auto c = connected();
+    uint64_t id = c->request(queryRequest(Query::STATUS));
+    Reply r;
+    ASSERT_TRUE(c->waitReply(id, &r)) << "the agent no longer answers";
+    EXPECT_EQ(r.rc(), 0);
+  }
+
+  TempDir dir_;
+  AgentProcess agent_{dir_.path()};
+};
+
+// ------------------------------------------------------------ command line
+
+TEST(VeltdCommandLine, HelpPrintsUsageAndExitsZero) {
+  CommandResult r = runCommand({veltdPath(), "--help"}, {}, kPromptMs);
+  EXPECT_EQ(r.status, 0);
+  EXPECT_NE(r.out.find("usage: veltd --standalone"), std::string::npos) << r.out;
+}
+
+TEST(VeltdCommandLine, WithoutStandaloneSaysCorosyncIsMissingAndExitsTwo) {
+  TempDir dir;
+  CommandResult r = runCommand({veltdPath(), "--socket", dir.file("a.sock"), "--state-dir",
+                                dir.file("state")},
+                               {}, kPromptMs);
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.err.find("corosync transport is not available yet"), std::string::npos) << r.err;
+  struct stat st;
+  EXPECT_NE(lstat(dir.file("a.sock").c_str(), &st), 0) << "nothing may be left behind";
+}
+
+TEST(VeltdCommandLine, BadOptionIsAUsageError) {
+  CommandResult r = runCommand({veltdPath(), "--standalone", "--node", "zero"}, {}, kPromptMs);
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.err.find("--node"), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("usage:"), std::string::npos) << r.err;
+}
+
+// ----------------------------------------------------------------- socket
+
+using VeltdSocket = AgentTest;
+
+TEST_F(VeltdSocket, DirectoryIsCreatedAndTheSocketIsOpenToAll) {
+  startAgent();
+  struct stat st;
+  ASSERT_EQ(stat(dir_.file("run").c_str(), &st), 0);
+  EXPECT_TRUE(S_ISDIR(st.st_mode));
+  EXPECT_EQ(st.st_mode & 07777, 0755u);
+  ASSERT_EQ(lstat(agent_.socketPath().c_str(), &st), 0);
+  EXPECT_TRUE(S_ISSOCK(st.st_mode));
+  EXPECT_EQ(st.st_mode & 0777, 0666u);
+  ASSERT_EQ(stat(agent_.stateDir().c_str(), &st), 0);
+  EXPECT_TRUE(S_ISDIR(st.st_mode));
+}
+
+TEST_F(VeltdSocket, StaleSocketFileIsReplaced) {
+  ASSERT_EQ(mkdir(dir_.file("run").c_str(), 0755), 0);
+  // What a killed agent leaves: a socket file nobody listens on.
+  int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+  struct sockaddr_un addr;
+  memset(&addr, 0, sizeof addr);
+  addr.sun_family = AF_UNIX;
+  snprintf(addr.sun_path, sizeof addr.sun_path, "%s", agent_.socketPath().c_str());
+  ASSERT_EQ(bind(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr), 0);
+  close(fd);
+  startAgent();
+  EXPECT_TRUE(agent_.waitForLog("replaced the stale socket"));
+  expectServing();
+}
+
+TEST_F(VeltdSocket, SecondAgentOnTheSameSocketRefusesToStart) {
+  startAgent();
+  TempDir other;
+  CommandResult r = runCommand({veltdPath(), "--standalone", "--socket", agent_.socketPath(),
+                                "--state-dir", other.file("state")},
+                               {}, kPromptMs);
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("another agent is serving"), std::string::npos) << r.err;
+  expectServing();
+}
+
+TEST_F(VeltdSocket, RegularFileInThePlaceOfTheSocketIsLeftAlone) {
+  ASSERT_EQ(mkdir(dir_.file("run").c_str(), 0755), 0);
+  { std::ofstream(agent_.socketPath()) << "precious"; }
+  ASSERT_TRUE(agent_.start());
+  ASSERT_TRUE(agent_.waitExit(kPromptMs));
+  EXPECT_EQ(agent_.exitStatus(), 1);
+  EXPECT_NE(agent_.err().find("is not a socket"), std::string::npos) << agent_.err();
+  EXPECT_EQ(readFile(agent_.socketPath()), "precious");
+}
+
+TEST_F(VeltdSocket, EveryDescriptorIsCloseOnExec) {
+  startAgent();
+  auto client = connected();
+  std::string fdDir = "/proc/" + std::to_string(agent_.pid()) + "/fd";
+  DIR* d = opendir(fdDir.c_str());
+  ASSERT_NE(d, nullptr);
+  int checked = 0;
+  while (struct dirent* e = readdir(d)) {
+    if (e->d_name[0] == '.') continue;
+    int fd = atoi(e->d_name);
+    if (fd <= 2) continue;   // inherited standard streams
+    std::ifstream info("/proc/" + std::to_string(agent_.pid()) + "/fdinfo/" + e->d_name);
+    std::string key, flags;
+    while (info >> key) {
+      if (key == "flags:") {
+        info >> flags;
+        break;
+      }
+    }
+    ASSERT_FALSE(flags.empty()) << "fd " << fd;
+    unsigned long value = strtoul(flags.c_str(), nullptr, 8);
+    EXPECT_NE(value & 02000000, 0u) << "fd " << fd << " lacks close-on-exec";
+    ++checked;
+  }
+  closedir(d);
+  // Listener, client, loop, signal pipe, bus wake-up and log at least.
+  EXPECT_GE(checked, 5);
+}
+
+// -------------------------------------------------------------- handshake
+
+using VeltdHandshake = AgentTest;
+
+TEST_F(VeltdHandshake, HelloGetsReplyThenDomainControl) {
+  startAgent({"--node", "3"});
+  TestClient c;
+  ASSERT_EQ(c.connect(agent_.socketPath()), 0);
+  ASSERT_EQ(c.send(helloFrame()), 0);
+  AgentFrame f;
+  ASSERT_EQ(c.receive(&f, kPromptMs), TestClient::Got::kFrame);
+  ASSERT_TRUE(f.has_hello_reply());
+  EXPECT_EQ(f.version(), 1u);
+  EXPECT_EQ(f.hello_reply().rc(), 0);
+  EXPECT_EQ(f.hello_reply().node(), 3u);
+  EXPECT_EQ(f.hello_reply().agent_version(), 0x02050000u);
+  EXPECT_EQ(f.hello_reply().active_version(), 0x02050000u);
+  ASSERT_EQ(c.receive(&f, kPromptMs), TestClient::Got::kFrame);
+  ASSERT_TRUE(f.has_domain_control());
+  EXPECT_EQ(f.domain_control().event(), 3u);
+  EXPECT_EQ(f.domain_control().active_version(), 0x02050000u);
+}
+
+TEST_F(VeltdHandshake, ClaimedVersionIsWhatClientsSee) {
+  startAgent({"--claim-version", "2.4.0.0"});
+  TestClient c;
+  ASSERT_EQ(c.connect(agent_.socketPath()), 0);
+  HelloReply r;
+  ASSERT_TRUE(c.hello(&r));
+  EXPECT_EQ(r.agent_version(), 0x02040000u);
+  EXPECT_EQ(r.active_version(), 0x02040000u);
+  AgentFrame f;
+  ASSERT_TRUE(c.waitFor([](const AgentFrame& a) { return a.has_domain_control(); }, &f));
+  EXPECT_EQ(f.domain_control().active_version(), 0x02040000u);
+}
+
+TEST_F(VeltdHandshake, UnsupportedResponsivenessIsRefusedWithItsReason) {
+  startAgent();
+  TestClient c;
+  ASSERT_EQ(c.connect(agent_.socketPath()), 0);
+  ClientFrame hello = helloFrame();
+  hello.mutable_hello()->mutable_responsiveness()->set_type(1);   // ping without an interval
+  ASSERT_EQ(c.send(hello), 0);
+  AgentFrame f;
+  ASSERT_EQ(c.receive(&f, kPromptMs), TestClient::Got::kFrame);
+  ASSERT_TRUE(f.has_hello_reply());
+  EXPECT_EQ(f.hello_reply().rc(), 6);
+  EXPECT_NE(f.hello_reply().text().find("interval"), std::string::npos);
+  EXPECT_TRUE(c.waitClosed());
+}
+
+TEST_F(VeltdHandshake, RequestWithoutOperationGetsBadParameter) {
+  startAgent();
+  auto c = connected();
+  uint64_t id = c->request(Request());
+  Reply r;
+  ASSERT_TRUE(c->waitReply(id, &r));
+  EXPECT_EQ(r.rc(), 6);
+}
+
+TEST_F(VeltdHandshake, QueryAboutAnUnknownGroupGetsUnknownGroup) {
+  startAgent();
+  auto c = connected();
+  uint64_t id = c->request(queryRequest(Query::MEMBERS, "nosuchgroup"));
+  Reply r;
+  ASSERT_TRUE(c->waitReply(id, &r));
+  EXPECT_EQ(r.rc(), kRcUnknownGroup);
+  EXPECT_FALSE(r.has_answer());
+  id = c->request(queryRequest(Query::MEMBERS, std::string(65, 'n')));
+  ASSERT_TRUE(c->waitReply(id, &r));
+  EXPECT_EQ(r.rc(), kRcLimitExceeded);
+}
+
+// ------------------------------------------------------------ credentials
+
+// Runs in a child that dropped to uid/gid 65534 (root only): connects, says
+// hello and exits with the hello reply's return code (0 or 8), or 90+ when
+// something else went wrong.
+int helloAsNobody(const std::string& socketPath) {
+  pid_t child = fork();
+  if (child == 0) {
+    if (setgroups(0, nullptr) != 0 || setresgid(kNobody, kNobody, kNobody) != 0 ||
+        setresuid(kNobody, kNobody, kNobody) != 0) {
+      _exit(90);
+    }
+    TestClient c;
+    if (c.connect(socketPath) != 0) _exit(91);
+    HelloReply r;
+    if (!c.hello(&r)) _exit(92);
+    if (r.rc() == kRcPermissionDenied) {
+      if (r.text().find("uid 65534 may not use this agent") == std::string::npos) _exit(93);
+      if (!c.waitClosed()) _exit(94);
+      _exit(kRcPermissionDenied);
+    }
+    if (r.rc() != 0) _exit(95);
+    AgentFrame f;
+    if (!c.waitFor([](const AgentFrame& a) { return a.has_domain_control(); }, &f)) _exit(96);
+    _exit(0);
+  }
+  int raw = 0;
+  if (child < 0 || waitpid(child, &raw, 0) != child || !WIFEXITED(raw)) return -1;
+  return WEXITSTATUS(raw);
+}
+
+using VeltdCredentials = AgentTest;
+
+TEST_F(VeltdCredentials, UserNotOnTheListIsRefused) {
+  if (geteuid() != 0) GTEST_SKIP() << "SKIP: needs root to connect as uid 65534";
+  startAgent();
+  EXPECT_EQ(helloAsNobody(agent_.socketPath()), kRcPermissionDenied);
+  EXPECT_TRUE(agent_.waitForLog("uid 65534 is not allowed"));
+  expectServing();
+}
+
+TEST_F(VeltdCredentials, UserOnTheListIsAccepted) {
+  if (geteuid() != 0) GTEST_SKIP() << "SKIP: needs root to connect as uid 65534";
+  startAgent({"--allow-uid", "65534"});
+  EXPECT_EQ(helloAsNobody(agent_.socketPath()), 0);
+}
+
+TEST_F(VeltdCredentials, GroupOnTheListIsAccepted) {
+  if (geteuid() != 0) GTEST_SKIP() << "SKIP: needs root to connect as uid 65534";
+  startAgent({"--allow-gid", "65534"});
+  EXPECT_EQ(helloAsNobody(agent_.socketPath()), 0);
+}
+
+TEST_F(VeltdCredentials, RefusedConnectionsNeverTakeAClientsPlace) {
+  if (geteuid() != 0) GTEST_SKIP() << "SKIP: needs root to connect as uid 65534";
+  startAgent();
+  constexpr int kFlood = 300;
+  int ready[2], done[2];
+  ASSERT_EQ(pipe(ready), 0);
+  ASSERT_EQ(pipe(done), 0);
+  pid_t child = fork();
+  if (child == 0) {
+    if (setgroups(0, nullptr) != 0 || setresgid(kNobody, kNobody, kNobody) != 0 ||
+        setresuid(kNobody, kNobody, kNobody) != 0) {
+      _exit(90);
+    }
+    // Opens connections and keeps them; none may be let in.
+    std::vector<std::unique_ptr<TestClient>> held;
+    for (int i = 0; i < kFlood; ++i) {
+      held.push_back(std::make_unique<TestClient>());
+      if (held.back()->connect(agent_.socketPath()) != 0) _exit(91);
+      AgentFrame f;
+      TestClient::Got got = held.back()->receive(&f, kPromptMs);
+      if (got == TestClient::Got::kTimeout) _exit(92);
+      if (got == TestClient::Got::kFrame && f.hello_reply().rc() != kRcPermissionDenied) _exit(93);
+    }
+    char c = 'r';
+    if (write(ready[1], &c, 1) != 1) _exit(94);
+    if (read(done[0], &c, 1) != 1) _exit(95);
+    _exit(0);
+  }
+  close(ready[1]);
+  close(done[0]);
+  char c;
+  ASSERT_EQ(read(ready[0], &c, 1), 1) << "the flood did not finish";
+  // While the refused connections are held, a client still gets in.
+  expectServing();
+  ASSERT_EQ(write(done[1], "g", 1), 1);
+  int raw = 0;
+  ASSERT_EQ(waitpid(child, &raw, 0), child);
+  EXPECT_TRUE(WIFEXITED(raw) && WEXITSTATUS(raw) == 0) << "child status " << raw;
+  close(ready[0]);
+  close(done[1]);
+  ASSERT_TRUE(agent_.waitForLog("cut off unanswered"));
+  // The log rations lines about refusals.
+  std::string log = agent_.log();
+  size_t lines = 0;
+  for (size_t at = log.find("uid 65534"); at != std::string::npos; at = log.find("uid 65534", at + 1)) {
+    ++lines;
+  }
+  EXPECT_LT(lines, static_cast<size_t>(kFlood) / 2);
+}
+
+// ------------------------------------------------------------- bad input
+
+// Each case closes the offending connection only: a client connected
+// before it is still served afterwards, and so is a new one.
+class VeltdMalformedInput : public AgentTest {
+ protected:
+  void SetUp() override {
+    AgentTest::SetUp();
+    startAgent();
+    bystander_ = connected();
+  }
+  void expectOthersServed() {
+    uint64_t id = bystander_->request(queryRequest(Query::STATUS));
+    Reply r;
+    EXPECT_TRUE(bystander_->waitReply(id, &r)) << "a bystander lost its agent";
+    expectServing();
+    EXPECT_TRUE(agent_.running());
+  }
+  std::unique_ptr<TestClient> bystander_;
+};
+
+TEST_F(VeltdMalformedInput, GarbageBytesCloseThatClient) {
+  TestClient c;
+  ASSERT_EQ(c.connect(agent_.socketPath()), 0);
+  ASSERT_EQ(c.sendPacket("this is no frame at all"), 0);
+  EXPECT_TRUE(c.waitClosed());
+  EXPECT_TRUE(agent_.waitForLog("closed: malformed frame: packet does not start with the frame marker"));
+  expectOthersServed();
+}
+
+TEST_F(VeltdMalformedInput, FramedBytesThatAreNoProtobufCloseThatClient) {
+  TestClient c;
+  ASSERT_EQ(c.connect(agent_.socketPath()), 0);
+  ASSERT_EQ(c.sendMessage(std::string("\xff\xff\xff\xff\xff", 5)), 0);
+  EXPECT_TRUE(c.waitClosed());
+  EXPECT_TRUE(agent_.waitForLog("bytes that are no client frame"));
+  expectOthersServed();
+}
+
+TEST_F(VeltdMalformedInput, OtherWireVersionClosesThatClient) {
+  TestClient c;
+  ASSERT_EQ(c.connect(agent_.socketPath()), 0);
+  ClientFrame hello = helloFrame();
+  hello.set_version(2);
+  ASSERT_EQ(c.send(hello), 0);
+  EXPECT_TRUE(c.waitClosed());
+  EXPECT_TRUE(agent_.waitForLog("wire version 2 is not supported"));
+  expectOthersServed();
+}
+
+TEST_F(VeltdMalformedInput, RequestBeforeHelloClosesThatClient) {
+  TestClient c;
+  ASSERT_EQ(c.connect(agent_.socketPath()), 0);
+  c.request(queryRequest(Query::STATUS));
+  EXPECT_TRUE(c.waitClosed());
+  EXPECT_TRUE(agent_.waitForLog("a request before the hello"));
+  expectOthersServed();
+}
+
+TEST_F(VeltdMalformedInput, SecondHelloClosesThatClient) {
+  auto c = connected();
+  ASSERT_EQ(c->send(helloFrame()), 0);
+  EXPECT_TRUE(c->waitClosed());
+  EXPECT_TRUE(agent_.waitForLog("a second hello"));
+  expectOthersServed();
+}
+
+TEST_F(VeltdMalformedInput, MessageOverTheBoundClosesThatClient) {
+  auto c = connected();
+  // 16 MiB and one byte in well-formed packets: refused when the bound is
+  // passed, before the rest arrives.
+  std::string huge(16 * 1024 * 1024 + 1, 'x');
+  c->sendMessage(huge);   // fails part-way once the agent has closed
+  EXPECT_TRUE(c->waitClosed());
+  EXPECT_TRUE(agent_.waitForLog("message larger than 16777216 bytes"));
+  expectOthersServed();
+}
+
+TEST_F(VeltdMalformedInput, PacketOverTheLimitClosesThatClient) {
+  TestClient c;
+  ASSERT_EQ(c.connect(agent_.socketPath()), 0);
+  std::string packet = "VF";
+  packet.push_back(1);
+  packet.push_back(0);
+  packet.append(70 * 1024, 'y');
+  ASSERT_EQ(c.sendPacket(packet), 0);
+  EXPECT_TRUE(c.waitClosed());
+  EXPECT_TRUE(agent_.waitForLog("a packet larger than"));
+  expectOthersServed();
+}
+
+// -------------------------------------------------------- connection limit
+
+using VeltdConnectionLimit = AgentTest;
+
+TEST_F(VeltdConnectionLimit, ConnectionPastTheLimitIsRefusedAndAPlaceFreesUp) {
+  // This test holds about 1030 descriptors itself.
+  struct rlimit rl;
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &rl), 0);
+  if (rl.rlim_max < 1200) GTEST_SKIP() << "SKIP: the descriptor limit is below 1200";
+  rlimit raised = rl;
+  raised.rlim_cur = std::max<rlim_t>(rl.rlim_cur, 1200);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &raised), 0);
+  startAgent();
+  // The readiness probe must have left before the connections are counted.
+  ASSERT_TRUE(agent_.waitForLog("client 1 (pid"));
+  ASSERT_TRUE(agent_.waitForLog("closed: the client closed the connection"));
+
+  std::vector<std::unique_ptr<TestClient>> held;
+  for (int i = 0; i < 1024; ++i) {
+    held.push_back(std::make_unique<TestClient>());
+    ASSERT_EQ(held.back()->connect(agent_.socketPath()), 0) << "connection " << i;
+  }
+  TestClient extra;
+  ASSERT_EQ(extra.connect(agent_.socketPath()), 0);
+  AgentFrame f;
+  ASSERT_EQ(extra.receive(&f, kPromptMs * 2), TestClient::Got::kFrame);
+  ASSERT_TRUE(f.has_hello_reply());
+  EXPECT_EQ(f.hello_reply().rc(), kRcLimitExceeded);
+  EXPECT_NE(f.hello_reply().text().find("1024"), std::string::npos);
+  EXPECT_TRUE(extra.waitClosed());
+  extra.close();
+
+  // The first held connection says hello: it was accepted and is served.
+  HelloReply r;
+  ASSERT_TRUE(held[0]->hello(&r));
+  EXPECT_EQ(r.rc(), 0);
+  held.pop_back();
+  ASSERT_TRUE(agent_.waitForLog("client 1026 (pid"));
+  EXPECT_NE(agent_.log().find("closed: refused: the connection limit is reached"), std::string::npos);
+  ASSERT_TRUE(agent_.waitForLog("client 1025 (pid"));
+  // One place is free again once the agent has seen that close.
+  int64_t end = nowMs() + kPromptMs;
+  bool served = false;
+  while (!served && nowMs() < end) {
+    TestClient again;
+    ASSERT_EQ(again.connect(agent_.socketPath()), 0);
+    HelloReply r2;
+    served = again.hello(&r2) && r2.rc() == 0;
+  }
+  EXPECT_TRUE(served);
+  held.clear();
+  setrlimit(RLIMIT_NOFILE, &rl);
+}
+
+// ---------------------------------------------------------- responsiveness
+
+using VeltdResponsiveness = AgentTest;
+
+TEST_F(VeltdResponsiveness, PingsComeAtTheRequestedIntervalWhileAnswered) {
+  startAgent();
+  int64_t start = nowMs();
+  auto c = connected(1, 3);
+  for (uint64_t seq = 1; seq <= 3; ++seq) {
+    AgentFrame f;
+    ASSERT_TRUE(c->waitFor([](const AgentFrame& a) { return a.has_ping(); }, &f, 3000))
+        << "ping " << seq;
+    int64_t at = nowMs() - start;
+    EXPECT_EQ(f.ping().seq(), seq);
+    EXPECT_EQ(f.ping().time_limit(), 3u);
+    // One a second: the n-th comes after about n seconds.
+    EXPECT_GE(at, static_cast<int64_t>(seq) * 1000 - 150);
+    EXPECT_LE(at, static_cast<int64_t>(seq) * 1000 + 900);
+    ClientFrame answer;
+    answer.set_version(1);
+    answer.mutable_ping_reply()->set_seq(f.ping().seq());
+    ASSERT_EQ(c->send(answer), 0);
+  }
+  uint64_t id = c->request(queryRequest(Query::STATUS));
+  Reply r;
+  EXPECT_TRUE(c->waitReply(id, &r)) << "an answering client stays connected";
+}
+
+TEST_F(VeltdResponsiveness, ClientThatDoesNotAnswerIsCutOff) {
+  startAgent();
+  int64_t start = nowMs();
+  auto c = connected(1, 1);
+  AgentFrame f;
+  ASSERT_TRUE(c->waitFor([](const AgentFrame& a) { return a.has_ping(); }, &f, 3000));
+  EXPECT_TRUE(c->waitClosed(4000));
+  // A ping after one second, then one second to answer it.
+  EXPECT_GE(nowMs() - start, 1800);
+  EXPECT_TRUE(agent_.waitForLog("did not answer ping 1 within 1 s"));
+  expectServing();
+}
+
+TEST_F(VeltdResponsiveness, ChangeResponsivenessStartsAndStopsPings) {
+  startAgent();
+  auto c = connected();
+  Request change;
+  auto* r = change.mutable_change_responsiveness()->mutable_responsiveness();
+  r->set_type(1);
+  r->set_interval(1);
+  r->set_response_time_limit(5);
+  uint64_t id = c->request(change);
+  Reply reply;
+  ASSERT_TRUE(c->waitReply(id, &reply));
+  EXPECT_EQ(reply.rc(), 0);
+  AgentFrame f;
+  ASSERT_TRUE(c->waitFor([](const AgentFrame& a) { return a.has_ping(); }, &f, 3000));
+  EXPECT_EQ(f.ping().time_limit(), 5u);
+
+  // Counter responsiveness is not available; the old schedule stays.
+  r->set_type(2);
+  id = c->request(change);
+  ASSERT_TRUE(c->waitReply(id, &reply));
+  EXPECT_EQ(reply.rc(), 21);
+
+  // No pings after "none", even unanswered ones do not cut the client off.
+  r->set_type(0);
+  id = c->request(change);
+  ASSERT_TRUE(c->waitReply(id, &reply));
+  EXPECT_EQ(reply.rc(), 0);
+  c->seen().clear();
+  EXPECT_FALSE(c->waitFor([](const AgentFrame& a) { return a.has_ping(); }, &f, 2500));
+  id = c->request(queryRequest(Query::STATUS));
+  EXPECT_TRUE(c->waitReply(id, &reply));
+}
+
+// ------------------------------------------------------------------- stop
+
+using VeltdStop = AgentTest;
+
+TEST_F(VeltdStop, SigtermExitsZeroAndRemovesTheSocket) {
+  startAgent();
+  auto c = connected();
+  ASSERT_TRUE(agent_.signal(SIGTERM));
+  ASSERT_TRUE(agent_.waitExit(kPromptMs));
+  EXPECT_EQ(agent_.exitStatus(), 0);
+  struct stat st;
+  EXPECT_NE(lstat(agent_.socketPath().c_str(), &st), 0);
+  EXPECT_TRUE(c->waitClosed());
+  EXPECT_NE(agent_.log().find("stopping on SIGTERM"), std::string::npos);
+}
+
+TEST_F(VeltdStop, SigintExitsZeroToo) {
+  startAgent();
+  ASSERT_TRUE(agent_.signal(SIGINT));
+  ASSERT_TRUE(agent_.waitExit(kPromptMs));
+  EXPECT_EQ(agent_.exitStatus(), 0);
+  struct stat st;
+  EXPECT_NE(lstat(agent_.socketPath().c_str(), &st), 0);
+}
+
+// ---------------------------------------------------------------- veltctl
+
+using Veltctl = AgentTest;
+
+TEST_F(Veltctl, StatusInTextAndJson) {
+  startAgent({"--node", "4"});
+  CommandResult r = agent_.veltctl({"status"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out,
+            "node:           4\n"
+            "agent version:  2.5.0.0\n"
+            "active version: 2.5.0.0\n"
+            "view:           id 1, nodes 4\n"
+            "groups:         0\n");
+  r = agent_.veltctl({"status", "--json"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out,
+            "{\"node\":4,\"agent_version\":\"2.5.0.0\",\"active_version\":\"2.5.0.0\","
+            "\"view_id\":1,\"view\":[4],\"groups\":0}\n");
+}
+
+TEST_F(Veltctl, SocketFromTheEnvironment) {
+  startAgent();
+  CommandResult r =
+      runCommand({veltctlPath(), "groups"}, {{"VELT_AGENT_SOCKET", agent_.socketPath()}}, kPromptMs);
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "no groups\n");
+  r = runCommand({veltctlPath(), "--json", "groups"}, {{"VELT_AGENT_SOCKET", agent_.socketPath()}},
+                 kPromptMs);
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "{\"groups\":[]}\n");
+}
+
+TEST_F(Veltctl, UnknownGroupFailsWithAMessage) {
+  startAgent();
+  CommandResult r = agent_.veltctl({"members", "nosuchgroup"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "veltctl: there is no group \"nosuchgroup\"\n");
+  EXPECT_EQ(r.out, "");
+}
+
+TEST(VeltctlWithoutAgent, SaysNoAgentIsRunning) {
+  TempDir dir;
+  CommandResult r = runCommand({veltctlPath(), "--socket", dir.file("none.sock"), "status"}, {},
+                               kPromptMs);
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("veltctl: no agent is running at " + dir.file("none.sock")),
+            std::string::npos)
+      << r.err;
+}
+
+TEST(VeltctlWithoutAgent, UsageErrorsExitTwo) {
+  EXPECT_EQ(runCommand({veltctlPath()}, {}, kPromptMs).status, 2);
+  EXPECT_EQ(runCommand({veltctlPath(), "frobnicate"}, {}, kPromptMs).status, 2);
+  EXPECT_EQ(runCommand({veltctlPath(), "members"}, {}, kPromptMs).status, 2);
+  EXPECT_EQ(runCommand({veltctlPath(), "status", "extra"}, {}, kPromptMs).status, 2);
+  CommandResult help = runCommand({veltctlPath(), "--help"}, {}, kPromptMs);
+  EXPECT_EQ(help.status, 0);
+  EXPECT_NE(help.out.find("members GROUP"), std::string::npos);
+}
+
+TEST_F(Veltctl, RefusedUserIsToldSo) {
+  if (geteuid() != 0) GTEST_SKIP() << "SKIP: needs root to run veltctl as uid 65534";
+  startAgent();
+  std::string errFile = dir_.file("veltctl.err");
+  int errFd = open(errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  ASSERT_GE(errFd, 0);
+  pid_t child = fork();
+  if (child == 0) {
+    if (dup2(errFd, 2) < 0) _exit(89);
+    if (setgroups(0, nullptr) != 0 || setresgid(kNobody, kNobody, kNobody) != 0 ||
+        setresuid(kNobody, kNobody, kNobody) != 0) {
+      _exit(90);
+    }
+    std::string path = agent_.socketPath();
+    execl(veltctlPath().c_str(), "veltctl", "--socket", path.c_str(), "status", nullptr);
+    _exit(91);
+  }
+  int raw = 0;
+  ASSERT_EQ(waitpid(child, &raw, 0), child);
+  ASSERT_TRUE(WIFEXITED(raw));
+  close(errFd);
+  EXPECT_EQ(WEXITSTATUS(raw), 1);
+  std::string err = readFile(errFile);
+  EXPECT_NE(err.find("veltctl: the agent at " + agent_.socketPath() +
+                     " refused this user: uid 65534 may not use this agent"),
+            std::string::npos)
+      << err;
+  EXPECT_TRUE(agent_.waitForLog("uid 65534 is not allowed"));
+}
+
+}  // namespace
+}  // namespace velt_test

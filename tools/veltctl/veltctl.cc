@@ -1,0 +1,483 @@
+// veltctl: what this node's agent (veltd) knows: its status, the groups and
+// a group's members. It speaks the agent socket's protocol itself (hello,
+// one query, the answer) and prints text, or JSON for scripts.
+#include <errno.h>
+#include <getopt.h>
+#include <poll.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "frame_io.h"
+#include "velt.pb.h"
+
+namespace {
+
+constexpr int kExitOk = 0;
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+
+constexpr int kRcPermissionDenied = 8;   // TK_GS_PERMISSION_DENIED
+constexpr uint64_t kQueryId = 1;
+constexpr size_t kMaxGroupNameBytes = 64;
+// Bytes of a state value shown in the text output.
+constexpr size_t kStateValuePreview = 64;
+
+const char kDefaultSocket[] = "/run/velt/agent.sock";
+
+const char kUsage[] =
+    "usage: veltctl [--socket PATH] [--json] [--timeout SECONDS] COMMAND\n"
+    "commands:\n"
+    "  status            this node's agent: node, versions, view, number of groups\n"
+    "  groups            every group: providers, subscribers on this node, protocol\n"
+    "  members GROUP     one group's providers and state value\n"
+    "options:\n"
+    "  --socket PATH     the agent socket (default $VELT_AGENT_SOCKET, else /run/velt/agent.sock)\n"
+    "  --json            print JSON (one object) instead of text\n"
+    "  --timeout SECONDS wait at most this long for the agent (default 10)\n"
+    "  -h, --help        show this text\n"
+    "exit status: 0 on success, 1 when the agent cannot answer (not running, permission,\n"
+    "unknown group, ...), 2 for usage errors.\n";
+
+struct Invocation {
+  std::string socketPath;
+  bool json = false;
+  int timeoutSeconds = 10;
+  velt::proto::Query query;
+};
+
+int usageError(const std::string& why) {
+  fprintf(stderr, "veltctl: %s\n%s", why.c_str(), kUsage);
+  return kExitUsage;
+}
+
+int fail(const std::string& why) {
+  fprintf(stderr, "veltctl: %s\n", why.c_str());
+  return kExitFailed;
+}
+
+std::string errnoText(int err) {
+  char buf[128];
+  return strerror_r(err, buf, sizeof buf);
+}
+
+int parseArguments(int argc, char** argv, Invocation* inv, bool* helpOnly) {
+  enum { kOptSocket = 256, kOptJson, kOptTimeout };
+  static const struct option kLong[] = {
+      {"socket", required_argument, nullptr, kOptSocket},
+      {"json", no_argument, nullptr, kOptJson},
+      {"timeout", required_argument, nullptr, kOptTimeout},
+      {"help", no_argument, nullptr, 'h'},
+      {nullptr, 0, nullptr, 0},
+  };
+  const char* env = getenv("VELT_AGENT_SOCKET");
+  inv->socketPath = env != nullptr && env[0] != '\0' ? env : kDefaultSocket;
+  opterr = 0;
+  optind = 1;
+  int c;
+  while ((c = getopt_long(argc, argv, ":h", kLong, nullptr)) != -1) {
+    switch (c) {
+      case 'h':
+        *helpOnly = true;
+        return kExitOk;
+      case kOptSocket:
+        inv->socketPath = optarg;
+        break;
+      case kOptJson:
+        inv->json = true;
+        break;
+      case kOptTimeout: {
+        char* end = nullptr;
+        errno = 0;
+        long v = strtol(optarg, &end, 10);
+        if (errno != 0 || end == optarg || *end != '\0' || v < 1 || v > 3600) {
+          return usageError(std::string("--timeout: \"") + optarg +
+                            "\" is not a number of seconds (1..3600)");
+        }
+        inv->timeoutSeconds = static_cast<int>(v);
+        break;
+      }
+      case ':':
+        return usageError(std::string("option ") + argv[optind - 1] + " needs a value");
+      default:
+        return usageError(std::string("unknown option ") + argv[optind - 1]);
+    }
+  }
+  if (inv->socketPath.empty()) return usageError("the socket path is empty");
+  if (inv->socketPath.size() >= sizeof(sockaddr_un{}.sun_path)) {
+    return usageError("the socket path is " + std::to_string(inv->socketPath.size()) +
+                      " characters long, at most " +
+                      std::to_string(sizeof(sockaddr_un{}.sun_path) - 1) + " fit");
+  }
+  std::vector<std::string> words(argv + optind, argv + argc);
+  if (words.empty()) return usageError("no command");
+  const std::string& cmd = words[0];
+  if (cmd == "status" || cmd == "groups") {
+    if (words.size() != 1) return usageError(cmd + " takes no arguments");
+    inv->query.set_kind(cmd == "status" ? velt::proto::Query::STATUS
+                                        : velt::proto::Query::GROUPS);
+  } else if (cmd == "members") {
+    if (words.size() != 2) return usageError("members takes one GROUP");
+    if (words[1].empty() || words[1].size() > kMaxGroupNameBytes) {
+      return usageError("a group name has 1 to " + std::to_string(kMaxGroupNameBytes) +
+                        " bytes");
+    }
+    inv->query.set_kind(velt::proto::Query::MEMBERS);
+    inv->query.set_group(words[1]);
+  } else {
+    return usageError("unknown command \"" + cmd + "\"");
+  }
+  return kExitOk;
+}
+
+// ------------------------------------------------------------ the agent
+
+// One connection to the agent, with a deadline for everything it waits on.
+class AgentConnection {
+ public:
+  AgentConnection(std::string path, int timeoutSeconds)
+      : path_(std::move(path)), timeoutMs_(timeoutSeconds * 1000) {
+    clock_gettime(CLOCK_MONOTONIC, &start_);
+  }
+  ~AgentConnection() {
+    if (fd_ >= 0) close(fd_);
+  }
+
+  // Returns 0, or prints why and returns kExitFailed.
+  int open() {
+    fd_ = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    if (fd_ < 0) return fail("cannot create a socket: " + errnoText(errno));
+    struct sockaddr_un addr;
+    memset(&addr, 0, sizeof addr);
+    addr.sun_family = AF_UNIX;
+    memcpy(addr.sun_path, path_.data(), path_.size());
+    if (connect(fd_, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) != 0) {
+      int err = errno;
+      if (err == ENOENT || err == ECONNREFUSED || err == ENOTDIR) {
+        return fail("no agent is running at " + path_ + " (" + errnoText(err) + ")");
+      }
+      if (err == EACCES || err == EPERM) {
+        return fail("no permission to connect to the agent at " + path_ + " (" +
+                    errnoText(err) + ")");
+      }
+      return fail("cannot connect to the agent at " + path_ + ": " + errnoText(err));
+    }
+    return 0;
+  }
+
+  int send(const velt::proto::ClientFrame& frame) {
+    std::string bytes;
+    frame.SerializeToString(&bytes);
+    int rc = velt::wire::sendMessage(fd_, bytes);
+    if (rc != 0) return fail("cannot send to the agent at " + path_ + ": " + errnoText(rc));
+    return 0;
+  }
+
+  // Reads the next frame. Returns 0, or prints why and returns kExitFailed.
+  int receive(velt::proto::AgentFrame* frame) {
+    std::vector<char> buf(velt::wire::kMaxPacket + 1);
+    for (;;) {
+      int left = timeoutMs_ - elapsedMs();
+      if (left <= 0) {
+        return fail("the agent at " + path_ + " did not answer within " +
+                    std::to_string(timeoutMs_ / 1000) + " s");
+      }
+      struct pollfd p;
+      p.fd = fd_;
+      p.events = POLLIN;
+      p.revents = 0;
+      int n = poll(&p, 1, left);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) return fail("waiting for the agent failed: " + errnoText(errno));
+      if (n == 0) continue;   // the deadline is checked at the top
+      ssize_t len = recv(fd_, buf.data(), buf.size(), MSG_DONTWAIT);
+      if (len < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+      if (len < 0) return fail("lost the connection to the agent: " + errnoText(errno));
+      if (len == 0) return fail("the agent at " + path_ + " closed the connection");
+      if (static_cast<size_t>(len) > velt::wire::kMaxPacket) {
+        return fail("the agent sent a packet larger than the protocol allows");
+      }
+      std::string message, why;
+      int rc = reassembler_.feed(buf.data(), static_cast<size_t>(len), &message, &why);
+      if (rc < 0) return fail("the agent sent a malformed frame: " + why);
+      if (rc == 0) continue;
+      if (!frame->ParseFromString(message) || frame->version() != velt::proto::WIRE_VERSION_1) {
+        return fail("the agent sent a frame this veltctl does not understand");
+      }
+      return 0;
+    }
+  }
+
+ private:
+  int elapsedMs() const {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int>((now.tv_sec - start_.tv_sec) * 1000 +
+                            (now.tv_nsec - start_.tv_nsec) / 1000000);
+  }
+
+  std::string path_;
+  int timeoutMs_;
+  struct timespec start_;
+  int fd_ = -1;
+  velt::wire::Reassembler reassembler_;
+};
+
+// Says hello, asks the query and returns the answer in *reply.
+int ask(const Invocation& inv, velt::proto::Reply* reply) {
+  AgentConnection conn(inv.socketPath, inv.timeoutSeconds);
+  int rc = conn.open();
+  if (rc != 0) return rc;
+  velt::proto::ClientFrame hello;
+  hello.set_version(velt::proto::WIRE_VERSION_1);
+  hello.mutable_hello()->set_pid(static_cast<uint32_t>(getpid()));
+  hello.mutable_hello()->set_program("veltctl");
+  if ((rc = conn.send(hello)) != 0) return rc;
+  velt::proto::AgentFrame frame;
+  if ((rc = conn.receive(&frame)) != 0) return rc;
+  if (!frame.has_hello_reply()) return fail("the agent did not answer the hello");
+  const velt::proto::HelloReply& hr = frame.hello_reply();
+  if (hr.rc() == kRcPermissionDenied) {
+    return fail("the agent at " + inv.socketPath + " refused this user: " + hr.text());
+  }
+  if (hr.rc() != 0) {
+    return fail("the agent at " + inv.socketPath + " refused the connection (rc " +
+                std::to_string(hr.rc()) + "): " + hr.text());
+  }
+  velt::proto::ClientFrame request;
+  request.set_version(velt::proto::WIRE_VERSION_1);
+  request.mutable_request()->set_id(kQueryId);
+  *request.mutable_request()->mutable_query() = inv.query;
+  if ((rc = conn.send(request)) != 0) return rc;
+  // Domain control and other notifications may come first.
+  for (;;) {
+    if ((rc = conn.receive(&frame)) != 0) return rc;
+    if (frame.has_reply() && frame.reply().id() == kQueryId) break;
+  }
+  *reply = frame.reply();
+  if (reply->rc() != 0) {
+    return fail(reply->text().empty() ? "the agent refused the query (rc " +
+                                            std::to_string(reply->rc()) + ")"
+                                      : reply->text());
+  }
+  return kExitOk;
+}
+
+// -------------------------------------------------------------- output
+
+std::string version(uint32_t packed) {
+  return std::to_string(packed >> 24) + "." + std::to_string((packed >> 16) & 0xff) + "." +
+         std::to_string((packed >> 8) & 0xff) + "." + std::to_string(packed & 0xff);
+}
+
+// Text for a terminal: control characters and backslashes escaped.
+std::string printable(const std::string& s) {
+  std::string out;
+  for (unsigned char c : s) {
+    if (c == '"' || c == '\\') {
+      out.push_back('\\');
+      out.push_back(static_cast<char>(c));
+    } else if (c < 0x20 || c == 0x7f) {
+      char esc[8];
+      snprintf(esc, sizeof esc, "\\x%02x", c);
+      out += esc;
+    } else {
+      out.push_back(static_cast<char>(c));
+    }
+  }
+  return out;
+}
+
+// Length of the valid UTF-8 sequence at s[i], or 0.
+size_t utf8Length(const std::string& s, size_t i) {
+  unsigned char c = static_cast<unsigned char>(s[i]);
+  size_t n;
+  uint32_t cp;
+  if (c < 0x80) return 1;
+  if ((c & 0xe0) == 0xc0) {
+    n = 2;
+    cp = c & 0x1f;
+  } else if ((c & 0xf0) == 0xe0) {
+    n = 3;
+    cp = c & 0x0f;
+  } else if ((c & 0xf8) == 0xf0) {
+    n = 4;
+    cp = c & 0x07;
+  } else {
+    return 0;
+  }
+  if (i + n > s.size()) return 0;
+  for (size_t k = 1; k < n; ++k) {
+    unsigned char d = static_cast<unsigned char>(s[i + k]);
+    if ((d & 0xc0) != 0x80) return 0;
+    cp = (cp << 6) | (d & 0x3f);
+  }
+  static const uint32_t kMin[5] = {0, 0, 0x80, 0x800, 0x10000};
+  if (cp < kMin[n] || cp > 0x10ffff || (cp >= 0xd800 && cp <= 0xdfff)) return 0;
+  return n;
+}
+
+// A JSON string; bytes that are not UTF-8 become U+FFFD.
+std::string jsonString(const std::string& s) {
+  std::string out = "\"";
+  for (size_t i = 0; i < s.size();) {
+    unsigned char c = static_cast<unsigned char>(s[i]);
+    if (c == '"' || c == '\\') {
+      out.push_back('\\');
+      out.push_back(static_cast<char>(c));
+      ++i;
+    } else if (c < 0x20) {
+      char esc[8];
+      snprintf(esc, sizeof esc, "\\u%04x", c);
+      out += esc;
+      ++i;
+    } else {
+      size_t n = utf8Length(s, i);
+      if (n == 0) {
+        out += "\\ufffd";
+        ++i;
+      } else {
+        out.append(s, i, n);
+        i += n;
+      }
+    }
+  }
+  return out + "\"";
+}
+
+std::string hex(const std::string& bytes) {
+  static const char kDigits[] = "0123456789abcdef";
+  std::string out;
+  out.reserve(bytes.size() * 2);
+  for (unsigned char c : bytes) {
+    out.push_back(kDigits[c >> 4]);
+    out.push_back(kDigits[c & 0xf]);
+  }
+  return out;
+}
+
+std::string jsonBool(bool b) { return b ? "true" : "false"; }
+
+void printStatus(const velt::proto::QueryAnswer& a, bool json) {
+  if (json) {
+    std::string view;
+    for (uint32_t n : a.view()) view += (view.empty() ? "" : ",") + std::to_string(n);
+    printf("{\"node\":%u,\"agent_version\":\"%s\",\"active_version\":\"%s\",\"view_id\":%llu,"
+           "\"view\":[%s],\"groups\":%d}\n",
+           a.node(), version(a.agent_version()).c_str(), version(a.active_version()).c_str(),
+           static_cast<unsigned long long>(a.view_id()), view.c_str(), a.groups_size());
+    return;
+  }
+  std::string nodes;
+  for (uint32_t n : a.view()) nodes += (nodes.empty() ? "" : " ") + std::to_string(n);
+  printf("node:           %u\n", a.node());
+  printf("agent version:  %s\n", version(a.agent_version()).c_str());
+  printf("active version: %s\n", version(a.active_version()).c_str());
+  printf("view:           id %llu, nodes %s\n", static_cast<unsigned long long>(a.view_id()),
+         nodes.empty() ? "(none)" : nodes.c_str());
+  printf("groups:         %d\n", a.groups_size());
+}
+
+void printGroups(const velt::proto::QueryAnswer& a, bool json) {
+  if (json) {
+    std::string out = "{\"groups\":[";
+    bool first = true;
+    for (const velt::proto::GroupSummary& g : a.groups()) {
+      if (!first) out += ",";
+      first = false;
+      out += "{\"name\":" + jsonString(g.name()) +
+             ",\"providers\":" + std::to_string(g.providers_size()) +
+             ",\"subscribers_here\":" + std::to_string(g.subscribers_here()) +
+             ",\"protocol_in_flight\":" + jsonBool(g.protocol_in_flight()) + "}";
+    }
+    printf("%s]}\n", out.c_str());
+    return;
+  }
+  if (a.groups_size() == 0) {
+    printf("no groups\n");
+    return;
+  }
+  size_t width = 5;   // "GROUP"
+  for (const velt::proto::GroupSummary& g : a.groups()) {
+    width = std::max(width, printable(g.name()).size());
+  }
+  int w = static_cast<int>(width);
+  printf("%-*s  %9s  %11s  %s\n", w, "GROUP", "PROVIDERS", "SUBSCRIBERS", "PROTOCOL");
+  for (const velt::proto::GroupSummary& g : a.groups()) {
+    printf("%-*s  %9d  %11u  %s\n", w, printable(g.name()).c_str(), g.providers_size(),
+           g.subscribers_here(), g.protocol_in_flight() ? "in flight" : "idle");
+  }
+}
+
+void printMembers(const velt::proto::QueryAnswer& a, bool json) {
+  // The agent answers an unknown group with an error, so one is here.
+  const velt::proto::GroupSummary& g = a.groups(0);
+  if (json) {
+    std::string providers;
+    for (const velt::proto::ProviderId& p : g.providers()) {
+      if (!providers.empty()) providers += ",";
+      providers += "{\"instance\":" + std::to_string(p.instance()) +
+                   ",\"node\":" + std::to_string(p.node()) + "}";
+    }
+    printf("{\"group\":%s,\"providers\":[%s],\"state_value_bytes\":%zu,"
+           "\"state_value_hex\":\"%s\",\"protocol_in_flight\":%s,\"subscribers_here\":%u}\n",
+           jsonString(g.name()).c_str(), providers.c_str(), g.state_value().size(),
+           hex(g.state_value()).c_str(), jsonBool(g.protocol_in_flight()).c_str(),
+           g.subscribers_here());
+    return;
+  }
+  const std::string& value = g.state_value();
+  std::string shown = printable(value.substr(0, kStateValuePreview));
+  if (value.size() > kStateValuePreview) shown += "...";
+  printf("group:        %s\n", printable(g.name()).c_str());
+  printf("providers:    %d\n", g.providers_size());
+  printf("state value:  %zu bytes \"%s\"\n", value.size(), shown.c_str());
+  printf("protocol:     %s\n", g.protocol_in_flight() ? "in flight" : "idle");
+  printf("subscribers:  %u on this node\n", g.subscribers_here());
+  if (g.providers_size() > 0) {
+    printf("%8s  %5s\n", "INSTANCE", "NODE");
+    for (const velt::proto::ProviderId& p : g.providers()) {
+      printf("%8u  %5u\n", p.instance(), p.node());
+    }
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Invocation inv;
+  bool helpOnly = false;
+  int rc = parseArguments(argc, argv, &inv, &helpOnly);
+  if (rc != kExitOk) return rc;
+  if (helpOnly) {
+    fputs(kUsage, stdout);
+    return kExitOk;
+  }
+  velt::proto::Reply reply;
+  rc = ask(inv, &reply);
+  if (rc != kExitOk) return rc;
+  switch (inv.query.kind()) {
+    case velt::proto::Query::STATUS:
+      printStatus(reply.answer(), inv.json);
+      break;
+    case velt::proto::Query::GROUPS:
+      printGroups(reply.answer(), inv.json);
+      break;
+    case velt::proto::Query::MEMBERS:
+      if (reply.answer().groups_size() != 1) return fail("the agent's answer lacks the group");
+      printMembers(reply.answer(), inv.json);
+      break;
+    default:
+      break;
+  }
+  if (fflush(stdout) != 0) return fail("cannot write the output: " + errnoText(errno));
+  return kExitOk;
+}
