@@ -1,11 +1,15 @@
 // The worker components the controller owns: the mediators, aggregators,
-// propagator, configuration monitor, client server and adapter table.
+// propagator, configuration monitor, client server and client sessions (the
+// adapter table has its own header, AMNetIf.h).
 // Each arrives with its own work; until then the controller keeps an empty
 // place for it (a null pointer or an empty registry), and these interfaces
 // name exactly what the frame asks of them.
 #ifndef VELT_GLOBALAM_AMCOMPONENTS_H_
 #define VELT_GLOBALAM_AMCOMPONENTS_H_
 
+#include <atomic>
+
+#include "AMNetIf.h"
 #include "common.h"
 
 class AMCfgInfo;
@@ -16,11 +20,24 @@ enum _AMProEventType {
   PEVT_CHECK_REFRESH_DONE = 6,
 };
 
+// The cooked provider of one local adapter (what the adapter table asks of
+// it when the adapter moves to another network). Owned by its mediator.
+class AMCookedProvider {
+ public:
+  virtual ~AMCookedProvider() = default;
+  virtual int getAttachedNetworkNum() = 0;
+};
+
 class AMMediator : public GSThread {
  public:
   virtual void wakeup(int refreshed) = 0;
   virtual const char* getRawGroupName() const = 0;
   virtual void harvestMembership() = 0;
+  // The cooked provider whose representative name is repname, or null. A
+  // mediator that provides no cooked groups has none and so never moves one.
+  virtual AMCookedProvider* getCookedProvider(const char* /*repname*/) { return nullptr; }
+  // Moves the provider to the cooked group of another network number.
+  virtual int changeAttachedNetwork(AMCookedProvider* /*provider*/, int /*netnum*/) { return 0; }
 };
 
 class AMAggregator : public GSThread {
@@ -42,6 +59,8 @@ class AMPropagator : public GSThread {
   virtual bool isCfgProviderActive() const = 0;
   virtual void doLongStatus() = 0;
   virtual void doCanonicalLongStatus() = 0;
+  // Wakes the propagator to re-time the adapter table's delayed-down wait.
+  virtual int postDelayedDownEvent() = 0;
 };
 
 class AMCfgMonitor : public GSThread {
@@ -50,12 +69,20 @@ class AMCfgMonitor : public GSThread {
 };
 
 class NAMServer : public GSThread {};
-class NAMClient;
 
-class AMGlobalAdapterTable {
+// A local client's session thread (what the controller's client list and
+// the change publisher ask of it). Thread-safe: the server, the publisher
+// and the session itself call it.
+class NAMClient : public GSThread {
  public:
-  virtual ~AMGlobalAdapterTable() = default;
-  virtual int refreshLocalTable(int flag) = 0;
+  // The client's connected socket; -1 once closed. The session closes it
+  // while the server and the controller read it.
+  std::atomic<int> sock_fd{-1};
+  // Wakes the session with a velt_nam_event code.
+  virtual void wakeup(int event) = 0;
+  // Queues one update built from the delta table; -1 when the session was
+  // dropped for not reading. Called with veltnamSyncLock held.
+  virtual int queueEvent() = 0;
 };
 
 #endif  // VELT_GLOBALAM_AMCOMPONENTS_H_

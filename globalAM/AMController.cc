@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <time.h>
 
+#include "AMUtils.h"
 #include "TraceStream.h"
 #include "ha_assert.h"
 #include "sw_NAM_calls.h"
@@ -63,11 +64,15 @@ AMController::AMController() : GSController(kGsInterfaceWord), AMSRCDriver() {
 
   const char* localView = getenv("SW_HERDLET_NAM_LOCAL_VIEW");
   if (localView) has_NAM_LocalView_Adapters = atoi(localView);
+  set_NAM_node_number(myNodeNumber);
+  enable_disable_NAM_interface(domainType == kCLUSTER ? 1 : 0);
 
-  // The adapter table, the propagator, the first mediator on
-  // "allAdapterMembership", the configuration monitor and the client
-  // server are created here as each of them is built; until then their
-  // places stay empty.
+  pGAdapterCfgTbl = new AMGlobalAdapterTable();
+  pGAdapterCfgTbl->refreshLocalTable(0);
+
+  // The propagator, the first mediator on "allAdapterMembership", the
+  // configuration monitor and the client server are created here as each
+  // of them is built; until then their places stay empty.
 
   AM_TRACE(TRACE_FYI) << "AMController is created, domainType=" << static_cast<long>(domainType)
                       << ", SW_HERDLET_NAM_LOCAL_VIEW = " << has_NAM_LocalView_Adapters << endl;
@@ -179,6 +184,7 @@ void AMController::allowReadyToRoll() {
 }
 
 void AMController::set_configuration_has_changed(AMCfgInfo& info) {
+  if (TRACEABLE(TRACE_GSCL)) AMtracef(AM_TRACEF_GSCL, "AMControl::set_config ID=%s\n", info.getCfgIdStr().c_str());
   for (int i = 0; i < aggregators.count(); ++i)
     if (aggregators[i]) aggregators[i]->set_configuration_has_changed(info);
 }
@@ -305,6 +311,7 @@ void AMController::doLongStatus() {
   }
   if (isVELTNAMInterfaceSupported()) inform_printf("tolkvaskd started time: %s\n", tolkvaskStartTime);
   if (propagator) propagator->doLongStatus();
+  printAdapterInfo();
   inform_flush();
 }
 
@@ -316,5 +323,6 @@ void AMController::doCanonicalLongStatus() {
   }
   if (isVELTNAMInterfaceSupported()) inform_printf("tolkvaskd started time: %s\n", tolkvaskStartTime);
   if (propagator) propagator->doCanonicalLongStatus();
+  printAdapterInfo();
   inform_flush();
 }

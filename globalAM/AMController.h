@@ -10,10 +10,14 @@
 
 #include <atomic>
 #include <list>
+#include <mutex>
 
 #include "AMComponents.h"
 #include "AMSRCDriver.h"
 #include "common.h"
+#include "veltnam_utils.h"
+
+struct pollfd;
 
 class AMRawSubscriber;
 
@@ -98,6 +102,30 @@ class AMController : public GSController, public AMSRCDriver {
   void doLongStatus() override;
   void doCanonicalLongStatus() override;
 
+  // Local client sessions (namClientArray, under namClientLock_).
+  // Each returns the number of clients after the change.
+  int insertNamClient(NAMClient* client);
+  int removeNamClient(NAMClient* client);
+  // The session of a socket, or null.
+  NAMClient* findNamClient(int sock);
+  int getNumberOfClients();
+  // One POLLIN entry per client socket, at most capacity; returns how many.
+  int collectAndBuildPollFDs(struct pollfd* fds, int capacity);
+  void wakeupAllNamClients(int event);
+  void wakeupTheClient(int sock, int event);
+  // Every session queues one update from the delta table. Called by
+  // reflect_NAM_changes with veltnamSyncLock held.
+  void queueEventToAllNamClients();
+
+  // Adapter records for clients. insertAdapterItem adds one row's record to
+  // table (-1 for a null row); obtainAdapterInfoFromGlobalTable adds every
+  // row of the adapter table in key order under its read lock (only rows
+  // configured on running nodes when activeOnly), -1 without a table;
+  // printAdapterInfo traces the whole table.
+  int insertAdapterItem(AMAdapterItem* row, veltnamNetInfoList& table);
+  int obtainAdapterInfoFromGlobalTable(veltnamNetInfoList& table, int activeOnly);
+  void printAdapterInfo();
+
   // The components; null (or empty) until the work that builds them.
   AMRawSubscriber* allAdaptGroup = nullptr;
   AMRegistry<AMMediator> mediators;
@@ -105,7 +133,9 @@ class AMController : public GSController, public AMSRCDriver {
   AMRegistry<AMAggregator> aggregators;
   GSSafeInteger readyToRoll{0};
   NAMServer* namServer = nullptr;
-  std::list<NAMClient*> namClientArray;
+  // Taken after veltnamSyncLock and before a session's queue (AMNetIf.h).
+  std::mutex namClientLock_;
+  std::list<NAMClient*> namClientArray;  // GUARDED_BY(namClientLock_)
   char tolkvaskStartTime[32] = {0};
 
   static std::atomic<int> vask_working_state;

@@ -1,0 +1,623 @@
+// The global adapter table and the node-id map.
+#include "AMNetIf.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <string.h>
+
+#include <mutex>
+
+#include "AMController.h"
+#include "AMUtils.h"
+#include "TraceStream.h"
+#include "ha_assert.h"
+#include "sw_NAM_calls.h"
+#include "sw_adapter_info.h"
+
+namespace {
+
+constexpr const char* kNamDevice = "/dev/nampd0";
+// Node numbers above this are refused by the node-id map.
+constexpr int kMaxMappedNode = 32000;
+// The map grows this far beyond the node that needs a slot.
+constexpr int kNodeIdMapHeadroom = 100;
+
+// A character field as updateWith stores it: up to its NUL, never beyond
+// its width, the last byte forced to NUL when the source fills the width.
+size_t storedLength(const char* src, size_t width) {
+  size_t n = strnlen(src, width);
+  return n < width ? n : width - 1;
+}
+
+void copyField(char* dst, const char* src, size_t width) {
+  size_t n = storedLength(src, width);
+  memcpy(dst, src, n);
+  memset(dst + n, 0, width - n);
+}
+
+// True when dst holds what copyField(dst, src, width) would store.
+bool sameField(const char* dst, const char* src, size_t width) {
+  size_t n = storedLength(src, width);
+  return memcmp(dst, src, n) == 0 && dst[n] == '\0';
+}
+
+// A terminated copy of a reported name, for lookups and traces.
+struct FieldText {
+  char text[kAMHardwareAddressLength + 1];
+  FieldText(const char* src, size_t width) {
+    size_t n = storedLength(src, width);
+    memcpy(text, src, n);
+    text[n] = '\0';
+  }
+};
+
+struct IpText {
+  char text[16];
+  explicit IpText(vx_uint32_t ipaddr) {
+    struct in_addr addr;
+    addr.s_addr = ipaddr;
+    if (inet_ntop(AF_INET, &addr, text, sizeof text) == nullptr) text[0] = '\0';
+  }
+};
+
+int64_t usecsOf(const struct timeval& tv) {
+  return static_cast<int64_t>(tv.tv_sec) * 1000000 + tv.tv_usec;
+}
+
+struct timeval timevalOf(int64_t usecs) {
+  struct timeval tv;
+  tv.tv_sec = static_cast<time_t>(usecs / 1000000);
+  tv.tv_usec = static_cast<suseconds_t>(usecs % 1000000);
+  return tv;
+}
+
+const char* netStateName(const AMAdapterItem& row) {
+  if (row.isUp) return "UP";
+  return row.isPending ? "DELAY_DOWN" : "DOWN";
+}
+
+const char* expiredStateName(const AMAdapterItem& row) {
+  if (row.isUp) return "UP";
+  return row.isNodeStopped ? "STOPPED" : "DOWN";
+}
+
+// flags are AMtracef's; the line is only formatted when it will be written.
+void traceUpdLine(int flags, const AMAdapterItem& row, int isUpdated) {
+  if (!TRACEABLE((flags & TRACE_FYI) ? TRACE_FYI : TRACE_DEBUG)) return;
+  IpText ip(row.ipaddr);
+  FieldText name(row.interfacename, sizeof row.interfacename);
+  AMtracef(flags,
+           "OPS UPD NetIfCfg node=%d, ifrName=%s, device=%s, IP=%s, LID=%d, netid=%d, cfged=%d, isUp=%d upd=%d\n",
+           row.nodenumber, name.text, row.devicename.c_str(), ip.text, row.LID, row.networkid,
+           static_cast<int>(row.isConfiged), static_cast<int>(row.isUp), isUpdated);
+}
+
+// The propagator re-times its delayed-down wait; nothing while it is absent.
+void wakePropagatorForDelayedDowns() {
+  if (AMController::propagator) AMController::propagator->postDelayedDownEvent();
+}
+
+// Node-id map. nodemap_lock guards both: see the lock order in AMNetIf.h.
+std::mutex nodemap_lock;
+uint64_t* pNodeIdMaps = nullptr;  // GUARDED_BY(nodemap_lock)
+int num_NodeIds = 0;              // GUARDED_BY(nodemap_lock)
+
+void undefineNodeAdapters(int node) {
+  AMGlobalAdapterTable* table = AMController::pGAdapterCfgTbl;
+  if (table) table->setAllAdapterUndefinedOnNodeWithLock(node);
+}
+
+}  // namespace
+
+// ------------------------------------------------------------ AMAdapterItem
+
+void AMAdapterItem::clear() {
+  memset(interfacename, 0, sizeof interfacename);
+  devicename = "";
+  ipaddr = 0;
+  nodenumber = -1;
+  networkid = 0;
+  LID = -1;
+  isConfiged = 0;
+  isUp = 0;
+  isNodeStopped = 0;
+  isPending = 0;
+  when_happen.tv_sec = 0;
+  when_happen.tv_usec = 0;
+  networkId64 = 0;
+  adapterType = 0;
+  spigot_id = 0;
+  memset(hardwareAddress, 0, sizeof hardwareAddress);
+  memset(devicePathName, 0, sizeof devicePathName);
+}
+
+void AMAdapterItem::updateWith(const AMNetInterface& obj) {
+  copyField(interfacename, obj.ifrName, sizeof interfacename);
+  devicename = FieldText(obj.deviceName, sizeof obj.deviceName).text;
+  ipaddr = obj.ipaddr;
+  nodenumber = obj.nodeNumber;
+  LID = obj.adapterLID;
+  networkid = static_cast<int>(obj.adapterNetworkID);
+  networkId64 = obj.networkId64;
+  adapterType = obj.adapterType;
+  spigot_id = obj.spigot_id;
+  copyField(hardwareAddress, obj.hardwareAddress, sizeof hardwareAddress);
+  copyField(devicePathName, obj.devicePathName, sizeof devicePathName);
+}
+
+// ----------------------------------------------------- AMGlobalAdapterTable
+
+AMGlobalAdapterTable::AMGlobalAdapterTable()
+    : GSLockableObject(),
+      hasSwitchOnTheNode(false),
+      n_pending_downs(0),
+      earliest_down_event_time(0),
+      is_ever_harvested(0),
+      pDevNums(nullptr) {
+  if (!already_NAM_registered()) {
+    int fd = register_NAM();
+    if (fd < 0) {
+      AM_TRACE(TRACE_FYI) << kNamDevice << " is not opened or found" << endl;
+    } else {
+      AM_TRACE(TRACE_FYI) << kNamDevice << " is opened with fd=" << fd << endl;
+    }
+  }
+}
+
+AMGlobalAdapterTable::~AMGlobalAdapterTable() { clear_pAdapterItemList(); }
+
+void AMGlobalAdapterTable::clear_pAdapterItemList() {
+  for (auto& entry : pAdapterItemList) delete entry.second;
+  pAdapterItemList.clear();
+}
+
+AMAdapterItem* AMGlobalAdapterTable::locateAdapterItem(int node, int intf_idx) {
+  return locateAdapterItemByIndex(offsetOfAdapterItem(node, intf_idx));
+}
+
+AMAdapterItem* AMGlobalAdapterTable::locateAdapterItemByIndex(int ofs) {
+  auto found = pAdapterItemList.find(static_cast<uint32_t>(ofs));
+  return found == pAdapterItemList.end() ? nullptr : found->second;
+}
+
+AMAdapterItem* AMGlobalAdapterTable::getOrNewAdapterItem(int node, int intf_idx) {
+  uint32_t key = static_cast<uint32_t>(offsetOfAdapterItem(node, intf_idx));
+  auto at = pAdapterItemList.lower_bound(key);
+  if (at != pAdapterItemList.end() && at->first == key) return at->second;
+  AMAdapterItem* row = new AMAdapterItem();
+  row->nodenumber = node;
+  pAdapterItemList.emplace_hint(at, key, row);
+  return row;
+}
+
+int AMGlobalAdapterTable::getSXNDeviceNum(const char* /*name*/) { return -1; }
+
+int AMGlobalAdapterTable::AdapterConfiguredOnNetwork(int network, uint64_t network64) {
+  // The read lock nests under any hold the caller may already have.
+  GSReadGuard hold(*this);
+  const bool ib = isIBenv.load();
+  for (auto& entry : pAdapterItemList) {
+    const AMAdapterItem* row = entry.second;
+    if (ib) {
+      AMtracef(AM_TRACEF_DEBUG, "pTmp->isConfiged: %d", static_cast<int>(row->isConfiged));
+      if (row->isConfiged && row->networkId64 == network64) return gkTRUE;
+    } else if (row->isConfiged && row->networkid == network) {
+      return gkTRUE;
+    }
+  }
+  return gkFALSE;
+}
+
+int AMGlobalAdapterTable::adapterAttributeChanged(const AMNetInterface& obj, AMAdapterItem* item) {
+  if (item == nullptr || !item->isConfiged) return gkTRUE;
+  FieldText device(obj.deviceName, sizeof obj.deviceName);
+  bool same = obj.nodeNumber == item->nodenumber && obj.ipaddr == item->ipaddr && obj.adapterLID == item->LID &&
+              sameField(item->interfacename, obj.ifrName, sizeof obj.ifrName) &&
+              strcmp(item->devicename.c_str(), device.text) == 0 &&
+              obj.adapterNetworkID == static_cast<vx_uint32_t>(item->networkid) &&
+              obj.networkId64 == item->networkId64 && obj.adapterType == item->adapterType &&
+              obj.spigot_id == item->spigot_id &&
+              sameField(item->hardwareAddress, obj.hardwareAddress, sizeof obj.hardwareAddress) &&
+              sameField(item->devicePathName, obj.devicePathName, sizeof obj.devicePathName);
+  return same ? gkFALSE : gkTRUE;
+}
+
+int AMGlobalAdapterTable::setAdapterDefinedWithoutLock(const AMNetInterface& obj) {
+  FieldText name(obj.ifrName, sizeof obj.ifrName);
+  FieldText device(obj.deviceName, sizeof obj.deviceName);
+  int intf_idx = _idxFromInterfaceName(name.text);
+  AMAdapterItem* row = getOrNewAdapterItem(obj.nodeNumber, intf_idx);
+  int isUpdated = 0;
+
+  if (TRACEABLE(TRACE_FYI)) {
+    AMtracef(TRACE_FYI,
+             "setAdapterDefinedWithoutLock: Input: ifr=%s dev=%s ipaddr=%x node=%d type=%d LID=%d NetID=%u "
+             "PrevNetId=%u\n netId64=%llx, adapterType=%d,spigot_id=%d, hardwareAddress=%s, devicePathName=%s\n",
+             name.text, device.text, obj.ipaddr, obj.nodeNumber, static_cast<int>(obj.adapterType), obj.adapterLID,
+             obj.adapterNetworkID, static_cast<unsigned>(row->networkid),
+             static_cast<unsigned long long>(obj.networkId64), static_cast<int>(obj.adapterType),
+             static_cast<int>(obj.spigot_id), FieldText(obj.hardwareAddress, sizeof obj.hardwareAddress).text,
+             FieldText(obj.devicePathName, sizeof obj.devicePathName).text);
+  }
+
+  if (adapterAttributeChanged(obj, row)) {
+    int prevNetwork = row->networkid;
+    AMtracef(AM_TRACEF_DEBUG, "isUpdated=1 ");
+    isUpdated = 1;
+    row->updateWith(obj);
+
+    if (isSwitchAdapter(name.text) && row->nodenumber == static_cast<int>(myNodeNumber)) {
+      if (prevNetwork != row->networkid) {
+        if (strncmp(name.text, "sxn", 3) != 0) {
+          swnet_adapter_info_t info;
+          if (get_switch_adapter_info(device.text, &info) == 0) {
+            row->LID = info.lid;
+            row->networkid = static_cast<int>(info.network);
+          }
+        } else {
+          row->networkid = static_cast<int>(obj.adapterNetworkID);
+        }
+        if (obj.adapterNetworkID != static_cast<vx_uint32_t>(row->networkid)) {
+          AMtracef(AM_TRACEF_DEBUG, "Interface=%s, Reported netid=%d,  Actual netid=%d. The actual id will be used",
+                   name.text, static_cast<int>(obj.adapterNetworkID), row->networkid);
+        }
+      }
+      // The local node follows its adapter into the new network's cooked
+      // group.
+      AMController* ctl = amController();
+      if (prevNetwork != row->networkid && ctl != nullptr) {
+        for (int i = 0; i < ctl->mediators.count(); ++i) {
+          AMMediator* mediator = ctl->mediators[i];
+          if (mediator == nullptr) continue;
+          AMCookedProvider* provider = mediator->getCookedProvider(name.text);
+          if (provider && provider->getAttachedNetworkNum() != row->networkid) {
+            mediator->changeAttachedNetwork(provider, row->networkid);
+          }
+        }
+      }
+    }
+
+    row->isConfiged = 1;
+    row->isPending = 0;
+    accumulate_NAM_change(row);
+    traceUpdLine(AM_TRACEF_DEBUG, *row, isUpdated);
+    AMtracef(AM_TRACEF_DEBUG, "In setAdapterDefinedWithoutLock(), Call accumulate_NAM_changes()\n");
+  }
+  // Definition and membership are separate facts: isUp is never touched.
+  traceUpdLine(AM_TRACEF_DEBUG, *row, isUpdated);
+  return isUpdated;
+}
+
+int AMGlobalAdapterTable::setAdapterDefinedWithLock(const AMNetInterface& obj) {
+  AMtracef(AM_TRACEF_DEBUG, "In setAdapterDefinedWithLock(), Call setAdapterDefinedWithoutLock()\n");
+  int changed;
+  {
+    GSWriteGuard hold(*this);
+    changed = setAdapterDefinedWithoutLock(obj);
+  }
+  AMtracef(AM_TRACEF_DEBUG, "In setAdapterDefinedWithLock(),  after Call setAdapterDefinedWithoutLock()\n");
+  return changed;
+}
+
+int AMGlobalAdapterTable::setAdapterUndefinedWithoutLock(int nodenum, const char* ifname) {
+  if (ifname == nullptr) return 0;
+  FieldText name(ifname, kAMIfNameLength);
+  AMAdapterItem* row = getOrNewAdapterItem(nodenum, _idxFromInterfaceName(name.text));
+  if (!row->isConfiged) return 0;
+  row->isConfiged = 0;
+  row->isPending = 0;
+  accumulate_NAM_change(row);
+  AMtracef(AM_TRACEF_DEBUG, "In setAdapterUndefinedWithoutLock(), Call accumulate_NAM_changes()\n");
+  if (!TRACEABLE(TRACE_FYI)) return 1;
+  IpText ip(row->ipaddr);
+  AMtracef(TRACE_FYI,
+           "UNDEF NetIfCfg node=%d ifrName=%s, device=%s, IP=%s, LID=%d, netid=%d,\n netid64 = %llx,adapterType = "
+           "%d, spigot_id = %d, hardwareAddress = %s, devicePathName = %s \n",
+           row->nodenumber, FieldText(row->interfacename, sizeof row->interfacename).text,
+           row->devicename.c_str(), ip.text, row->LID, row->networkid,
+           static_cast<unsigned long long>(row->networkId64), static_cast<int>(row->adapterType),
+           static_cast<int>(row->spigot_id), FieldText(row->hardwareAddress, sizeof row->hardwareAddress).text,
+           FieldText(row->devicePathName, sizeof row->devicePathName).text);
+  return 1;
+}
+
+int AMGlobalAdapterTable::setAllAdapterUndefinedOrDownOnNodeWithoutLock(int nodenum, int is_undef) {
+  TraceBlock tb(TraceLevel(TRACE_BLOCK), "setAllAdapterUndefinedOrDownOnNodeWithoutLock");
+  int matched = 0;
+  for (auto& entry : pAdapterItemList) {
+    AMAdapterItem* row = entry.second;
+    if (row->nodenumber != nodenum || !row->isConfiged) continue;
+    matched = 1;
+    row->isNodeStopped = 1;
+    if (is_undef) row->isConfiged = 0;
+    row->isPending = 0;
+    accumulate_NAM_change(row);
+    AMtracef(AM_TRACEF_DEBUG, "In setAllAdapterUndefinedOrDownOnNodeWithoutLock(), Call accumulate_NAM_changes()\n");
+    if (!TRACEABLE(TRACE_FYI)) continue;
+    IpText ip(row->ipaddr);
+    AMtracef(TRACE_FYI,
+             "OPS %s NetIfCfg node=%d ifrName=%s, device=%s, IP=%s, LID=%d, netid=%d\n netid64 = %llx, adapterType "
+             "= %d, spigot_id =%d, hardwareAddress = %s, devicePathName = %s\n",
+             is_undef ? "UNDEF" : "STOPPED", row->nodenumber,
+             FieldText(row->interfacename, sizeof row->interfacename).text, row->devicename.c_str(), ip.text,
+             row->LID, row->networkid, static_cast<unsigned long long>(row->networkId64),
+             static_cast<int>(row->adapterType), static_cast<int>(row->spigot_id),
+             FieldText(row->hardwareAddress, sizeof row->hardwareAddress).text,
+             FieldText(row->devicePathName, sizeof row->devicePathName).text);
+  }
+  return matched;
+}
+
+int AMGlobalAdapterTable::setAllAdapterUndefinedOnNodeWithLock(int nodenum) {
+  GSWriteGuard hold(*this);
+  return setAllAdapterUndefinedOrDownOnNodeWithoutLock(nodenum, 1);
+}
+
+int AMGlobalAdapterTable::setAllAdapterStoppedOnNodeWithLock(int nodenum) {
+  GSWriteGuard hold(*this);
+  return setAllAdapterUndefinedOrDownOnNodeWithoutLock(nodenum, 0);
+}
+
+int AMGlobalAdapterTable::resetIsNodeStoppedBit(int nodenum) {
+  // The write lock nests under a caller's own write hold.
+  GSWriteGuard hold(*this);
+  for (auto& entry : pAdapterItemList) {
+    AMAdapterItem* row = entry.second;
+    if (row->nodenumber != nodenum || !row->isNodeStopped) continue;
+    row->isNodeStopped = 0;
+    if (row->isConfiged) accumulate_NAM_change(row);
+  }
+  return 0;
+}
+
+int AMGlobalAdapterTable::updateAdapterStateWithLock(int isUp, const tk_gs_membership_t* members, int reflect) {
+  if (members == nullptr || members->gs_count == 0) return 0;
+  if (members->gs_providers == nullptr) return 0;
+  TraceBlock tb(TraceLevel(TRACE_BLOCK), "updateAdapterStateWithLock");
+  struct timeval now;
+  MONO_GETTIMEOFDAY_IN_HALFSECS(&now);
+  const bool traceAllNodes = AMController::domainType == kCLUSTER;
+  {
+    GSWriteGuard hold(*this);
+    for (unsigned i = 0; i < members->gs_count; ++i) {
+      const tk_gs_provider_t& prov = members->gs_providers[i];
+      const int node = prov.gs_provider_fields.gs_node_number;
+      const int instance = prov.gs_provider_fields.gs_instance_number;
+      AMtracef(AM_TRACEF_DEBUG,
+               "In setAdapterDefinedWithLock(),  prov->gs_node_number=%d, prov->gs_instance_number=%d)\n", node,
+               instance);
+      AMAdapterItem* row = getOrNewAdapterItem(node, instance);
+      if (!row->isUp || isUp) {
+        row->isPending = 0;
+        row->isUp = isUp ? 1 : 0;
+        if (isUp) row->isNodeStopped = 0;
+        row->when_happen = now;
+        accumulate_NAM_change(row);
+        AMtracef(AM_TRACEF_DEBUG, "In updateAdapterStateWithLock(),Call accumulate_NAM_changes()\n");
+      } else if (row->isNodeStopped) {
+        // The node-stop path has already announced "STOPPED".
+        row->isPending = 0;
+        row->isUp = 0;
+        row->when_happen = now;
+      } else {
+        // Held back: clients keep seeing the adapter up until the delay
+        // runs out, so that a short flap never reaches them.
+        row->isPending = 1;
+        row->isUp = 0;
+        row->when_happen = now;
+        postDelalyedDownEventAt(&now);
+      }
+      if ((traceAllNodes || row->nodenumber == static_cast<int>(myNodeNumber)) && TRACEABLE(TRACE_FYI)) {
+        IpText ip(row->ipaddr);
+        AMtracef(TRACE_FYI,
+                 "updateAdapterStateWithLock(): OPS %s NetState node=%d ifrName=%s, device=%s, IP=%s, LID=%d, "
+                 "netid=%d, netId64 = %llx, cfged=%d, Stopped=%d\n",
+                 netStateName(*row), row->nodenumber, FieldText(row->interfacename, sizeof row->interfacename).text,
+                 row->devicename.c_str(), ip.text, row->LID, row->networkid,
+                 static_cast<unsigned long long>(row->networkId64), static_cast<int>(row->isConfiged),
+                 static_cast<int>(row->isNodeStopped));
+      }
+    }
+  }
+  if (reflect) reflect_NAM_changes();
+  return 1;
+}
+
+int AMGlobalAdapterTable::repopulateAllNAMInfoWithLock() {
+  TraceBlock tb(TraceLevel(TRACE_BLOCK), "repopulateAllNAMInfoWithLock");
+  int announced = 0;
+  {
+    GSWriteGuard hold(*this);
+    for (auto& entry : pAdapterItemList) {
+      AMAdapterItem* row = entry.second;
+      if (!row->isConfiged || row->isNodeStopped) continue;
+      row->isPending = 0;
+      accumulate_NAM_change(row);
+      AMtracef(AM_TRACEF_DEBUG, "In repopulateAllNAMInfoWithLock(), Call accumulate_NAM_changes()\n");
+      announced = 1;
+    }
+  }
+  reflect_NAM_changes();
+  return announced;
+}
+
+int AMGlobalAdapterTable::refreshLocalTable(int auto_reflect) {
+  TraceBlock tb(TraceLevel(TRACE_BLOCK), "refreshLocalTable");
+  AMtracef(AM_TRACEF_DEBUG, "Collecting the local adapters\n");
+  AMNetInterfaceList list;
+  getLocalNetInterfaceList(&list, 0);  // on failure the list stays empty
+  int namcnt = 0;
+  {
+    GSWriteGuard hold(*this);
+    for (int i = 0; i < list.count; ++i) {
+      AMNetInterface& intf = list.ifList[i];
+      intf.nodeNumber = myNodeNumber;
+      if (!isSwitchAdapter(FieldText(intf.ifrName, sizeof intf.ifrName).text)) continue;
+      hasSwitchOnTheNode = true;
+      AMtracef(AM_TRACEF_DEBUG, "In refreshLocalTable(), Call setAdapterDefinedWithoutLock()\n");
+      if (setAdapterDefinedWithoutLock(intf) == 1) namcnt++;
+    }
+    // A local interface that vanished keeps its configured row: a rescan
+    // only adds and updates, and KOR alone undefines an adapter.
+  }
+  freeNetInterfaceList(&list);
+  if (auto_reflect) {
+    reflect_NAM_changes();
+    AMtracef(AM_TRACEF_DEBUG, "In refreshLocalTable(),Call reflect_NAM_changes()\n");
+  }
+  AMtracef(AM_TRACEF_DEBUG, "Finish collecting the local adapters, namChgCnt=%d\n", namcnt);
+  return namcnt;
+}
+
+int AMGlobalAdapterTable::checkRawDevices() {
+  GSReadGuard hold(*this);
+  for (int i = 0; i < MaxAdaptersOnNode; ++i) {
+    AMAdapterItem* row = locateAdapterItem(myNodeNumber, i);
+    if (row && row->isConfiged) return 0;
+    if (TRACEABLE(TRACE_FYI)) {
+      if (row == nullptr) {
+        AM_TRACE(TRACE_FYI) << "In AMGlobalAdapterTable::checkRawDevice(): i = " << i << ", pTmp = 0." << endl;
+      } else {
+        AM_TRACE(TRACE_FYI) << "In AMGlobalAdapterTable::checkRawDevice(): i = " << i
+                            << ", pTmp->isConfigred = " << static_cast<int>(row->isConfiged) << endl;
+      }
+    }
+  }
+  return 2;
+}
+
+// ------------------------------------------------------------ delayed downs
+
+void AMGlobalAdapterTable::postDelalyedDownEventAt(struct timeval* t) {
+  {
+    // Taken again by a caller that holds the write lock already.
+    GSWriteGuard hold(*this);
+    if (n_pending_downs.load() == 0) earliest_down_event_time.store(usecsOf(*t));
+    n_pending_downs.fetch_add(1);
+  }
+  wakePropagatorForDelayedDowns();
+}
+
+int AMGlobalAdapterTable::computeNextWaitTime(struct timeval* out) {
+  if (n_pending_downs.load() == 0) return 0;
+  struct timeval now;
+  MONO_GETTIMEOFDAY_IN_HALFSECS(&now);
+  int64_t wait = static_cast<int64_t>(WAIT_PENDING_DELAYED_DOWN_USECS) -
+                 (usecsOf(now) - earliest_down_event_time.load());
+  if (wait < 0) wait = 0;
+  *out = timevalOf(wait);
+  return 1;
+}
+
+int AMGlobalAdapterTable::processDelayedDownEvents() {
+  TraceBlock tb(TraceLevel(TRACE_BLOCK), "processDelayedDownEvents");
+  struct timeval now;
+  MONO_GETTIMEOFDAY_IN_HALFSECS(&now);
+  const int64_t nowUs = usecsOf(now);
+  GSWriteGuard hold(*this);
+  int64_t earliest = nowUs;
+  int pending = 0;
+  int n_updates = 0;
+  for (auto& entry : pAdapterItemList) {
+    AMAdapterItem* row = entry.second;
+    if (!row->isPending) continue;
+    const int64_t happened = usecsOf(row->when_happen);
+    if (nowUs - happened < WAIT_PENDING_DELAYED_DOWN_USECS) {
+      ++pending;
+      if (happened < earliest) earliest = happened;
+      continue;
+    }
+    row->isPending = 0;
+    if (!row->isNodeStopped) {
+      accumulate_NAM_change(row);
+      AMtracef(AM_TRACEF_DEBUG, "processDelayedDownEvents(), Call accumulate_NAM_changes()\n");
+      ++n_updates;
+    }
+    if (TRACEABLE(TRACE_FYI)) {
+      IpText ip(row->ipaddr);
+      AMtracef(TRACE_FYI,
+               "OPS2 %s NetState node=%d ifrName=%s, device=%s, IP=%s, LID=%d, netid=%d, netId64=%llx,cfged=%d, "
+               "Stopped=%d\n",
+               expiredStateName(*row), row->nodenumber, FieldText(row->interfacename, sizeof row->interfacename).text,
+               row->devicename.c_str(), ip.text, row->LID, row->networkid,
+               static_cast<unsigned long long>(row->networkId64), static_cast<int>(row->isConfiged),
+               static_cast<int>(row->isNodeStopped));
+    }
+  }
+  earliest_down_event_time.store(earliest);
+  n_pending_downs.store(pending);
+  // Published under the table lock; reflect_NAM_changes never takes it.
+  if (n_updates > 0) reflect_NAM_changes();
+  if (pending > 0) wakePropagatorForDelayedDowns();
+  return pending;
+}
+
+// ------------------------------------------------------------ node-id map
+
+void clearNodeIdMappings() {
+  std::lock_guard<std::mutex> hold(nodemap_lock);
+  for (int i = 0; i < num_NodeIds; ++i) pNodeIdMaps[i] = 0;
+}
+
+int setNodeIdMap(int node, uint64_t nodeid) {
+  if (node > kMaxMappedNode) return 0;
+  std::lock_guard<std::mutex> hold(nodemap_lock);
+  if (node >= 0 && node >= num_NodeIds) {
+    int grown = node + kNodeIdMapHeadroom;
+    uint64_t* fresh = new uint64_t[grown]();
+    for (int i = 0; i < num_NodeIds; ++i) fresh[i] = pNodeIdMaps[i];
+    delete[] pNodeIdMaps;
+    pNodeIdMaps = fresh;
+    num_NodeIds = grown;
+  }
+  int changed = 0;
+  if (nodeid != 0) {
+    // A node id that shows up under a new node number leaves its old one:
+    // every adapter of the old number is undefined first.
+    for (int other = 0; other < num_NodeIds; ++other) {
+      if (other == node || pNodeIdMaps[other] != nodeid) continue;
+      AMtracef(TRACE_FYI, "OPS UNDEF(1) PeerNode node=%d, nodeid=0x%llx\n", other,
+               static_cast<unsigned long long>(nodeid));
+      undefineNodeAdapters(other);
+      pNodeIdMaps[other] = 0;
+      changed = 1;
+    }
+  }
+  if (node >= 0) {
+    uint64_t previous = pNodeIdMaps[node];
+    if (previous == nodeid) return changed;
+    changed = 1;
+    if (nodeid == 0) {
+      AMtracef(TRACE_FYI, "OPS UNDEF PeerNode node=%d, previd=0x%llx nodeid=0x%llx\n", node,
+               static_cast<unsigned long long>(previous), static_cast<unsigned long long>(nodeid));
+      undefineNodeAdapters(node);
+    } else {
+      AMtracef(TRACE_FYI, "DEF PeerNode node=%d, nodeid=0x%llx\n", node, static_cast<unsigned long long>(nodeid));
+    }
+    pNodeIdMaps[node] = nodeid;
+  }
+  return changed;
+}
+
+int resetNodeIdMap(int node) { return setNodeIdMap(node, 0); }
+
+int getNodeNumFromNodeId(uint64_t nodeid) {
+  if (nodeid == 0) return -1;
+  std::lock_guard<std::mutex> hold(nodemap_lock);
+  for (int node = 0; node < num_NodeIds; ++node) {
+    if (pNodeIdMaps[node] == nodeid) return node;
+  }
+  return -1;
+}
+
+int nodeIdMapCapacityForTesting() {
+  std::lock_guard<std::mutex> hold(nodemap_lock);
+  return num_NodeIds;
+}
+
+void resetNodeIdMapForTesting() {
+  std::lock_guard<std::mutex> hold(nodemap_lock);
+  delete[] pNodeIdMaps;
+  pNodeIdMaps = nullptr;
+  num_NodeIds = 0;
+}

@@ -1,0 +1,207 @@
+// Building client records from adapter rows and keeping them per network.
+#include "veltnam_utils.h"
+
+#include <arpa/inet.h>
+#include <stdio.h>
+#include <string.h>
+#include <time.h>
+
+#include <tuple>
+
+#include "AMNetIf.h"
+#include "TraceStream.h"
+#include "ha_assert.h"
+#include "vx_cu.h"
+
+char timeOfveltnamNetInfoUpdated[16] = {0};
+
+namespace {
+
+constexpr int kGidLength = 20;
+// A hardware address is read no further than this many characters.
+constexpr int kHardwareAddressScan = 40;
+
+// Copies a character field of a row into a record field of the same width:
+// up to the NUL, zero-padded, the last byte always NUL.
+void copyName(char* dst, const char* src, size_t width) {
+  size_t n = strnlen(src, width);
+  if (n >= width) n = width - 1;
+  memcpy(dst, src, n);
+  memset(dst + n, 0, width - n);
+}
+
+int hexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+const char* statusName(uint8_t status) {
+  switch (status) {
+    case VELT_NAM_CONNECT_UP:
+      return "UP";
+    case VELT_NAM_CONNECT_DOWN:
+      return "DOWN";
+    default:
+      return "UNCONFIG";
+  }
+}
+
+}  // namespace
+
+veltnamNetAdaptInfo::veltnamNetAdaptInfo(uint64_t network_id) {
+  memset(&netInfo, 0, sizeof netInfo);
+  netInfo.network_id = network_id;
+}
+
+veltnamNetAdaptInfo::~veltnamNetAdaptInfo() {
+  for (velt_nam_connect* rec : veltnamConnectList) delete rec;
+}
+
+velt_nam_connect_status_t velt_nam_status_of(const AMAdapterItem& row) {
+  if (!row.isConfiged || row.isNodeStopped) return VELT_NAM_CONNECT_UNCONFIG;
+  return row.isUp ? VELT_NAM_CONNECT_UP : VELT_NAM_CONNECT_DOWN;
+}
+
+void build_velt_nam_conn_item(const AMAdapterItem& row, velt_nam_connect* rec) {
+  memset(rec, 0, sizeof *rec);
+  rec->node_number = static_cast<uint32_t>(row.nodenumber);
+  rec->LID = static_cast<uint32_t>(row.LID);
+  rec->adapter_type = row.adapterType;
+  rec->ip_address.type = VELT_NAM_IPV4;
+  rec->ip_address.address.ipv4.s_addr = row.ipaddr;
+  copyName(rec->interface_name, row.interfacename, sizeof rec->interface_name);
+  // Clients are given the device's path name, not its device name.
+  copyName(rec->device_name, row.devicePathName, sizeof rec->device_name);
+  convert_hardware_address_to_gid(row.adapterType, rec->gid, row.hardwareAddress, &rec->valid_length_in_gid);
+  rec->spigot_id = row.spigot_id;
+  rec->status = static_cast<uint8_t>(velt_nam_status_of(row));
+}
+
+void convert_hardware_address_to_gid(uint32_t adapterType, uint8_t* gid, const char* hwaddr,
+                                     uint16_t* length) {
+  *length = 0;
+  if (adapterType == 0 || hwaddr == nullptr) return;
+  int pos = 0;
+  int produced = 0;
+  // The byte count is bounded by the GID as well as by the 40 characters: a
+  // leading ':' followed by 39 digits would otherwise make 21 bytes.
+  while (pos < kHardwareAddressScan && hwaddr[pos] != '\0' && produced < kGidLength) {
+    if (pos == 0 && hwaddr[0] == ':') {
+      gid[produced++] = 0;
+      pos = 1;
+      continue;
+    }
+    unsigned value;
+    int hi = hexValue(hwaddr[pos]);
+    int lo = hexValue(hwaddr[pos + 1]);
+    if (hi >= 0 && lo >= 0) {
+      value = static_cast<unsigned>(hi * 16 + lo);
+    } else if (sscanf(hwaddr + pos, "%2x", &value) != 1) {
+      break;  // not a hexadecimal pair: the address ends here
+    }
+    gid[produced++] = static_cast<uint8_t>(value);
+    // Never step over the terminator of a text that ends after one digit.
+    if (hwaddr[pos + 1] == '\0') break;
+    pos += hwaddr[pos + 2] == ':' ? 3 : 2;
+  }
+  *length = static_cast<uint16_t>(produced);
+}
+
+void count_velt_nam_status_change(velt_nam_connect_net_info* info, uint8_t old_status, uint8_t new_status) {
+  if (old_status == new_status) return;
+  if (old_status == VELT_NAM_CONNECT_UP) info->num_up--;
+  if (old_status == VELT_NAM_CONNECT_DOWN) info->num_down--;
+  if (new_status == VELT_NAM_CONNECT_UP) info->num_up++;
+  if (new_status == VELT_NAM_CONNECT_DOWN) info->num_down++;
+}
+
+void add_velt_nam_conn_item(veltnamNetInfoList& table, const AMAdapterItem& row) {
+  velt_nam_connect* rec = new velt_nam_connect;
+  build_velt_nam_conn_item(row, rec);
+  add_velt_nam_conn_item(table, row.networkId64, rec);
+}
+
+void add_velt_nam_conn_item(veltnamNetInfoList& table, uint64_t network_id, velt_nam_connect* rec) {
+  auto found = table.find(network_id);
+  veltnamNetAdaptInfo* net;
+  if (found != table.end()) {
+    net = found->second;
+  } else {
+    net = new veltnamNetAdaptInfo(network_id);
+    table.emplace(network_id, net);
+  }
+  veltnamConnectSet& records = net->veltnamConnectList;
+  compareAdaptInfo less;
+  bool added;
+  veltnamConnectSet::iterator at;
+  if (records.empty() || less(*records.rbegin(), rec)) {
+    // Rows come mostly in ascending node order: then the end is the place.
+    at = records.insert(records.end(), rec);
+    added = true;
+  } else {
+    std::tie(at, added) = records.insert(rec);
+  }
+  if (added) {
+    net->netInfo.num_connect++;
+    count_velt_nam_status_change(&net->netInfo, VELT_NAM_CONNECT_UNCONFIG, rec->status);
+    return;
+  }
+  // The network already lists this adapter (two rows of one node without a
+  // name, say): one record per adapter, the newest wins.
+  velt_nam_connect* old = *at;
+  count_velt_nam_status_change(&net->netInfo, old->status, rec->status);
+  *old = *rec;
+  delete rec;
+}
+
+veltnamConnectSet::iterator find_velt_nam_conn_item(veltnamConnectSet& records, const velt_nam_connect* probe) {
+  if (records.empty()) return records.end();
+  compareAdaptInfo less;
+  if (less(probe, *records.begin()) || less(*records.rbegin(), probe)) return records.end();
+  return records.find(const_cast<velt_nam_connect*>(probe));
+}
+
+void clear_net_adapter_table(veltnamNetInfoList& table) {
+  for (auto& entry : table) delete entry.second;
+  table.clear();
+}
+
+void dump_veltnam_net_adapter_info(const veltnamNetInfoList& table) {
+  if (!TRACEABLE(TRACE_FYI)) return;
+  AM_TRACE(TRACE_FYI) << "Adapter information of " << static_cast<unsigned long>(table.size()) << " networks"
+                      << endl;
+  for (const auto& entry : table) {
+    const velt_nam_connect_net_info& ni = entry.second->netInfo;
+    AMtracef(TRACE_FYI, "network_id = %llx, num_connect = %u, num_up = %u, num_down = %u\n",
+             static_cast<unsigned long long>(ni.network_id), ni.num_connect, ni.num_up, ni.num_down);
+    for (const velt_nam_connect* rec : entry.second->veltnamConnectList) {
+      char ip[INET_ADDRSTRLEN] = "";
+      inet_ntop(AF_INET, &rec->ip_address.address.ipv4, ip, sizeof ip);
+      char ifname[sizeof rec->interface_name];
+      char devname[sizeof rec->device_name];
+      copyName(ifname, rec->interface_name, sizeof ifname);
+      copyName(devname, rec->device_name, sizeof devname);
+      AMtracef(TRACE_FYI, "  node=%u ifname=%s device=%s IP=%s LID=%u type=%u spigot=%u gidlen=%u status=%s\n",
+               rec->node_number, ifname, devname, ip, rec->LID, rec->adapter_type, rec->spigot_id,
+               rec->valid_length_in_gid, statusName(rec->status));
+    }
+  }
+}
+
+void getTimeUpdated() {
+  struct timeval now;
+  cu_gettimeofday_1(&now);
+  time_t seconds = now.tv_sec;
+  char text[32];
+  ctime_r(&seconds, text);
+  // Month, day and time of day: the 15 characters after the weekday.
+  memcpy(timeOfveltnamNetInfoUpdated, text + 4, 15);
+  timeOfveltnamNetInfoUpdated[15] = '\0';
+}
+
+const char* writeTimeUpdated() {
+  getTimeUpdated();
+  return timeOfveltnamNetInfoUpdated;
+}
