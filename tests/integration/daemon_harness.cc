@@ -6,6 +6,8 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -140,6 +142,47 @@ CommandResult runCommand(const std::vector<std::string>& argv, const std::map<st
 
 std::string tolkvaskdPath() { return TOLKVASKD_PATH; }
 std::string srcctlPath() { return SRCCTL_PATH; }
+std::string veltdPath() { return VELTD_PATH; }
+
+Agent::Agent(const std::string& dir, const std::string& socketPath) : dir_(dir), socket_(socketPath) {}
+
+Agent::~Agent() { kill9(); }
+
+bool Agent::start(const std::vector<std::string>& extraArgs) {
+  std::vector<std::string> argv = {veltdPath(), "--standalone", "--socket", socket_, "--state-dir",
+                                   dir_ + "/veltd-state", "--log", dir_ + "/veltd.log"};
+  argv.insert(argv.end(), extraArgs.begin(), extraArgs.end());
+  pid_ = spawn(argv, mergedEnvironment({}, false), dir_ + "/veltd.out", dir_ + "/veltd.err", "");
+  if (pid_ < 0) return false;
+  struct timespec t0, now;
+  clock_gettime(CLOCK_MONOTONIC, &t0);
+  for (;;) {
+    int s = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+    struct sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    strncpy(addr.sun_path, socket_.c_str(), sizeof(addr.sun_path) - 1);
+    bool ok = connect(s, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
+    close(s);
+    if (ok) return true;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    if (now.tv_sec - t0.tv_sec >= 20) return false;
+    int raw;
+    if (waitpid(pid_, &raw, WNOHANG) == pid_) {
+      pid_ = -1;
+      return false;
+    }
+    usleep(20 * 1000);
+  }
+}
+
+void Agent::kill9() {
+  if (pid_ <= 0) return;
+  kill(pid_, SIGKILL);
+  waitpid(pid_, nullptr, 0);
+  pid_ = -1;
+}
+
+std::string Agent::log() const { return readFile(dir_ + "/veltd.log") + readFile(dir_ + "/veltd.err"); }
 
 std::map<std::string, std::string> validEnvironment(const std::string& dir) {
   return {

@@ -80,12 +80,29 @@ class Daemon {
   int signal_ = 0;
 };
 
+// One `veltd --standalone` node agent serving socketPath.
+class Agent {
+ public:
+  Agent(const std::string& dir, const std::string& socketPath);
+  ~Agent();  // kills the agent if it still runs
+  // Starts it and waits until its socket accepts connections.
+  bool start(const std::vector<std::string>& extraArgs = {});
+  void kill9();
+  std::string log() const;
+
+ private:
+  std::string dir_;
+  std::string socket_;
+  pid_t pid_ = -1;
+};
+
 // The environment of a well-configured daemon in run directory dir: SRC
 // mode, a trace log file, no agent.
 std::map<std::string, std::string> validEnvironment(const std::string& dir);
 
 std::string tolkvaskdPath();
 std::string srcctlPath();
+std::string veltdPath();
 
 }  // namespace velt_test
 
