@@ -14,31 +14,13 @@
 
 class AMCfgInfo;
 
-// Event codes of the propagator's queue (only those the frame posts).
-enum _AMProEventType {
-  PEVT_NO_EVENT = 0,
-  PEVT_CHECK_REFRESH_DONE = 6,
-};
+// The propagator and its event codes.
+#include "AMPropagate.h"
 
-// The cooked provider of one local adapter (what the adapter table asks of
-// it when the adapter moves to another network). Owned by its mediator.
-class AMCookedProvider {
- public:
-  virtual ~AMCookedProvider() = default;
-  virtual int getAttachedNetworkNum() = 0;
-};
-
-class AMMediator : public GSThread {
- public:
-  virtual void wakeup(int refreshed) = 0;
-  virtual const char* getRawGroupName() const = 0;
-  virtual void harvestMembership() = 0;
-  // The cooked provider whose representative name is repname, or null. A
-  // mediator that provides no cooked groups has none and so never moves one.
-  virtual AMCookedProvider* getCookedProvider(const char* /*repname*/) { return nullptr; }
-  // Moves the provider to the cooked group of another network number.
-  virtual int changeAttachedNetwork(AMCookedProvider* /*provider*/, int /*netnum*/) { return 0; }
-};
+// The mediator and its cooked providers live in AMMediator.h, included at
+// the end of this header so that every user of the controller sees them.
+class AMMediator;
+class AMCookedProvider;
 
 class AMAggregator : public GSThread {
  public:
@@ -47,25 +29,11 @@ class AMAggregator : public GSThread {
   virtual void set_configuration_has_changed(AMCfgInfo& info) = 0;
 };
 
-class AMPropagator : public GSThread {
- public:
-  using GSThread::postSyncEvent;
-  virtual int postSyncEvent(_AMProEventType event) = 0;
-  virtual pid_t refreshPid() const = 0;
-  virtual void clearRefreshPid() = 0;
-  virtual void refreshCompleted(int status) = 0;
-  virtual void refreshRequested() = 0;
-  // True while the configuration provider exists and is not idle.
-  virtual bool isCfgProviderActive() const = 0;
-  virtual void doLongStatus() = 0;
-  virtual void doCanonicalLongStatus() = 0;
-  // Wakes the propagator to re-time the adapter table's delayed-down wait.
-  virtual int postDelayedDownEvent() = 0;
-};
-
 class AMCfgMonitor : public GSThread {
  public:
   virtual void harvestGblNetworkInterfaces(int force) = 0;
+  // Harvests the peer nodes; -1 when the query failed.
+  virtual int harvestGblPeerNodes() { return 0; }
 };
 
 class NAMServer : public GSThread {};
@@ -84,5 +52,7 @@ class NAMClient : public GSThread {
   // dropped for not reading. Called with veltnamSyncLock held.
   virtual int queueEvent() = 0;
 };
+
+#include "AMMediator.h"
 
 #endif  // VELT_GLOBALAM_AMCOMPONENTS_H_

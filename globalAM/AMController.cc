@@ -13,6 +13,7 @@
 #include "AMUtils.h"
 #include "TraceStream.h"
 #include "ha_assert.h"
+#include "sw_adapter_info.h"
 #include "sw_NAM_calls.h"
 #include "tk_gs_tolkvaskd_msg.h"
 #include "vx_cu.h"
@@ -70,9 +71,16 @@ AMController::AMController() : GSController(kGsInterfaceWord), AMSRCDriver() {
   pGAdapterCfgTbl = new AMGlobalAdapterTable();
   pGAdapterCfgTbl->refreshLocalTable(0);
 
-  // The propagator, the first mediator on "allAdapterMembership", the
-  // configuration monitor and the client server are created here as each
-  // of them is built; until then their places stay empty.
+  // The first mediator, on the raw group of every adapter; no aggregator
+  // listens to it.
+  AMMediator* mediator = new AMMediator(kAllAdapterMembershipName, nullptr, 0);
+  allAdaptGroup = mediator->getRawSubscriber();
+  appendMediator(mediator);
+
+  propagator = new AMPropagator();
+
+  // The configuration monitor and the client server are created here as
+  // each of them is built; until then their places stay empty.
 
   AM_TRACE(TRACE_FYI) << "AMController is created, domainType=" << static_cast<long>(domainType)
                       << ", SW_HERDLET_NAM_LOCAL_VIEW = " << has_NAM_LocalView_Adapters << endl;
@@ -177,6 +185,15 @@ void AMController::wakeupPropagator(int) {
   if (propagator) propagator->postSyncEvent(PEVT_NO_EVENT);
 }
 
+// Without a configuration monitor there is nothing to harvest; the
+// harvest then counts as done.
+int AMController::harvestGblPeerNodes() { return cfgMonitor ? cfgMonitor->harvestGblPeerNodes() : 0; }
+
+int AMController::harvestGblNetworkInterfaces() {
+  if (cfgMonitor) cfgMonitor->harvestGblNetworkInterfaces(1);
+  return 0;
+}
+
 void AMController::allowReadyToRoll() {
   readyToRoll = 1;
   wakeupAllMediators(0);
@@ -235,6 +252,14 @@ void AMController::performSRCRefresh() {
   if (propagator) propagator->refreshRequested();
   // In the cluster domain type the client server's adapter information is
   // rebuilt here once the client server exists.
+  if (domainType == kCLUSTER && isML0ForIBSupported()) {
+    if (cfgMonitor) cfgMonitor->harvestGblNetworkInterfaces(1);
+    for (int i = 0; i < mediators.count(); ++i) {
+      if (mediators[i] == nullptr) continue;
+      AM_TRACE(TRACE_FYI) << "In performSRCRefresh(): mediators[" << i << "] harvestMembership()." << endl;
+      mediators[i]->harvestMembership();
+    }
+  }
   wakeupAllMediators(1);
   wakeupAllAggregators(1);
 }
@@ -296,8 +321,15 @@ tk_gs_callback_rc_t AMController::domainControlCb(const tk_gs_domain_control_not
                       << static_cast<long>(veltActiveVersion.gs_modification) << "."
                       << static_cast<long>(veltActiveVersion.gs_fix) << endl;
   if (cfgMonitor) cfgMonitor->harvestGblNetworkInterfaces(1);
-  // Where ml0 over InfiniBand is supported, every mediator harvests its
-  // membership again here; that support comes with the mediators.
+  if (isML0ForIBSupported()) {
+    for (int i = 0; i < mediators.count(); ++i) {
+      if (mediators[i] == nullptr) continue;
+      AM_TRACE(TRACE_FYI) << "mediators[" << i << "] harvestMembership()." << endl;
+      mediators[i]->harvestMembership();
+    }
+    wakeupAllMediators(0);
+    wakeupAllAggregators(0);
+  }
   return TK_GS_CALLBACK_OK;
 }
 

@@ -86,6 +86,10 @@ class AMController : public GSController, public AMSRCDriver {
   void stopAMCfgMonitor();
   void wakeupCfgMonitor(int unused);
   void wakeupPropagator(int unused);
+  // Harvests through the configuration monitor; 0 (nothing to do) while
+  // there is none, -1 when the harvest failed.
+  int harvestGblPeerNodes();
+  int harvestGblNetworkInterfaces();
   void allowReadyToRoll();
   void set_configuration_has_changed(AMCfgInfo& info);
 

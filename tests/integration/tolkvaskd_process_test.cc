@@ -273,9 +273,13 @@ TEST_F(RunningDaemon, LongStatusWhileConnectingCountsTries) {
   startConnectingDaemon();
   CommandResult first = daemon_->srcctl({"status", "-l"});
   EXPECT_EQ(0, first.status) << first.err;
-  EXPECT_EQ("Status information for subsystem tolkvaskd:\n"
-            "Not yet connected to Group Services after 1 connect try\n",
-            first.out);
+  // The connection state comes first; the mediator's and the
+  // configuration's lines follow.
+  EXPECT_EQ(0u, first.out.rfind("Status information for subsystem tolkvaskd:\n"
+                                "Not yet connected to Group Services after 1 connect try\n",
+                                0))
+      << first.out;
+  EXPECT_NE(std::string::npos, first.out.find("\nAggregate Adapter Configuration\n")) << first.out;
   // The next attempt comes after the 5-second pause.
   CommandResult later;
   for (int i = 0; i < 40; ++i) {
@@ -332,6 +336,7 @@ TEST_F(RunningDaemon, CanonicalStatusRequests998And999) {
   EXPECT_EQ("Canonical LongStatus request from SRC.\n"
             "Status information for subsystem tolkvaskd:\n"
             "Not yet connected to Group Services.\nN time connection tried.\n"
+            "Aggregate Adapter Configuration\n The current configuration id is N.\n"
             "Adapter information of N networks\n",
             anyCount(canonical.out));
   CommandResult inC = daemon_->srcctl({"request", "998", "C"});
@@ -342,6 +347,9 @@ TEST_F(RunningDaemon, CanonicalStatusRequests998And999) {
   EXPECT_TRUE(std::regex_match(localized.out,
                                std::regex("Status information for subsystem tolkvaskd:\n"
                                           "Not yet connected to Group Services after [0-9]+ connect tr(y|ies)\n"
+                                          "sxnMembership .*\n"
+                                          "Aggregate Adapter Configuration\n"
+                                          " The current configuration id is [0-9]+\\.\n"
                                           "Adapter information of 0 networks\n")))
       << localized.out;
 }

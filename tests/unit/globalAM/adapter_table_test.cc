@@ -242,48 +242,25 @@ TEST_F(Definition, ConfiguredOnNetworkMatchesTheNumberOrInInfiniBandTheWideId) {
   EXPECT_EQ(gkFALSE, table_->AdapterConfiguredOnNetwork(3, 0));
 }
 
-// A mediator with one cooked provider, to see the local node follow its
-// adapter into another network's group.
-class FakeCookedProvider : public AMCookedProvider {
- public:
-  int getAttachedNetworkNum() override { return network; }
-  int network = 0;
-};
-
-class FakeMediator : public AMMediator {
- public:
-  void* run(void*) override { return nullptr; }
-  void wakeup(int) override {}
-  const char* getRawGroupName() const override { return "allAdapterMembership"; }
-  void harvestMembership() override {}
-  AMCookedProvider* getCookedProvider(const char* repname) override {
-    return repName == repname ? &provider : nullptr;
-  }
-  int changeAttachedNetwork(AMCookedProvider* p, int netnum) override {
-    moves.push_back(netnum);
-    static_cast<FakeCookedProvider*>(p)->network = netnum;
-    return 0;
-  }
-  std::string repName = "sxn0";
-  FakeCookedProvider provider;
-  std::vector<int> moves;
-};
-
 TEST_F(Definition, ALocalSwitchAdapterOnANewNetworkMovesItsCookedProvider) {
-  FakeMediator mediator;
-  ctl_->appendMediator(&mediator);
+  // The controller's own mediator, with the cooked provider of sxn0.
+  AMMediator* mediator = ctl_->mediators[0];
+  const int savedNetworks = currentNumbersOfNetworks.exchange(8);
   table_->setAdapterDefinedWithLock(makeInterface(kMyNode, "sxn0", "10.0.0.1", kNet, 0));
-  EXPECT_TRUE(mediator.moves.empty());  // network 0, where the provider is
+  AMCookedProvider* provider = mediator->appendMember("sxn0");
+  ASSERT_NE(nullptr, provider);
+  EXPECT_EQ(0, provider->getAttachedNetworkNum());
   table_->setAdapterDefinedWithLock(makeInterface(kMyNode, "sxn0", "10.0.0.1", kNet, 4));
-  ASSERT_EQ(1u, mediator.moves.size());
-  EXPECT_EQ(4, mediator.moves[0]);
+  EXPECT_EQ(4, provider->getAttachedNetworkNum());
   // Another node's adapter, or a change that keeps the network, moves
   // nothing.
   table_->setAdapterDefinedWithLock(makeInterface(kMyNode + 1, "sxn0", "10.0.0.9", kNet, 6));
   AMNetInterface sameNet = makeInterface(kMyNode, "sxn0", "10.0.0.1", kNet, 4);
   sameNet.adapterLID = 55;
   table_->setAdapterDefinedWithLock(sameNet);
-  EXPECT_EQ(1u, mediator.moves.size());
+  EXPECT_EQ(4, provider->getAttachedNetworkNum());
+  EXPECT_EQ(1, mediator->getNumOfCookedProviders());
+  currentNumbersOfNetworks.store(savedNetworks);
   GSReadGuard hold(*table_);
   EXPECT_EQ(4, table_->locateAdapterItem(kMyNode, _idxFromInterfaceName("sxn0"))->networkid);
 }

@@ -78,20 +78,6 @@ class Frame : public ::testing::Test {
   AMController* ctl_ = nullptr;
 };
 
-// A mediator that only answers what the controller asks of it.
-class TestMediator : public AMMediator {
- public:
-  explicit TestMediator(const char* name) : name_(name) {}
-  void* run(void*) override { return nullptr; }
-  void wakeup(int refreshed) override { wakeups.push_back(refreshed); }
-  const char* getRawGroupName() const override { return name_; }
-  void harvestMembership() override {}
-  std::vector<int> wakeups;
-
- private:
-  const char* name_;
-};
-
 }  // namespace
 
 TEST(StopCodeNames, KnownAndUnknownCodes) {
@@ -124,8 +110,13 @@ TEST(Registry, FifthEntryGrowsFourSlotsToEight) {
 }
 
 TEST_F(Frame, MediatorsAreFoundByRawGroupNameAndWoken) {
-  TestMediator a("allAdapterMembership"), b("otherRaw");
-  for (int i = 0; i < 4; ++i) ctl_->appendMediator(i == 1 ? &b : &a);
+  // The controller made the first mediator itself, on the all-adapter group.
+  ASSERT_EQ(1, ctl_->numberOfMediators());
+  AMMediator* first = ctl_->mediators[0];
+  EXPECT_EQ(first, ctl_->getMediator("allAdapterMembership"));
+  EXPECT_EQ(ctl_->allAdaptGroup, first->getRawSubscriber());
+  AMMediator b("otherRaw", nullptr, 0);
+  for (int i = 0; i < 3; ++i) ctl_->appendMediator(i == 1 ? &b : first);
   EXPECT_EQ(4, ctl_->mediatorSlots());
   EXPECT_EQ(5, ctl_->appendMediator(&b));
   EXPECT_EQ(8, ctl_->mediatorSlots());
@@ -133,8 +124,9 @@ TEST_F(Frame, MediatorsAreFoundByRawGroupNameAndWoken) {
   EXPECT_EQ(nullptr, ctl_->getMediator("nothing"));
   ctl_->allowReadyToRoll();
   EXPECT_EQ(1, ctl_->readyToRoll.get());
-  EXPECT_EQ(3u, a.wakeups.size());
-  EXPECT_EQ(2u, b.wakeups.size());
+  // Every registry entry is woken once: a wake-up is one queued event.
+  EXPECT_EQ(3, first->pendingSyncEvents());
+  EXPECT_EQ(2, b.pendingSyncEvents());
 }
 
 TEST_F(Frame, DomainControlOtherThanVersionChangesNothing) {

@@ -1,0 +1,213 @@
+// The aggregate configuration file: its reader, the in-memory form and the
+// comparisons the propagator relies on.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <string>
+
+#include "AMAggregate.h"
+#include "sw_adapter_info.h"
+
+namespace {
+
+class AggCfgFileTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string pattern = ::testing::TempDir() + "aggcfgXXXXXX";
+    std::vector<char> buf(pattern.begin(), pattern.end());
+    buf.push_back('\0');
+    ASSERT_NE(mkdtemp(buf.data()), nullptr);
+    dir_ = buf.data();
+  }
+  void TearDown() override {
+    std::string cmd = "rm -rf '" + dir_ + "'";
+    ASSERT_EQ(system(cmd.c_str()), 0);
+  }
+  std::string write(const std::string& content) {
+    std::string path = dir_ + "/AggregateIP.cfg";
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << content;
+    return path;
+  }
+  bool hasError(const AMAggCfgList& list, int line, const std::string& prefix) {
+    for (const auto& e : list.lineErrors())
+      if (e.line == line && e.what.compare(0, prefix.size(), prefix) == 0) return true;
+    return false;
+  }
+  std::string dir_;
+};
+
+TEST(AggCfgWhiteSpace, HelpersTrimAndClassify) {
+  EXPECT_TRUE(is_white_char(' '));
+  EXPECT_TRUE(is_white_char('\t'));
+  EXPECT_TRUE(is_white_char('\n'));
+  EXPECT_TRUE(is_white_char('\r'));
+  EXPECT_FALSE(is_white_char('x'));
+  char line[] = "\t 3\tml0\r\n";
+  EXPECT_EQ(cleanup_and_return_first_char(line), '3');
+  EXPECT_STREQ(line, "  3 ml0  ");
+  char blank[] = " \t\r\n";
+  EXPECT_EQ(cleanup_and_return_first_char(blank), 0);
+  char padded[] = "  sxn1 \t\n";
+  EXPECT_STREQ(trimstr(padded), "sxn1");
+}
+
+TEST_F(AggCfgFileTest, DirectiveInAnotherCaseIsAccepted) {
+  AMAggCfgList list;
+  int sxn1 = _idxFromInterfaceName("sxn1");
+  ASSERT_EQ(list.ReadConfig(write("+installed: sxn1\n+cfgid: 0x2A\n1 ml0 sxn1\n").c_str()), 1);
+  ASSERT_EQ(list.num_cfgs, 1);
+  EXPECT_TRUE(list.cfg_list[0]->devEnabled().test(sxn1));
+  EXPECT_EQ(list.cfgID.getCfgId1(), 42u);
+  EXPECT_EQ(list.lineErrorCount(), 0);
+}
+
+TEST_F(AggCfgFileTest, ListWithBlanksAfterCommasReadsAsOneList) {
+  AMAggCfgList list;
+  int sxn0 = _idxFromInterfaceName("sxn0");
+  int sxn1 = _idxFromInterfaceName("sxn1");
+  ASSERT_EQ(list.ReadConfig(write("3 ml0 sxn0, sxn1\n").c_str()), 1);
+  AMAggCfg* ml0 = list.find_cfg("ml0", 0);
+  ASSERT_NE(ml0, nullptr);
+  EXPECT_TRUE(ml0->getMask(sxn0)->test(3));
+  EXPECT_TRUE(ml0->getMask(sxn1)->test(3));
+  EXPECT_EQ(ml0->getMask(sxn0)->count(), 1u);
+  EXPECT_EQ(ml0->getMask(sxn1)->count(), 1u);
+}
+
+TEST_F(AggCfgFileTest, TwoTokensIsIgnoredNegativeNodeIsError) {
+  AMAggCfgList list;
+  ASSERT_EQ(list.ReadConfig(write("3 ml0\n-1 ml0 sxn0\n4 ml0 sxn0\n").c_str()), 1);
+  EXPECT_TRUE(hasError(list, 1, "Ignored line 1: 3 ml0"));
+  EXPECT_FALSE(hasError(list, 1, "Error on line"));
+  EXPECT_TRUE(hasError(list, 2, "Error on line 2: -1 ml0 sxn0"));
+  EXPECT_EQ(list.lineErrorCount(), 2);
+}
+
+TEST_F(AggCfgFileTest, CommentsDirectivesAndUnknownLines) {
+  AMAggCfgList list;
+  std::string text =
+      "# comment\n"
+      "   * another comment\n"
+      "\n"
+      "+SwitchPlanes: 2\n"
+      "+echo: hello\n"
+      "+Bogus: x\n"
+      "7 ml0 sxn0\n";
+  ASSERT_EQ(list.ReadConfig(write(text).c_str()), 1);
+  EXPECT_TRUE(hasError(list, 6, "Unknown line 6: +Bogus: x. Ignored"));
+  EXPECT_EQ(list.lineErrorCount(), 1);
+}
+
+TEST_F(AggCfgFileTest, UnreadableFileKeepsPreviousContents) {
+  AMAggCfgList list;
+  ASSERT_EQ(list.ReadConfig(write("+CFGID: 5\n2 ml0 sxn0\n").c_str()), 1);
+  EXPECT_EQ(list.ReadConfig((dir_ + "/missing.cfg").c_str()), -1);
+  EXPECT_EQ(list.num_cfgs, 1);
+  EXPECT_EQ(list.cfgID.getCfgId1(), 5u);
+}
+
+TEST_F(AggCfgFileTest, LongLineIsReadAsSeveralLines) {
+  AMAggCfgList list;
+  // 1500 characters of comment: the first 999 are one line, the rest a
+  // second one that does not start with "#" and so is a data line.
+  std::string text = "#" + std::string(1498, 'x') + "\n";
+  EXPECT_EQ(list.ReadConfig(write(text).c_str()), 0);
+  EXPECT_TRUE(hasError(list, 2, "Ignored line 2"));
+}
+
+TEST_F(AggCfgFileTest, NodeBeyondTheTableAndOverlongNameAreRefused) {
+  AMAggCfgList list;
+  std::string text = "99999999999 ml0 sxn0\n1 ml0 " + std::string(40, 'n') + "\n";
+  EXPECT_EQ(list.ReadConfig(write(text).c_str()), 0);
+  EXPECT_TRUE(hasError(list, 1, "Error on line 1"));
+  EXPECT_TRUE(hasError(list, 2, "Mask for device "));
+}
+
+TEST(AggCfgMasks, IndexBeyondSlotsCreatesUpToIndexPlusFour) {
+  AMAggCfg cfg("ml0");
+  EXPECT_EQ(cfg.numSlotMasks(), 0);
+  EXPECT_EQ(cfg.getMask(-1), nullptr);
+  ASSERT_NE(cfg.getMask(2), nullptr);
+  EXPECT_EQ(cfg.numSlotMasks(), 6);
+  cfg.getMask(2)->set(9);
+  ASSERT_NE(cfg.getMask(10), nullptr);
+  EXPECT_EQ(cfg.numSlotMasks(), 14);
+  EXPECT_TRUE(cfg.getMask(2)->test(9));  // kept across the growth
+  EXPECT_TRUE(cfg.AdapterConfiguredOnNetwork(2));
+  EXPECT_FALSE(cfg.AdapterConfiguredOnNetwork(10));
+  EXPECT_FALSE(cfg.AdapterConfiguredOnNetwork(100));
+  EXPECT_EQ(cfg.getMask(AMAggCfg::kMaxMaskIndex), nullptr);
+}
+
+TEST(AggCfgCompare, ListsDifferingOnlyByAllZeroDeviceAreSame) {
+  AMAggCfgList a;
+  AMAggCfgList b;
+  a.find_cfg("ml0", 1)->getMask(0)->set(3);
+  b.find_cfg("ml0", 1)->getMask(0)->set(3);
+  a.find_cfg("ml1", 1)->getMask(5);  // present, every mask empty
+  EXPECT_TRUE(a.AreTheySame(b));
+  EXPECT_TRUE(b.AreTheySame(a));
+  a.find_cfg("ml1", 0)->getMask(5)->set(1);
+  EXPECT_FALSE(a.AreTheySame(b));
+  EXPECT_FALSE(b.AreTheySame(a));
+}
+
+TEST(AggCfgCompare, DifferentBitsOrEnabledSetsDiffer) {
+  AMAggCfg x("ml0");
+  AMAggCfg y("ml0");
+  x.getMask(1)->set(4);
+  y.getMask(7);
+  EXPECT_FALSE(x.AreTheySame(y));
+  y.getMask(1)->set(4);
+  EXPECT_TRUE(x.AreTheySame(y));
+  EXPECT_TRUE(y.AreTheySame(x));
+  x.devEnabled().set(1);
+  EXPECT_FALSE(x.AreTheySame(y));
+}
+
+TEST(AggCfgCopy, CopyListKeepsIdentityAndMasks) {
+  AMAggCfgList src;
+  src.cfgID.setCfgIdStr("77");
+  src.find_cfg("ml0", 1)->getMask(3)->set(12);
+  src.find_cfg("ml1", 1)->getMask(0)->set(1);
+  AMAggCfgList dst;
+  dst.find_cfg("old", 1)->getMask(0)->set(2);
+  EXPECT_EQ(dst.CopyCfgListFrom(src), 2);
+  EXPECT_EQ(dst.find_cfg("old", 0), nullptr);
+  EXPECT_EQ(dst.cfgID.getCfgId1(), 77u);
+  EXPECT_TRUE(dst.AreTheySame(src));
+  AMAggCfg one;
+  EXPECT_TRUE(dst.CopyTo(one, "ml0"));
+  EXPECT_STREQ(one.aggName(), "ml0");
+  EXPECT_TRUE(one.getMask(3)->test(12));
+  EXPECT_FALSE(dst.CopyTo(one, "nothere"));
+  dst.eraseall();
+  EXPECT_EQ(dst.num_cfgs, 0);
+  EXPECT_EQ(dst.cfgID.getCfgId1(), AMCfgInfo::kErasedCfgId1);
+}
+
+TEST(AggCfgFind, GrowsByFourSlots) {
+  AMAggCfgList list;
+  for (int i = 0; i < 5; ++i) ASSERT_NE(list.find_cfg(("ml" + std::to_string(i)).c_str(), 1), nullptr);
+  EXPECT_EQ(list.num_cfgs, 5);
+  EXPECT_EQ(list.num_slot_cfgs, 8);
+  EXPECT_EQ(list.find_cfg("ml9", 0), nullptr);
+  EXPECT_EQ(list.num_cfgs, 5);
+}
+
+// Runs last in this file: it fills the process-wide allowance of names.
+TEST(AggCfgBounds, NewInterfaceNamesFromFilesAreCapped) {
+  AMAggCfg cfg("ml0");
+  ASSERT_NE(cfg.getMask("sxn0"), nullptr);
+  for (int i = 0; i < 1100; ++i) cfg.getMask(("zz" + std::to_string(i)).c_str());
+  EXPECT_EQ(1024, fileInterfaceNamesForTesting());
+  // Names already brought still resolve; overlong ones never count.
+  EXPECT_NE(cfg.getMask("sxn0"), nullptr);
+  EXPECT_EQ(cfg.getMask(std::string(16, 'q').c_str()), nullptr);
+  EXPECT_EQ(1024, fileInterfaceNamesForTesting());
+}
+
+}  // namespace

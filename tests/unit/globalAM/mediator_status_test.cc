@@ -1,0 +1,135 @@
+// The mediator's status lines as an SRC status request shows them: the
+// canonical per-adapter lines and the long form's line per network.
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+
+#include "AMPropagate.h"
+#include "mediator_test_support.h"
+#include "tk_gs_tolkvaskd_msg.h"
+
+using namespace mediator_test;
+
+namespace {
+
+// The propagator's status with the mediators' lines after it, as the
+// daemon's report brings them.
+class StatusPropagator : public AMPropagator {
+ public:
+  void doLongStatus() override {
+    AMPropagator::doLongStatus();
+    doAllMediatorsLongStatus();
+  }
+  void doCanonicalLongStatus() override {
+    AMPropagator::doCanonicalLongStatus();
+    doAllMediatorsCanonicalLongStatus();
+  }
+};
+
+class MediatorStatus : public MediatorFixture {
+ protected:
+  void SetUp() override {
+    MediatorFixture::SetUp();
+    if (HasFatalFailure()) return;
+    // A request socket of our own, so that tests running at the same time
+    // do not meet on the default one.
+    std::string srcDir = dir_ + "/src";
+    ASSERT_EQ(0, mkdir(srcDir.c_str(), 0700));
+    setenv("VELT_SRC_DIR", srcDir.c_str(), 1);
+    std::string excl = dir_ + "/tolkvaskd.excl";
+    ASSERT_EQ(0, ctl_->SRCDriver::InitSRC(1, excl.c_str(), 88, nullptr));
+    propagator_ = new StatusPropagator();
+    AMController::propagator = propagator_;
+  }
+  void TearDown() override {
+    AMController::propagator = nullptr;
+    unsetenv("VELT_SRC_DIR");
+    MediatorFixture::TearDown();
+  }
+
+  // Runs srcctl with args against this process's SRC socket, serving the
+  // request on this thread as the main loop would; returns its output.
+  std::string srcctl(const std::vector<std::string>& args) {
+    int out[2];
+    if (pipe(out) != 0) return "<no pipe>";
+    pid_t pid = fork();
+    if (pid == 0) {
+      dup2(out[1], 1);
+      dup2(out[1], 2);
+      std::vector<std::string> all = {SRCCTL_PATH, "-s", ctl_->subsystemName()};
+      all.insert(all.end(), args.begin(), args.end());
+      std::vector<char*> argv;
+      for (std::string& a : all) argv.push_back(&a[0]);
+      argv.push_back(nullptr);
+      execv(SRCCTL_PATH, argv.data());
+      _exit(127);
+    }
+    close(out[1]);
+    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    std::string text;
+    while (std::chrono::steady_clock::now() < until) {
+      ctl_->select_and_doSRCreq(0);
+      struct pollfd p = {out[0], POLLIN, 0};
+      if (poll(&p, 1, 20) == 1) {
+        char buf[4096];
+        ssize_t n = read(out[0], buf, sizeof buf);
+        if (n <= 0) break;
+        text.append(buf, static_cast<size_t>(n));
+      }
+    }
+    close(out[0]);
+    int status;
+    waitpid(pid, &status, 0);
+    return text;
+  }
+
+  StatusPropagator* propagator_ = nullptr;
+};
+
+TEST_F(MediatorStatus, CanonicalLinesShowEachLocalAdapterAndWhetherItIsJoined) {
+  defineLocal("sxn0", "10.0.0.1", 0);
+  ASSERT_TRUE(connectToFakeAgent());
+  ASSERT_TRUE(subscribeRaw({{"sxn0", "10.0.0.1"}}));
+  std::string before = srcctl({"request", "999"});
+  EXPECT_NE(std::string::npos,
+            before.find("Adapter0: sxn0\nAdapter0_Device_Exists: No\nAdapter0_Raw_Group: allAdapterMembership\n"
+                        "Adapter0_Raw_Mbrs: 1\nAdapter0_Raw_Subscribed: Yes\nAdapter0_Raw_Aliases: 1\n"
+                        "Adapter0_Group: sxnMembership\nAdapter0_Joined: No\nAdapter0_Subscribed: No\n"))
+      << before;
+  EXPECT_EQ(std::string::npos, before.find("Adapter0_Mbrs:"));
+
+  ctl_->readyToRoll = 1;
+  ASSERT_EQ(-1, answered<int>([&] { return mediator_->processOnePass(); }, {TK_GS_OK, TK_GS_OK}));
+  ASSERT_TRUE(approveJoin(mediator_->getCookedProvider(0)));
+  std::string after = srcctl({"request", "999"});
+  EXPECT_NE(std::string::npos,
+            after.find("Adapter0_Group: sxnMembership\nAdapter0_Joined: Yes\nAdapter0_Subscribed: No\n"
+                       "Adapter0_Mbrs: 1\n"))
+      << after;
+}
+
+TEST_F(MediatorStatus, TheLongFormHasOneLinePerNetwork) {
+  defineLocal("sxn0", "10.0.0.1", 0);
+  ASSERT_TRUE(connectToFakeAgent());
+  ASSERT_TRUE(subscribeRaw({{"sxn0", "10.0.0.1"}}));
+  char notJoined[256];
+  snprintf(notJoined, sizeof notJoined, "%-17s%-6s%-7s%-7s%-7s%-6s%-14s\n", "sxnMembership", "-", "-", "-", "No",
+           "No", "(not found)");
+  std::string before = srcctl({"status", "-l"});
+  EXPECT_NE(std::string::npos, before.find(notJoined)) << before;
+
+  ctl_->readyToRoll = 1;
+  ASSERT_EQ(-1, answered<int>([&] { return mediator_->processOnePass(); }, {TK_GS_OK, TK_GS_OK}));
+  ASSERT_TRUE(approveJoin(mediator_->getCookedProvider(0)));
+  char joined[256];
+  snprintf(joined, sizeof joined, "%-17s%-6s%-7s%-7s%-7s%-6s%-14s\n", "sxnMembership", "  1", "1", "1", "Yes", "No",
+           "sxn0(up)");
+  std::string after = srcctl({"status", "-l"});
+  EXPECT_NE(std::string::npos, after.find(joined)) << after;
+}
+
+}  // namespace
