@@ -12,10 +12,14 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <arpa/inet.h>
+
 #include <algorithm>
 
 #include <google/protobuf/stubs/logging.h>
+#include <systemd/sd-daemon.h>
 
+#include "corosync_bus.h"
 #include "gs_types.h"
 #include "loopback_bus.h"
 
@@ -184,6 +188,7 @@ int Agent::start() {
 
   replica_ = std::make_unique<Replica>(bus_.get(), this, options_.agentVersion);
   bus_->setHandler(replica_.get());
+  if (startTopology() != 0) return 1;
 
   if (openSocket() != 0) return 1;
 
@@ -208,18 +213,49 @@ int Agent::start() {
   if (options_.agentVersion != kAgentVersion) {
     claim = " claiming " + formatVersion(options_.agentVersion);
   }
-  log_.line("veltd %s%s on node %u serving %s (%s)", formatVersion(kAgentVersion).c_str(),
-            claim.c_str(), bus_->selfNode(), options_.socketPath.c_str(),
+  std::string node = bus_->selfNode() != 0 ? "node " + std::to_string(bus_->selfNode())
+                                            : "a node corosync has not named yet";
+  log_.line("veltd %s%s on %s serving %s (%s)", formatVersion(kAgentVersion).c_str(),
+            claim.c_str(), node.c_str(), options_.socketPath.c_str(),
             options_.standalone ? "standalone" : "cluster");
+  notifyService();
   return 0;
+}
+
+void Agent::notifyService() {
+  std::string status;
+  if (corosync_ != nullptr) {
+    status = corosync_->linkText();
+    if (corosync_->link() == CorosyncBus::Link::kJoined && replica_ && !replica_->isSynced()) {
+      status += "; taking the cluster's state";
+    }
+  } else {
+    status = "standalone, node " + std::to_string(bus_ ? bus_->selfNode() : options_.node);
+  }
+  bool ready = !readyNotified_ && replica_ && replica_->isSynced();
+  if (!ready && status == notifiedStatus_) return;
+  notifiedStatus_ = status;
+  std::string text = (ready ? "READY=1\n" : "") + std::string("STATUS=") + status;
+  // Without $NOTIFY_SOCKET this does nothing; a failure only costs the
+  // service manager's view of us, never the agent's work.
+  sd_notify(0, text.c_str());
+  if (ready) readyNotified_ = true;
 }
 
 std::unique_ptr<Bus> Agent::makeBus(int* exitStatus) {
   if (!options_.standalone) {
-    // The cluster transport (CPG through corosync) plugs in here.
-    fail("the corosync transport is not available yet; run a single node with --standalone");
-    *exitStatus = 2;
-    return nullptr;
+    auto bus = std::make_unique<CorosyncBus>(
+        CorosyncBusOptions(), [this](const std::string& line) { log_.line("%s", line.c_str()); });
+    std::string why;
+    int rc = bus->open(&why);
+    if (rc != 0) {
+      fail(why);
+      *exitStatus = 1;
+      return nullptr;
+    }
+    corosync_ = bus.get();
+    bus->setLinkCallback([this] { notifyService(); });
+    return bus;
   }
   auto bus = std::make_unique<LoopbackBus>(options_.node);
   int rc = bus->open();
@@ -376,8 +412,9 @@ void Agent::watchBus() {
 void Agent::dispatchBus() {
   int rc = bus_->dispatch();
   if (rc != 0) {
-    // A cluster bus that fails will make this node leave and rejoin; until
-    // that exists, an agent without its bus cannot serve.
+    // The cluster's bus rides out corosync's absence by itself; what it
+    // reports here is what the agent cannot go on with (its log line says
+    // what).
     stop(1, "the bus failed: " + errnoText(rc));
     return;
   }
@@ -641,6 +678,7 @@ void Agent::subscribe(ClientSession& session, const proto::Request& request) {
   if (exists) {
     now.members = replica_->members(s.group());
     now.attributes = replica_->attributes(s.group());
+    if (s.group() == kRawAdapterGroup) now.adapters = replica_->liveAdapters();
   }
   std::vector<LocalSubscriptions::Outgoing> out;
   std::string why;
@@ -701,6 +739,11 @@ void Agent::answerQuery(ClientSession& session, const proto::Request& request) {
   if (q.kind() == proto::Query::MEMBERS) {
     auto it = std::find_if(groups->begin(), groups->end(),
                            [&](const proto::GroupSummary& g) { return g.name() == q.group(); });
+    if (it == groups->end() && q.group() == kRawAdapterGroup) {
+      // The raw group exists even while no adapter is alive.
+      groups->Add()->set_name(kRawAdapterGroup);
+      it = groups->end() - 1;
+    }
     if (it == groups->end()) {
       reply(session, request.id(), TK_GS_UNKNOWN_GROUP,
             "there is no group \"" + printable(q.group(), kMaxGroupNameBytes) + "\"");
@@ -715,6 +758,7 @@ void Agent::answerQuery(ClientSession& session, const proto::Request& request) {
     // The overviews leave out what can be large; members shows it all.
     if (q.kind() != proto::Query::MEMBERS) g.clear_state_value();
     if (q.kind() == proto::Query::STATUS) g.clear_providers();
+    if (q.kind() != proto::Query::MEMBERS) g.clear_adapters();
   }
   size_t size = f.ByteSizeLong();
   if (size > options_.maxMessageBytes) {
@@ -828,6 +872,71 @@ void Agent::synced() {
   for (uint32_t n : v.members) nodes += (nodes.empty() ? "" : " ") + std::to_string(n);
   log_.line("in step with the cluster: view %llu, nodes %s",
             static_cast<unsigned long long>(v.id), nodes.c_str());
+  notifyService();
+  // The cluster's idea of our adapters is what the merged state says now;
+  // the topology may know better (a fresh agent, a report lost with a
+  // restarted sync, links that count differently in the new view).
+  topology_->setView(replica_->selfNode(), v.members);
+  reportedAdapters_.clear();
+  for (const proto::AdapterImage& a : replica_->adaptersOf(replica_->selfNode())) {
+    reportedAdapters_[a.adapter().instance()] = a;
+  }
+  reportAdapters();
+}
+
+// ------------------------------------------------------------ the topology
+
+int Agent::startTopology() {
+  TopologyWatch::Settings ts;
+  ts.node = bus_->selfNode();
+  ts.filter = options_.interfaces;
+  ts.watchLinks = !options_.standalone;
+  ts.linkPoll = std::chrono::milliseconds(options_.linkPollMs);
+  ts.maxAdapters = ReplicaLimits().maxAdaptersPerNode;
+  topology_ = std::make_unique<TopologyWatch>(
+      io_, ts, [this](const std::string& line) { log_.line("%s", line.c_str()); },
+      [this] { reportAdapters(); });
+  int rc = topology_->start();
+  if (rc != 0) {
+    fail("cannot watch this node's interfaces (rtnetlink): " + errnoText(rc));
+    return -1;
+  }
+  log_.line("reporting the adapters of %s%s", options_.interfaces.describe().c_str(),
+            options_.standalone ? "" : ", with knet's link status");
+  return 0;
+}
+
+void Agent::reportAdapters() {
+  VELT_CHECK_OWNER_THREAD(ownerThread_);
+  if (stopping_ || !topology_ || !topology_->ready() || !replica_->isSynced()) return;
+  if (adapterRetry_) return;   // the bus refused one; the retry sends the rest
+  for (const proto::AdapterUpdate& u : topology_->tracker().updatesFrom(reportedAdapters_)) {
+    int rc = replica_->reportAdapter(u);
+    if (rc != 0) {
+      // Flow control: the reports wait a little; they are taken from the
+      // topology afresh then, so nothing older is sent.
+      adapterRetry_ = std::make_unique<asio::steady_timer>(io_, kReplicaRetry);
+      adapterRetry_->async_wait([this](const std::error_code& ec) {
+        if (ec) return;
+        adapterRetry_.reset();
+        reportAdapters();
+      });
+      break;
+    }
+    const proto::AdapterInfo& a = u.adapter();
+    char ip[INET6_ADDRSTRLEN] = "?";
+    if (a.ip().size() == 4) inet_ntop(AF_INET, a.ip().data(), ip, sizeof ip);
+    log_.line("adapter %s (%s, index %u) %s", printable(a.interface_name(), 32).c_str(), ip,
+              a.instance(), u.removed() ? "is gone" : u.alive() ? "is alive" : "is dead");
+    if (u.removed()) {
+      reportedAdapters_.erase(a.instance());
+    } else {
+      proto::AdapterImage& img = reportedAdapters_[a.instance()];
+      *img.mutable_adapter() = a;
+      img.set_alive(u.alive());
+    }
+  }
+  flushReplica();
 }
 
 void Agent::deadlinesChanged(const std::vector<Deadline>& deadlines) {

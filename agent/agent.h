@@ -27,9 +27,12 @@
 #include "local_subscriptions.h"
 #include "owner_thread.h"
 #include "replica.h"
+#include "topology_watch.h"
 
 namespace velt {
 namespace agent {
+
+class CorosyncBus;
 
 class Agent : public ReplicaSink, public ClientSession::Owner {
  public:
@@ -73,6 +76,9 @@ class Agent : public ReplicaSink, public ClientSession::Owner {
   void removeSocket();
   void raiseDescriptorLimit();
   void fail(const std::string& text);
+  // Tells systemd (when it started us with $NOTIFY_SOCKET) how the agent
+  // stands, and that it is ready once it holds the cluster's state.
+  void notifyService();
 
   void watchBus();
   void dispatchBus();
@@ -84,6 +90,10 @@ class Agent : public ReplicaSink, public ClientSession::Owner {
   // on a timer while the bus refuses.
   void flushReplica();
   void submitToReplica(ClientSession& session, const proto::Request& request);
+  // Brings what the cluster holds of this node's adapters in line with the
+  // topology (after each change it reports, and after each sync).
+  void reportAdapters();
+  int startTopology();
   void answerQuery(ClientSession& session, const proto::Request& request);
   void subscribe(ClientSession& session, const proto::Request& request);
   void unsubscribe(ClientSession& session, const proto::Request& request);
@@ -109,8 +119,15 @@ class Agent : public ReplicaSink, public ClientSession::Owner {
   asio::io_context io_;
   AgentLog log_;
   std::unique_ptr<Bus> bus_;
+  // bus_ when it is the cluster's bus (for its link state), else null.
+  CorosyncBus* corosync_ = nullptr;
   std::unique_ptr<Replica> replica_;
   LocalSubscriptions subscriptions_;
+  // This node's adapters; reportedAdapters_ is what the cluster holds of
+  // them (as of the last sync) plus what was sent since, by index.
+  std::unique_ptr<TopologyWatch> topology_;
+  std::map<uint32_t, proto::AdapterImage> reportedAdapters_;
+  std::unique_ptr<asio::steady_timer> adapterRetry_;
 
   // Watches the bus's descriptor (not ours to close: released at the end).
   std::unique_ptr<asio::posix::stream_descriptor> busWatch_;
@@ -143,6 +160,8 @@ class Agent : public ReplicaSink, public ClientSession::Owner {
   ino_t socketIno_ = 0;
   bool stopping_ = false;
   int exitStatus_ = 0;
+  bool readyNotified_ = false;
+  std::string notifiedStatus_;
 };
 
 }  // namespace agent

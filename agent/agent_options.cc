@@ -16,8 +16,10 @@ namespace {
 
 const char kUsage[] =
     "usage: veltd --standalone [--socket PATH] [--state-dir DIR] [options]\n"
+    "       veltd [--socket PATH] [--state-dir DIR] [options]   (a cluster node, on corosync)\n"
     "options:\n"
-    "  --standalone           one node without corosync (the loopback bus)\n"
+    "  --standalone           one node without corosync (the loopback bus); without it the\n"
+    "                         agent joins the cluster through corosync, as corosync's node id\n"
     "  --socket PATH          the agent socket (default /run/velt/agent.sock)\n"
     "  --state-dir DIR        where the agent keeps its state (default /var/lib/velt)\n"
     "  --log FILE             the agent's log (default: standard error)\n"
@@ -25,6 +27,11 @@ const char kUsage[] =
     "  --allow-gid GID        also let this group connect (number or name; repeatable)\n"
     "  --claim-version V.R.M.F  claim this (older) software level, for tests\n"
     "  --node N               this node's number in standalone mode (1..65535, default 1)\n"
+    "  --interfaces LIST      the interfaces whose adapters are reported: names or shell\n"
+    "                         patterns separated by commas (sxn0,sxn1 or sxn*,ib*), or none\n"
+    "                         (default: every interface but loopback)\n"
+    "  --link-poll-ms N       how often knet's link status is read on a cluster\n"
+    "                         (50..10000, default 200)\n"
     "  -h, --help             show this text\n"
     "root and the agent's own user may always connect.\n"
     "exit status: 0 after SIGTERM/SIGINT, 1 when the agent cannot run, 2 for usage errors.\n";
@@ -108,6 +115,8 @@ ParseOutcome parseAgentOptions(int argc, char** argv, AgentOptions* options,
     kOptAllowGid,
     kOptClaimVersion,
     kOptNode,
+    kOptInterfaces,
+    kOptLinkPoll,
   };
   static const struct option kLong[] = {
       {"standalone", no_argument, nullptr, kOptStandalone},
@@ -118,6 +127,8 @@ ParseOutcome parseAgentOptions(int argc, char** argv, AgentOptions* options,
       {"allow-gid", required_argument, nullptr, kOptAllowGid},
       {"claim-version", required_argument, nullptr, kOptClaimVersion},
       {"node", required_argument, nullptr, kOptNode},
+      {"interfaces", required_argument, nullptr, kOptInterfaces},
+      {"link-poll-ms", required_argument, nullptr, kOptLinkPoll},
       {"help", no_argument, nullptr, 'h'},
       {nullptr, 0, nullptr, 0},
   };
@@ -191,6 +202,24 @@ ParseOutcome parseAgentOptions(int argc, char** argv, AgentOptions* options,
           return ParseOutcome::kUsageError;
         }
         o.node = static_cast<uint32_t>(v);
+        break;
+      }
+      case kOptInterfaces: {
+        std::string why;
+        if (!InterfaceFilter::parse(optarg, &o.interfaces, &why)) {
+          *error = "--interfaces: " + why;
+          return ParseOutcome::kUsageError;
+        }
+        break;
+      }
+      case kOptLinkPoll: {
+        unsigned long v;
+        if (!parseNumber(optarg, 50, 10000, &v)) {
+          *error = std::string("--link-poll-ms: \"") + optarg +
+                   "\" is not a number of milliseconds (50..10000)";
+          return ParseOutcome::kUsageError;
+        }
+        o.linkPollMs = static_cast<uint32_t>(v);
         break;
       }
       case ':':

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "topology.h"
+
 namespace velt {
 namespace agent {
 
@@ -30,6 +32,10 @@ struct AgentOptions {
   std::vector<gid_t> allowGids;
   uint32_t agentVersion = kAgentVersion;
   uint32_t node = 1;                   // node number in standalone mode
+  // Topology: the interfaces whose adapters the agent reports, and how
+  // often knet's link status is read on a corosync cluster.
+  InterfaceFilter interfaces;          // default: every (non-loopback) interface
+  uint32_t linkPollMs = 200;
 
   // Bounds on what clients can make this process hold.
   size_t maxClients = 1024;

@@ -195,6 +195,12 @@ int ClusterState::validate(const proto::Request& r, uint32_t node, const Replica
     *why = "a request names its group";
     return TK_GS_BAD_PARAMETER;
   }
+  if (group == kRawAdapterGroup) {
+    *why = std::string("group ") + kRawAdapterGroup +
+           " is kept by the agents' topology (one provider per live adapter); clients may only "
+           "subscribe to it";
+    return TK_GS_INVALID_GROUP;
+  }
   if (group.size() > limits.maxGroupNameBytes) {
     *why = "the group name has " + std::to_string(group.size()) + " bytes, at most " +
            std::to_string(limits.maxGroupNameBytes) + " are allowed";
@@ -551,6 +557,129 @@ void ClusterState::applyAnnounce(uint32_t origin, const proto::AgentAnnounce& an
   if (it != agents_.end() && announce.agent_version() != 0) {
     it->second.version = announce.agent_version();
   }
+}
+
+// ------------------------------------------------------------ topology
+
+bool ClusterState::validAdapter(const proto::AdapterInfo& a, uint32_t node) {
+  // The client library refuses a notification with fields it cannot hold,
+  // so nothing of that kind may enter the replicated state.
+  return a.node() == node && node <= kMaxProviderField && a.instance() <= kMaxProviderField &&
+         (a.ip().size() == 4 || a.ip().size() == 16) &&
+         a.interface_name().size() <= TK_GS_MAX_INTERFACE_NAME_LENGTH &&
+         a.network_name().size() <= TK_GS_MAX_NETWORK_NAME_LENGTH &&
+         a.network_type().size() <= TK_GS_MAX_NETWORK_TYPE_LENGTH;
+}
+
+void ClusterState::applyAdapterUpdate(uint32_t origin, const proto::AdapterUpdate& u) {
+  const proto::AdapterInfo& a = u.adapter();
+  if (agents_.count(origin) == 0 || a.node() != origin || a.instance() > kMaxProviderField) return;
+  Key k{a.instance(), origin};
+  // What subscribers knew, to tell them the difference (nobody to tell
+  // without a sink).
+  AdapterMap before;
+  if (sink_ != nullptr) before = adapters_;
+  if (u.removed()) {
+    if (adapters_.erase(k) == 0) return;
+  } else {
+    if (!validAdapter(a, origin)) return;
+    auto it = adapters_.find(k);
+    if (it == adapters_.end()) {
+      size_t mine = 0;
+      for (auto e = adapters_.lower_bound(Key{0, origin});
+           e != adapters_.end() && e->first.node == origin; ++e) {
+        ++mine;
+      }
+      if (mine >= limits_.maxAdaptersPerNode) return;
+      it = adapters_.emplace(k, Adapter()).first;
+    }
+    it->second.info = a;
+    it->second.alive = u.alive();
+  }
+  emitAdapterChanges(before);
+}
+
+void ClusterState::emitAdapterChanges(const AdapterMap& before) {
+  if (quietChanges_ || sink_ == nullptr) return;
+  auto live = [](const AdapterMap& m, const Key& k) -> const Adapter* {
+    auto it = m.find(k);
+    return it != m.end() && it->second.alive ? &it->second : nullptr;
+  };
+  // An adapter whose information changed while it stayed alive (a new
+  // address) leaves with the old and joins with the new, so that
+  // subscribers drop the old address.
+  std::vector<Key> left, stayed, joined, now;
+  for (const auto& e : before) {
+    const Adapter* after = live(adapters_, e.first);
+    if (!e.second.alive) continue;
+    if (after == nullptr ||
+        deterministicBytes(after->info) != deterministicBytes(e.second.info)) {
+      left.push_back(e.first);
+    } else {
+      stayed.push_back(e.first);
+    }
+  }
+  for (const auto& e : adapters_) {
+    if (!e.second.alive) continue;
+    now.push_back(e.first);
+    if (!contains(stayed, e.first)) joined.push_back(e.first);
+  }
+  auto fill = [](const AdapterMap& m, const std::vector<Key>& keys,
+                 std::vector<proto::ProviderId>* ids, std::vector<proto::AdapterInfo>* infos) {
+    for (const Key& k : keys) {
+      proto::ProviderId id;
+      id.set_instance(k.instance);
+      id.set_node(k.node);
+      ids->push_back(id);
+      infos->push_back(m.at(k).info);
+    }
+  };
+  if (!left.empty()) {
+    GroupChange c;
+    c.kind = GroupChange::LEFT;
+    c.group = kRawAdapterGroup;
+    c.attributes = rawGroupAttributes();
+    fill(before, left, &c.changing, &c.changingAdapters);
+    fill(before, stayed, &c.current, &c.currentAdapters);
+    sink_->groupChanged(c);
+  }
+  if (!joined.empty()) {
+    GroupChange c;
+    c.kind = GroupChange::JOINED;
+    c.group = kRawAdapterGroup;
+    c.attributes = rawGroupAttributes();
+    fill(adapters_, joined, &c.changing, &c.changingAdapters);
+    fill(adapters_, now, &c.current, &c.currentAdapters);
+    sink_->groupChanged(c);
+  }
+}
+
+proto::GroupAttributes ClusterState::rawGroupAttributes() {
+  proto::GroupAttributes a;
+  a.set_group_name(kRawAdapterGroup);
+  a.set_num_phases(TK_GS_1_PHASE);
+  a.set_default_vote(TK_GS_VOTE_APPROVE);
+  return a;
+}
+
+std::vector<proto::AdapterImage> ClusterState::adaptersOf(uint32_t node) const {
+  std::vector<proto::AdapterImage> out;
+  for (auto e = adapters_.lower_bound(Key{0, node}); e != adapters_.end() && e->first.node == node;
+       ++e) {
+    proto::AdapterImage img;
+    *img.mutable_adapter() = e->second.info;
+    img.set_alive(e->second.alive);
+    out.push_back(std::move(img));
+  }
+  return out;
+}
+
+std::vector<proto::AdapterInfo> ClusterState::liveAdapters() const {
+  std::vector<proto::AdapterInfo> out;
+  for (const auto& e : adapters_) {
+    if (e.second.alive) out.push_back(e.second.info);
+  }
+  return out;
 }
 
 // ------------------------------------------------------------ protocols
@@ -1003,6 +1132,11 @@ proto::ClusterStateImage ClusterState::image() const {
     ai->set_applied_seq(a.second.appliedSeq);
   }
   img.set_next_protocol(nextProtocol_);
+  for (const auto& e : adapters_) {
+    proto::AdapterImage* ai = img.add_adapters();
+    *ai->mutable_adapter() = e.second.info;
+    ai->set_alive(e.second.alive);
+  }
   return img;
 }
 
@@ -1020,8 +1154,11 @@ void ClusterState::adopt(const std::vector<proto::Snapshot>& snapshots) {
   std::sort(order.begin(), order.end(),
             [&covers](size_t a, size_t b) { return *covers[a].begin() < *covers[b].begin(); });
 
-  // Each snapshot speaks for the agents of its own nodes.
+  // Each snapshot speaks for the agents of its own nodes, and for their
+  // adapters: adapters belong to their node, so a merge never dissolves the
+  // raw group; each node's adapters are those its own side last applied.
   std::map<uint32_t, Agent> agents;
+  AdapterMap adapters;
   uint64_t nextProtocol = 1;
   for (size_t i : order) {
     const proto::ClusterStateImage& img = snapshots[i].state();
@@ -1029,6 +1166,26 @@ void ClusterState::adopt(const std::vector<proto::Snapshot>& snapshots) {
     for (const proto::AgentImage& a : img.agents()) {
       if (covers[i].count(a.node()) == 0 || agents.count(a.node()) != 0) continue;
       agents[a.node()] = Agent{a.agent_version(), a.applied_seq()};
+    }
+  }
+  std::map<uint32_t, size_t> speaksFor;  // node -> the first snapshot covering it
+  for (size_t i : order) {
+    for (uint32_t n : covers[i]) speaksFor.emplace(n, i);
+  }
+  std::map<uint32_t, size_t> perNode;
+  for (size_t i : order) {
+    for (const proto::AdapterImage& ai : snapshots[i].state().adapters()) {
+      uint32_t node = ai.adapter().node();
+      auto owner = speaksFor.find(node);
+      if (owner == speaksFor.end() || owner->second != i) continue;
+      if (!validAdapter(ai.adapter(), node) || perNode[node] >= limits_.maxAdaptersPerNode) {
+        continue;
+      }
+      if (!adapters.emplace(Key{ai.adapter().instance(), node}, Adapter{ai.adapter(), ai.alive()})
+               .second) {
+        continue;  // listed twice: the first counts
+      }
+      ++perNode[node];
     }
   }
 
@@ -1045,6 +1202,7 @@ void ClusterState::adopt(const std::vector<proto::Snapshot>& snapshots) {
     std::set<std::string> seen;
     for (const proto::GroupImage& gi : snapshots[i].state().groups()) {
       if (gi.name().empty() || gi.name().size() > limits_.maxGroupNameBytes) continue;
+      if (gi.name() == kRawAdapterGroup) continue;  // never a group of clients
       if (!seen.insert(gi.name()).second) continue;
       bool carries = std::any_of(
           gi.providers().begin(), gi.providers().end(),
@@ -1110,8 +1268,10 @@ void ClusterState::adopt(const std::vector<proto::Snapshot>& snapshots) {
     }
   }
 
+  AdapterMap adaptersBefore = std::move(adapters_);
   groups_ = std::move(merged);
   agents_ = std::move(agents);
+  adapters_ = std::move(adapters);
   nextProtocol_ = nextProtocol;
   ++protocolEpoch_;
 
@@ -1162,6 +1322,7 @@ void ClusterState::adopt(const std::vector<proto::Snapshot>& snapshots) {
     std::vector<Key> all = keysOf(e.second->providers);
     emitChange(GroupChange::JOINED, e.first, e.second->attributes, all, all);
   }
+  emitAdapterChanges(adaptersBefore);
 }
 
 // ------------------------------------------------------------ effects
@@ -1377,10 +1538,22 @@ uint32_t ClusterState::activeVersion() const {
   return v;
 }
 
-bool ClusterState::groupExists(const std::string& group) const { return find(group) != nullptr; }
+bool ClusterState::groupExists(const std::string& group) const {
+  return group == kRawAdapterGroup || find(group) != nullptr;
+}
 
 std::vector<proto::ProviderId> ClusterState::members(const std::string& group) const {
   std::vector<proto::ProviderId> out;
+  if (group == kRawAdapterGroup) {
+    for (const auto& e : adapters_) {
+      if (!e.second.alive) continue;
+      proto::ProviderId id;
+      id.set_instance(e.first.instance);
+      id.set_node(e.first.node);
+      out.push_back(id);
+    }
+    return out;
+  }
   const Group* g = find(group);
   if (g == nullptr) return out;
   for (const Provider& p : g->providers) {
@@ -1393,12 +1566,30 @@ std::vector<proto::ProviderId> ClusterState::members(const std::string& group) c
 }
 
 proto::GroupAttributes ClusterState::attributes(const std::string& group) const {
+  if (group == kRawAdapterGroup) return rawGroupAttributes();
   const Group* g = find(group);
   return g == nullptr ? proto::GroupAttributes() : g->attributes;
 }
 
 void ClusterState::describeGroups(proto::QueryAnswer* answer) const {
+  // The raw group is listed, in name order, while it has members, as any
+  // group with providers is.
+  bool rawListed = false;
+  auto listRaw = [&]() {
+    rawListed = true;
+    std::vector<proto::AdapterInfo> live = liveAdapters();
+    if (live.empty()) return;
+    proto::GroupSummary* s = answer->add_groups();
+    s->set_name(kRawAdapterGroup);
+    for (const proto::AdapterInfo& a : live) {
+      proto::ProviderId* id = s->add_providers();
+      id->set_instance(a.instance());
+      id->set_node(a.node());
+      *s->add_adapters() = a;
+    }
+  };
   for (const auto& e : groups_) {
+    if (!rawListed && e.first > kRawAdapterGroup) listRaw();
     const Group& g = *e.second;
     proto::GroupSummary* s = answer->add_groups();
     s->set_name(g.name);
@@ -1410,6 +1601,7 @@ void ClusterState::describeGroups(proto::QueryAnswer* answer) const {
     s->set_state_value(g.value);
     s->set_protocol_in_flight(static_cast<bool>(g.protocol));
   }
+  if (!rawListed) listRaw();
 }
 
 }  // namespace agent

@@ -56,6 +56,10 @@ class ClusterState {
   void applyClientGone(uint32_t origin, const proto::ClientGone& gone);
   void applyTimeout(const proto::ProtocolTimeout& timeout);
   void applyAnnounce(uint32_t origin, const proto::AgentAnnounce& announce);
+  // An adapter of origin appeared, changed or disappeared. Reports about
+  // another node's adapters, and adapters a peer could not have sent
+  // (sizes out of range, more than the limit per node), are ignored.
+  void applyAdapterUpdate(uint32_t origin, const proto::AdapterUpdate& update);
 
   // ---- state transfer
 
@@ -84,6 +88,8 @@ class ClusterState {
   std::vector<proto::ProviderId> members(const std::string& group) const;
   proto::GroupAttributes attributes(const std::string& group) const;
   void describeGroups(proto::QueryAnswer* answer) const;
+  std::vector<proto::AdapterImage> adaptersOf(uint32_t node) const;
+  std::vector<proto::AdapterInfo> liveAdapters() const;
 
  private:
   struct Key {
@@ -150,6 +156,14 @@ class ClusterState {
   };
 
   using GroupMap = std::map<std::string, std::unique_ptr<Group>>;
+  // One adapter of the topology; the live ones are the raw group's
+  // providers.
+  struct Adapter {
+    proto::AdapterInfo info;
+    bool alive = false;
+  };
+  // By node, then instance: the raw group's member order.
+  using AdapterMap = std::map<Key, Adapter>;
 
   // Requests.
   void join(uint32_t origin, uint64_t client, const proto::Request& r);
@@ -195,12 +209,18 @@ class ClusterState {
   std::vector<LocalPending> localPending(const Group& g) const;
   static void toImage(const Group& g, proto::GroupImage* out);
   static std::unique_ptr<Group> fromImage(const proto::GroupImage& in);
+  // Whether an adapter of node is one a peer could have sent.
+  static bool validAdapter(const proto::AdapterInfo& a, uint32_t node);
+  // Tells the raw group's subscribers how its members changed since before.
+  void emitAdapterChanges(const AdapterMap& before);
+  static proto::GroupAttributes rawGroupAttributes();
 
   uint32_t self_;
   ReplicaLimits limits_;
   ReplicaSink* sink_;
   GroupMap groups_;
   std::map<uint32_t, Agent> agents_;
+  AdapterMap adapters_;
   uint64_t nextProtocol_ = 1;
   uint64_t protocolEpoch_ = 0;
   // While a merge is adopted, subscribers hear one summary at the end.

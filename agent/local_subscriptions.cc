@@ -67,6 +67,7 @@ int LocalSubscriptions::subscribe(uint64_t client, uint64_t requestId,
     o.notification.set_kind(proto::Notification::SUBSCRIPTION);
     o.notification.set_subscription_type(TK_GS_SUBSCRIPTION_MEMBERSHIP);
     for (const proto::ProviderId& p : now->members) *o.notification.add_current() = p;
+    for (const proto::AdapterInfo& a : now->adapters) *o.notification.add_full_ip() = a;
     *o.notification.mutable_attributes() = now->attributes;
   } else {
     o.notification.set_kind(proto::Notification::DELAYED_ERROR);
@@ -134,6 +135,9 @@ void LocalSubscriptions::groupChanged(const GroupChange& change, std::vector<Out
       continue;
     }
     for (const proto::ProviderId& p : change.current) *o.notification.add_current() = p;
+    // Raw adapter group: every notification carries the addresses of the
+    // whole membership, so that a subscriber's copy stays complete.
+    for (const proto::AdapterInfo& a : change.currentAdapters) *o.notification.add_full_ip() = a;
     if (!sub.active) {
       // The group has appeared: first the whole membership.
       if (change.current.empty()) continue;
@@ -147,6 +151,9 @@ void LocalSubscriptions::groupChanged(const GroupChange& change, std::vector<Out
     if ((sub.type & bit) == 0) continue;
     o.notification.set_subscription_type(bit);
     for (const proto::ProviderId& p : change.changing) *o.notification.add_changing() = p;
+    for (const proto::AdapterInfo& a : change.changingAdapters) {
+      *o.notification.add_changing_ip() = a;
+    }
     out->push_back(std::move(o));
   }
 }

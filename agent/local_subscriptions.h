@@ -35,6 +35,9 @@ class LocalSubscriptions {
   struct GroupNow {
     std::vector<proto::ProviderId> members;
     proto::GroupAttributes attributes;
+    // The raw adapter group only: the adapter behind each member, so that
+    // the subscriber learns the addresses (the full IP membership).
+    std::vector<proto::AdapterInfo> adapters;
   };
 
   LocalSubscriptions(size_t maxPerClient, size_t maxTotal);

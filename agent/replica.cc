@@ -248,6 +248,10 @@ void Replica::Impl::apply(uint32_t from, const proto::BusMessage& m) {
       if (!state->acceptSequence(from, m.seq())) return;
       state->applyClientGone(from, m.client_gone());
       break;
+    case proto::BusMessage::kAdapterUpdate:
+      if (!state->acceptSequence(from, m.seq())) return;
+      state->applyAdapterUpdate(from, m.adapter_update());
+      break;
     case proto::BusMessage::kProtocolTimeout:
       state->applyTimeout(m.protocol_timeout());
       return;
@@ -380,6 +384,14 @@ int Replica::clientGone(uint64_t client, const std::string& why) {
   return impl_->sendOwn(&m);
 }
 
+int Replica::reportAdapter(const proto::AdapterUpdate& update) {
+  proto::BusMessage m;
+  proto::AdapterUpdate* u = m.mutable_adapter_update();
+  *u = update;
+  u->mutable_adapter()->set_node(impl_->self);
+  return impl_->sendOwn(&m);
+}
+
 int Replica::fireTimeout(const Deadline& deadline) {
   if (!impl_->lowest()) return 0;  // no longer ours to fire
   if (!impl_->state->protocolWaiting(deadline.group, deadline.protocol, deadline.phase)) return 0;
@@ -429,6 +441,14 @@ std::vector<proto::ProviderId> Replica::members(const std::string& group) const 
 
 proto::GroupAttributes Replica::attributes(const std::string& group) const {
   return impl_->state->attributes(group);
+}
+
+std::vector<proto::AdapterImage> Replica::adaptersOf(uint32_t node) const {
+  return impl_->state->adaptersOf(node);
+}
+
+std::vector<proto::AdapterInfo> Replica::liveAdapters() const {
+  return impl_->state->liveAdapters();
 }
 
 }  // namespace agent

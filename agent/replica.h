@@ -22,6 +22,11 @@ namespace agent {
 
 class ClusterState;
 
+// The raw adapter group: one provider per live adapter of the view's nodes
+// (instance = the adapter's index on its node). The agents' topology keeps
+// it; clients only subscribe to it, and it exists even while empty.
+constexpr char kRawAdapterGroup[] = "allAdapterMembership";
+
 // A group's membership changed; every agent tells its own subscribers.
 struct GroupChange {
   enum Kind {
@@ -35,6 +40,10 @@ struct GroupChange {
   std::vector<proto::ProviderId> changing;
   std::vector<proto::ProviderId> current;
   proto::GroupAttributes attributes;
+  // The raw adapter group only: the adapters behind changing and current,
+  // in the same order, so that subscribers learn their addresses.
+  std::vector<proto::AdapterInfo> changingAdapters;
+  std::vector<proto::AdapterInfo> currentAdapters;
 };
 
 // A protocol waiting for votes until its deadline; the agent's timer calls
@@ -71,6 +80,7 @@ struct ReplicaLimits {
   size_t maxMessageBytes = 256 * 1024;
   size_t maxQueuedPerGroup = 4096;
   size_t maxGroupNameBytes = 64;
+  size_t maxAdaptersPerNode = 64;
 };
 
 class Replica : public BusHandler {
@@ -89,6 +99,10 @@ class Replica : public BusHandler {
   int submit(uint64_t client, const proto::Request& request);
   // A local client is gone (connection lost, pings unanswered).
   int clientGone(uint64_t client, const std::string& why);
+  // The topology's report of one adapter of this node; applied in order
+  // like a request (the node field is set to this node). Returns 0 or an
+  // errno value of the bus.
+  int reportAdapter(const proto::AdapterUpdate& update);
   // The agent's timer: a deadline handed out by deadlinesChanged passed.
   int fireTimeout(const Deadline& deadline);
   // Sends what the bus refused earlier (EAGAIN): this node's snapshot, or
@@ -110,6 +124,11 @@ class Replica : public BusHandler {
   bool groupExists(const std::string& group) const;
   std::vector<proto::ProviderId> members(const std::string& group) const;
   proto::GroupAttributes attributes(const std::string& group) const;
+  // The adapters of one node as the replicated state holds them (what the
+  // cluster believes, live or not), by instance.
+  std::vector<proto::AdapterImage> adaptersOf(uint32_t node) const;
+  // The raw adapter group's providers' adapters, in member order.
+  std::vector<proto::AdapterInfo> liveAdapters() const;
 
  private:
   struct Impl;

@@ -1,8 +1,10 @@
 // Random histories: joins, leaves, goodbyes, value changes, messages, votes,
-// time-outs, departed clients, node crashes and restarts, partitions and
-// merges, all at random on 3 to 6 agents delivering at their own pace. After
-// each history (and at quiet points within it):
+// time-outs, departed clients, adapter reports, node crashes and restarts,
+// partitions and merges, all at random on 3 to 6 agents delivering at their
+// own pace. After each history (and at quiet points within it):
 //  * every member of every view holds an identical state (digest);
+//  * the raw adapter group is never dissolved, and at the end every node's
+//    adapters are exactly what that node's agent reported last;
 //  * every request a live agent took got exactly one reply;
 //  * every dissolution happened where the group had members on two sides of
 //    a merge (evidence recorded at each view change, see Evidence);
@@ -68,6 +70,8 @@ class History {
     size_t timeouts = 0;  // approvals and rejections after a time limit
     size_t failureLeaves = 0;
     size_t restartedSyncs = 0;  // view changes reaching a member before it synced
+    size_t adapterReports = 0;
+    size_t adaptersAtEnd = 0;   // live and dead adapters the healed cluster holds
   };
   Stats stats;
 
@@ -88,6 +92,7 @@ class History {
     std::set<uint32_t> side;
     std::map<std::string, size_t> membersOnSide;
     std::map<std::string, std::string> members;  // all of them, "i/n ..."
+    std::map<std::string, bool> exists;          // whether it knew the group
   };
 
   uint32_t pick(const std::vector<uint32_t>& v) { return v[rng_() % v.size()]; }
@@ -108,6 +113,8 @@ class History {
   void step();
   void request(uint32_t node, int slot, proto::Request r);
   void randomRequest();
+  void adapterReport();
+  void checkAdapters();
   void vote(bool everyone);
   void afterDelivery();
   void checkpoint(const char* where);
@@ -138,6 +145,9 @@ class History {
     std::string group;
   };
   std::vector<Dissolution> dissolutions_;
+  // What each node's current agent reported last, by adapter index:
+  // "ip-byte alive" or absent when removed.
+  std::map<uint32_t, std::map<uint32_t, std::string>> reported_;
 };
 
 void History::recordView(uint32_t node, const View& v) {
@@ -167,6 +177,7 @@ void History::recordView(uint32_t node, const View& v) {
     }
     e.membersOnSide[g] = count;
     e.members[g] = ids(nodes_[node]->replica().members(g));
+    e.exists[g] = nodes_[node]->replica().groupExists(g);
   }
   evidence_[{node, v.id}] = e;
 }
@@ -208,6 +219,10 @@ void History::collectNotes(uint32_t node) {
   seenFrames_[node] = frames.size();
   const std::vector<GroupChange>& changes = t.changes();
   for (size_t i = seenChanges_[node]; i < changes.size(); ++i) {
+    if (changes[i].group == kRawAdapterGroup &&
+        (changes[i].kind == GroupChange::DISSOLVED || changes[i].kind == GroupChange::GONE)) {
+      failures.push_back("node " + std::to_string(node) + " ended the raw adapter group");
+    }
     if (changes[i].kind == GroupChange::DISSOLVED) {
       dissolutions_.push_back(Dissolution{node, t.changeView(i), changes[i].group});
     }
@@ -227,6 +242,8 @@ void History::start(uint32_t n) {
     // A restarted agent: fresh state, and its clients are new connections.
     nodes_[n]->restart();
     for (int& g : gens_[n]) g = std::min(g + 1, 99);
+    // A fresh agent knows no adapters until its topology reports them.
+    reported_[n].clear();
   }
   ++life_[n];
   cohort_[n] = {n};
@@ -304,6 +321,52 @@ void History::randomRequest() {
   }
 }
 
+void History::adapterReport() {
+  std::vector<uint32_t> l = live();
+  if (l.empty()) return;
+  uint32_t node = pick(l);
+  uint32_t index = rng_() % 3;
+  uint8_t ipByte = static_cast<uint8_t>(1 + rng_() % 2);
+  bool alive = chance(60);
+  bool removed = chance(15);
+  proto::AdapterUpdate u;
+  proto::AdapterInfo* a = u.mutable_adapter();
+  a->set_ip(std::string{10, static_cast<char>(index), static_cast<char>(node),
+                        static_cast<char>(ipByte)});
+  a->set_interface_name("sxn" + std::to_string(index));
+  a->set_network_name(a->interface_name());
+  a->set_network_type("switch");
+  a->set_instance(index);
+  u.set_alive(alive);
+  u.set_removed(removed);
+  // Refused (no view yet): not sent, so not reported.
+  if (nodes_[node]->replica().reportAdapter(u) != 0) return;
+  ++stats.adapterReports;
+  if (removed) {
+    reported_[node].erase(index);
+  } else {
+    reported_[node][index] = std::to_string(ipByte) + (alive ? " alive" : " dead");
+  }
+}
+
+void History::checkAdapters() {
+  // Each node's adapters are its own agent's latest report, on every node.
+  for (uint32_t holder : ids_) {
+    for (uint32_t n : ids_) {
+      std::map<uint32_t, std::string> held;
+      for (const proto::AdapterImage& a : nodes_[holder]->replica().adaptersOf(n)) {
+        held[a.adapter().instance()] = std::to_string(static_cast<uint8_t>(a.adapter().ip()[3])) +
+                                       (a.alive() ? " alive" : " dead");
+      }
+      if (held != reported_[n]) {
+        failures.push_back("node " + std::to_string(holder) + " holds other adapters of node " +
+                           std::to_string(n) + " than it reported last");
+      }
+      if (holder == ids_.front()) stats.adaptersAtEnd += held.size();
+    }
+  }
+}
+
 void History::vote(bool everyone) {
   std::vector<std::tuple<uint64_t, std::string, uint32_t>> keys;
   for (const auto& e : owed_) keys.push_back(e.first);
@@ -340,7 +403,11 @@ void History::step() {
     int k = 1 + static_cast<int>(rng_() % 6);
     for (int i = 0; i < k && cluster_->deliverRandom(); ++i) afterDelivery();
   } else if (r < 70) {
-    randomRequest();
+    if (chance(15)) {
+      adapterReport();
+    } else {
+      randomRequest();
+    }
   } else if (r < 79) {
     vote(false);
   } else if (r < 83) {
@@ -431,6 +498,7 @@ void History::finish() {
   afterDelivery();
   checkpoint("end");
   if (cluster_->views().size() != 1) failures.push_back("the healed cluster is not one view");
+  checkAdapters();
 
   for (uint32_t n : ids_) {
     proto::QueryAnswer q = nodes_[n]->replica().describe();
@@ -474,6 +542,16 @@ void History::finish() {
       std::set<std::string> versions;
       for (const auto& h : holders) versions.insert(h.second);
       if (versions.size() < 2) continue;
+      // A dissolution is told to those that knew the group; when every node
+      // that completed this sync came without it, nobody is told.
+      bool someoneKnew = false;
+      for (uint32_t n : ids_) {
+        const std::vector<uint64_t>& sv = nodes_[n]->syncViews();
+        auto e = evidence_.find({n, v});
+        someoneKnew = someoneKnew || (std::find(sv.begin(), sv.end(), v) != sv.end() &&
+                                      e != evidence_.end() && e->second.exists.at(g));
+      }
+      if (!someoneKnew) continue;
       bool dissolved =
           std::any_of(dissolutions_.begin(), dissolutions_.end(),
                       [&](const Dissolution& d) { return d.view == v && d.group == g; });
@@ -549,13 +627,17 @@ TEST(RandomHistories, EveryViewEndsInOneStateAndDissolvesOnlyWhatDiverged) {
     total.timeouts += h.stats.timeouts;
     total.failureLeaves += h.stats.failureLeaves;
     total.restartedSyncs += h.stats.restartedSyncs;
+    total.adapterReports += h.stats.adapterReports;
+    total.adaptersAtEnd += h.stats.adaptersAtEnd;
   }
   double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
   printf(
       "%zu histories in %.1f s: %zu merges, %zu dissolutions, %zu restarted syncs, %zu replies,"
-      " %zu approvals, %zu rejections, %zu after time-outs, %zu failure leaves\n",
+      " %zu approvals, %zu rejections, %zu after time-outs, %zu failure leaves, %zu adapter"
+      " reports, %zu adapters at the end\n",
       all.size(), secs, total.merges, total.dissolutions, total.restartedSyncs, total.replies,
-      total.approvals, total.rejections, total.timeouts, total.failureLeaves);
+      total.approvals, total.rejections, total.timeouts, total.failureLeaves,
+      total.adapterReports, total.adaptersAtEnd);
   if (all.size() > 1) {
     // The histories must have gone through what they are meant to check.
     EXPECT_GT(total.merges, 50u);
@@ -564,6 +646,8 @@ TEST(RandomHistories, EveryViewEndsInOneStateAndDissolvesOnlyWhatDiverged) {
     EXPECT_GT(total.timeouts, 10u);
     EXPECT_GT(total.rejections, 10u);
     EXPECT_GT(total.failureLeaves, 10u);
+    EXPECT_GT(total.adapterReports, 1000u);
+    EXPECT_GT(total.adaptersAtEnd, 100u);
   }
 }
 

@@ -57,8 +57,11 @@ class AgentProcess {
   ~AgentProcess();   // kills the process if it still runs
 
   // Starts `veltd --standalone --socket S --state-dir D --log L` plus args
-  // (without --standalone when standalone is false).
+  // (without --standalone when standalone is false), and `--interfaces
+  // none` unless args name the interfaces.
   bool start(const std::vector<std::string>& args = {}, bool standalone = true);
+  // Variables added to the process's environment at the next start().
+  void setEnvironment(const std::map<std::string, std::string>& env) { env_ = env; }
   // Waits until the socket takes connections.
   bool waitReady(int timeoutMs = kPromptMs);
   // start() and waitReady().
@@ -89,6 +92,7 @@ class AgentProcess {
   std::string socket_;
   std::string state_;
   std::string logFile_;
+  std::map<std::string, std::string> env_;
   pid_t pid_ = -1;
   int pidfd_ = -1;
   bool exited_ = false;

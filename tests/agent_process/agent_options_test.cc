@@ -102,6 +102,32 @@ TEST(AgentVersionText, RoundTrips) {
   EXPECT_FALSE(parseVersion("2..4", &v));
 }
 
+TEST(AgentTopologyOptions, InterfacesAndLinkPollAreTaken) {
+  AgentOptions o;
+  std::string error;
+  ASSERT_EQ(parse({"--standalone"}, &o, &error), ParseOutcome::kRun);
+  EXPECT_TRUE(o.interfaces.matches("eth0"));
+  EXPECT_EQ(o.linkPollMs, 200u);
+  ASSERT_EQ(parse({"--interfaces", "sxn*,ib0", "--link-poll-ms", "50"}, &o, &error),
+            ParseOutcome::kRun)
+      << error;
+  EXPECT_TRUE(o.interfaces.matches("sxn3"));
+  EXPECT_FALSE(o.interfaces.matches("eth0"));
+  EXPECT_EQ(o.linkPollMs, 50u);
+  ASSERT_EQ(parse({"--interfaces", "none"}, &o, &error), ParseOutcome::kRun);
+  EXPECT_FALSE(o.interfaces.matches("sxn0"));
+}
+
+TEST(AgentTopologyOptions, BadValuesAreUsageErrors) {
+  AgentOptions o;
+  std::string error;
+  EXPECT_EQ(parse({"--interfaces", "sxn0,,sxn1"}, &o, &error), ParseOutcome::kUsageError);
+  EXPECT_EQ(error.rfind("--interfaces: ", 0), 0u) << error;
+  EXPECT_EQ(parse({"--link-poll-ms", "10"}, &o, &error), ParseOutcome::kUsageError);
+  EXPECT_NE(error.find("50..10000"), std::string::npos) << error;
+  EXPECT_EQ(parse({"--link-poll-ms", "200ms"}, &o, &error), ParseOutcome::kUsageError);
+}
+
 }  // namespace
 }  // namespace agent
 }  // namespace velt

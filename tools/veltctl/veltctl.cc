@@ -1,6 +1,7 @@
 // veltctl: what this node's agent (veltd) knows: its status, the groups and
 // a group's members. It speaks the agent socket's protocol itself (hello,
 // one query, the answer) and prints text, or JSON for scripts.
+#include <arpa/inet.h>
 #include <errno.h>
 #include <getopt.h>
 #include <poll.h>
@@ -417,9 +418,19 @@ void printGroups(const velt::proto::QueryAnswer& a, bool json) {
   }
 }
 
+// An adapter's address as text ("?" for what is no address).
+std::string addressText(const std::string& ip) {
+  char text[INET6_ADDRSTRLEN] = "?";
+  if (ip.size() == 4) inet_ntop(AF_INET, ip.data(), text, sizeof text);
+  if (ip.size() == 16) inet_ntop(AF_INET6, ip.data(), text, sizeof text);
+  return text;
+}
+
 void printMembers(const velt::proto::QueryAnswer& a, bool json) {
   // The agent answers an unknown group with an error, so one is here.
   const velt::proto::GroupSummary& g = a.groups(0);
+  // The raw adapter group says which adapter each provider is.
+  bool adapters = g.adapters_size() > 0 && g.adapters_size() == g.providers_size();
   if (json) {
     std::string providers;
     for (const velt::proto::ProviderId& p : g.providers()) {
@@ -427,9 +438,24 @@ void printMembers(const velt::proto::QueryAnswer& a, bool json) {
       providers += "{\"instance\":" + std::to_string(p.instance()) +
                    ",\"node\":" + std::to_string(p.node()) + "}";
     }
-    printf("{\"group\":%s,\"providers\":[%s],\"state_value_bytes\":%zu,"
+    // The adapters go in a list of their own, so that the providers' list
+    // reads the same for every group.
+    std::string adapterList;
+    for (int i = 0; adapters && i < g.adapters_size(); ++i) {
+      const velt::proto::AdapterInfo& ad = g.adapters(i);
+      if (!adapterList.empty()) adapterList += ",";
+      adapterList += "{\"address\":" + jsonString(addressText(ad.ip())) +
+                     ",\"interface\":" + jsonString(ad.interface_name()) +
+                     ",\"network\":" + jsonString(ad.network_name()) +
+                     ",\"network_type\":" + jsonString(ad.network_type()) +
+                     ",\"instance\":" + std::to_string(ad.instance()) +
+                     ",\"node\":" + std::to_string(ad.node()) + "}";
+    }
+    std::string adapterField = adapters ? ",\"adapters\":[" + adapterList + "]" : "";
+    printf("{\"group\":%s,\"providers\":[%s]%s,\"state_value_bytes\":%zu,"
            "\"state_value_hex\":\"%s\",\"protocol_in_flight\":%s,\"subscribers_here\":%u}\n",
-           jsonString(g.name()).c_str(), providers.c_str(), g.state_value().size(),
+           jsonString(g.name()).c_str(), providers.c_str(), adapterField.c_str(),
+           g.state_value().size(),
            hex(g.state_value()).c_str(), jsonBool(g.protocol_in_flight()).c_str(),
            g.subscribers_here());
     return;
@@ -442,7 +468,15 @@ void printMembers(const velt::proto::QueryAnswer& a, bool json) {
   printf("state value:  %zu bytes \"%s\"\n", value.size(), shown.c_str());
   printf("protocol:     %s\n", g.protocol_in_flight() ? "in flight" : "idle");
   printf("subscribers:  %u on this node\n", g.subscribers_here());
-  if (g.providers_size() > 0) {
+  if (g.providers_size() > 0 && adapters) {
+    printf("%8s  %5s  %-15s  %-15s  %s\n", "INSTANCE", "NODE", "ADDRESS", "INTERFACE", "TYPE");
+    for (int i = 0; i < g.providers_size(); ++i) {
+      const velt::proto::ProviderId& p = g.providers(i);
+      const velt::proto::AdapterInfo& ad = g.adapters(i);
+      printf("%8u  %5u  %-15s  %-15s  %s\n", p.instance(), p.node(), addressText(ad.ip()).c_str(),
+             printable(ad.interface_name()).c_str(), printable(ad.network_type()).c_str());
+    }
+  } else if (g.providers_size() > 0) {
     printf("%8s  %5s\n", "INSTANCE", "NODE");
     for (const velt::proto::ProviderId& p : g.providers()) {
       printf("%8u  %5u\n", p.instance(), p.node());
