@@ -20,6 +20,21 @@ constexpr uint32_t kMaxProviderField = 0xffff;
 constexpr size_t kMaxClientNameBytes = 256;
 
 bool validPhases(uint32_t n) { return n <= TK_GS_N_PHASE; }
+
+// The number of phases of a request: TK_GS_OK, or the refusal with *why.
+int checkPhases(uint32_t n, std::string* why) {
+  if (validPhases(n)) return TK_GS_OK;
+  *why = "the number of phases is 1 (one phase) or 2 (n phases)";
+  return TK_GS_BAD_PARAMETER;
+}
+
+// The size of what a request carries against its limit.
+int checkSize(const char* what, size_t size, size_t limit, std::string* why) {
+  if (size <= limit) return TK_GS_OK;
+  *why = std::string(what) + " has " + std::to_string(size) + " bytes, at most " + std::to_string(limit) +
+         " are allowed";
+  return TK_GS_LIMIT_EXCEEDED;
+}
 bool validDefaultVote(uint32_t v) { return v <= TK_GS_VOTE_REJECT; }
 
 // The group a provider request is about.
@@ -225,33 +240,17 @@ int ClusterState::validate(const proto::Request& r, uint32_t node, const Replica
     case proto::Request::kSetAttributes:
       return checkAttributes(r.set_attributes().attributes(), limits, why);
     case proto::Request::kLeave:
-      if (!validPhases(r.leave().num_phases())) {
-        *why = "the number of phases is 1 (one phase) or 2 (n phases)";
-        return TK_GS_BAD_PARAMETER;
-      }
-      return TK_GS_OK;
-    case proto::Request::kChangeStateValue:
-      if (!validPhases(r.change_state_value().num_phases())) {
-        *why = "the number of phases is 1 (one phase) or 2 (n phases)";
-        return TK_GS_BAD_PARAMETER;
-      }
-      if (r.change_state_value().value().size() > limits.maxStateValueBytes) {
-        *why = "the state value has " + std::to_string(r.change_state_value().value().size()) +
-               " bytes, at most " + std::to_string(limits.maxStateValueBytes) + " are allowed";
-        return TK_GS_LIMIT_EXCEEDED;
-      }
-      return TK_GS_OK;
-    case proto::Request::kSendMessage:
-      if (!validPhases(r.send_message().num_phases())) {
-        *why = "the number of phases is 1 (one phase) or 2 (n phases)";
-        return TK_GS_BAD_PARAMETER;
-      }
-      if (r.send_message().message().size() > limits.maxMessageBytes) {
-        *why = "the provider message has " + std::to_string(r.send_message().message().size()) +
-               " bytes, at most " + std::to_string(limits.maxMessageBytes) + " are allowed";
-        return TK_GS_LIMIT_EXCEEDED;
-      }
-      return TK_GS_OK;
+      return checkPhases(r.leave().num_phases(), why);
+    case proto::Request::kChangeStateValue: {
+      int rc = checkPhases(r.change_state_value().num_phases(), why);
+      if (rc != TK_GS_OK) return rc;
+      return checkSize("the state value", r.change_state_value().value().size(), limits.maxStateValueBytes, why);
+    }
+    case proto::Request::kSendMessage: {
+      int rc = checkPhases(r.send_message().num_phases(), why);
+      if (rc != TK_GS_OK) return rc;
+      return checkSize("the provider message", r.send_message().message().size(), limits.maxMessageBytes, why);
+    }
     case proto::Request::kVote: {
       const proto::Vote& v = r.vote();
       if (v.vote() < TK_GS_VOTE_APPROVE || v.vote() > TK_GS_VOTE_CONTINUE) {
