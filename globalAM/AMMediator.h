@@ -31,7 +31,9 @@ class AMCookedSubscriber;
 const char* GET_SW_MEMBERSHIP_GROUP(int n);
 // True when 0 <= id <= the current number of networks: the upper bound is
 // inclusive because network numbers count from 0 and the count is the
-// highest index in use.
+// highest index in use, which is the larger of the InfiniBand group count
+// and the highest switch network number of a configured table row. Takes
+// the adapter table's read lock (it nests under a hold the caller has).
 bool IsValidNetworkID(int id);
 
 // Group names the membership code shares.

@@ -208,6 +208,18 @@ int AMGlobalAdapterTable::AdapterConfiguredOnNetwork(int network, uint64_t netwo
   return gkFALSE;
 }
 
+int AMGlobalAdapterTable::highestSwitchNetworkWithLock() {
+  GSReadGuard hold(*this);
+  int highest = -1;
+  for (auto& entry : pAdapterItemList) {
+    const AMAdapterItem* row = entry.second;
+    if (row->isConfiged && isSwitchAdapter(row->interfacename) && row->networkid > highest) {
+      highest = row->networkid;
+    }
+  }
+  return highest;
+}
+
 int AMGlobalAdapterTable::adapterAttributeChanged(const AMNetInterface& obj, AMAdapterItem* item) {
   if (item == nullptr || !item->isConfiged) return gkTRUE;
   FieldText device(obj.deviceName, sizeof obj.deviceName);

@@ -127,6 +127,10 @@ class AMGlobalAdapterTable : public GSLockableObject {
   // gkTRUE when a configured row belongs to the network (by networkId64 in
   // an InfiniBand environment, else by the 32-bit number).
   int AdapterConfiguredOnNetwork(int network, uint64_t network64);
+  // The highest network number of a configured switch row, or -1 when no
+  // switch adapter is configured. Takes the read lock, which nests under
+  // any hold the caller already has.
+  int highestSwitchNetworkWithLock();
   // gkFALSE only when the row is configured and holds exactly obj's
   // attributes.
   int adapterAttributeChanged(const AMNetInterface& obj, AMAdapterItem* item);

@@ -94,7 +94,19 @@ const char* GET_SW_MEMBERSHIP_GROUP(int n) {
   return swGroupNames[n];
 }
 
-bool IsValidNetworkID(int id) { return id >= 0 && id <= currentNumbersOfNetworks.load(); }
+bool IsValidNetworkID(int id) {
+  if (id < 0) return false;
+  // currentNumbersOfNetworks counts only InfiniBand group names; a switch
+  // cluster numbers its networks by interface (sxn1 is network 1), so the
+  // highest switch network the table knows is in use as well.
+  int highest = currentNumbersOfNetworks.load();
+  AMGlobalAdapterTable* table = AMController::pGAdapterCfgTbl;
+  if (table != nullptr) {
+    const int highestSwitch = table->highestSwitchNetworkWithLock();
+    if (highestSwitch > highest) highest = highestSwitch;
+  }
+  return id <= highest;
+}
 
 // ---------------------------------------------------------- adapter state
 

@@ -223,6 +223,23 @@ TEST_F(AppendMember, AnAdapterWhoseRowIsNotConfiguredMakesNoProvider) {
                        "appendmember action"));
 }
 
+TEST_F(AppendMember, TheSecondSwitchInterfaceOfTheScanGetsItsOwnGroup) {
+  // A switch-only cluster: no InfiniBand group names, networks 0 and 1 by
+  // interface name.
+  currentNumbersOfNetworks.store(0);
+  table_test::setLocalInterfaces({{"sxn0", "10.0.0.1"}, {"sxn1", "10.0.1.1"}});
+  AMCookedProvider* p = mediator_->appendMember("sxn1");
+  ASSERT_NE(nullptr, p);
+  EXPECT_EQ(1, p->getAttachedNetworkNum());
+  EXPECT_STREQ("sxn1Membership", p->getCookedMembershipName());
+  EXPECT_EQ(std::string::npos, log().find("cannot resolve interface name[sxn1]"));
+  AMCookedProvider* first = mediator_->appendMember("sxn0");
+  ASSERT_NE(nullptr, first);
+  EXPECT_STREQ("sxnMembership", first->getCookedMembershipName());
+  EXPECT_EQ(2, mediator_->getNumOfCookedProviders());
+  EXPECT_EQ(2, mediator_->getNumOfSXNAllCookedProviders());  // one per adapter
+}
+
 TEST_F(AppendMember, ProviderArraysGrowByFourSlots) {
   currentNumbersOfNetworks.store(8);
   const char* names[] = {"sxn0", "sxn1", "sxn2", "sxn3", "sxn4"};

@@ -11,6 +11,7 @@ namespace {
 
 class SwitchGroupNames : public ::testing::Test {};
 class NetworkIds : public ::testing::Test {};
+class SwitchNetworkIds : public MediatorFixture {};
 class AdapterStateList : public ::testing::Test {};
 class RawMembership : public MediatorFixture {};
 class RawMembershipThroughTheLibrary : public MediatorFixture {};
@@ -45,6 +46,59 @@ TEST(NetworkIds, TheNetworkCountItselfIsValid) {
   EXPECT_TRUE(IsValidNetworkID(0));
   EXPECT_FALSE(IsValidNetworkID(1));
   currentNumbersOfNetworks.store(saved);
+}
+
+TEST_F(SwitchNetworkIds, TheSecondSwitchNetworkIsValidOnceTheTableKnowsIt) {
+  currentNumbersOfNetworks.store(0);
+  defineLocal("sxn0", "10.0.0.1", 0);
+  EXPECT_TRUE(IsValidNetworkID(0));
+  EXPECT_FALSE(IsValidNetworkID(1));
+  defineLocal("sxn1", "10.0.1.1", 1);
+  EXPECT_TRUE(IsValidNetworkID(0));
+  EXPECT_TRUE(IsValidNetworkID(1));
+  EXPECT_FALSE(IsValidNetworkID(2));
+  EXPECT_FALSE(IsValidNetworkID(-1));
+}
+
+TEST_F(SwitchNetworkIds, TheLocalScanNumbersTheNetworksByInterfaceName) {
+  currentNumbersOfNetworks.store(0);
+  table_test::setLocalInterfaces({{"lo", "127.0.0.1"}, {"sxn0", "10.0.0.1"}, {"sxn1", "10.0.1.1"}});
+  EXPECT_FALSE(IsValidNetworkID(1));
+  EXPECT_EQ(2, table_->refreshLocalTable(0));
+  EXPECT_TRUE(IsValidNetworkID(1));
+  EXPECT_FALSE(IsValidNetworkID(2));
+}
+
+TEST_F(SwitchNetworkIds, TheLargerOfTheInfiniBandCountAndTheSwitchNetworksBounds) {
+  defineLocal("sxn1", "10.0.1.1", 1);
+  currentNumbersOfNetworks.store(3);
+  EXPECT_TRUE(IsValidNetworkID(3));
+  EXPECT_FALSE(IsValidNetworkID(4));
+  currentNumbersOfNetworks.store(0);
+  defineLocal("sxn5", "10.0.5.1", 5);
+  EXPECT_TRUE(IsValidNetworkID(5));
+  EXPECT_FALSE(IsValidNetworkID(6));
+}
+
+TEST_F(SwitchNetworkIds, AnUndefinedSwitchRowNoLongerCounts) {
+  currentNumbersOfNetworks.store(0);
+  defineLocal("sxn0", "10.0.0.1", 0);
+  defineLocal("sxn1", "10.0.1.1", 1);
+  ASSERT_TRUE(IsValidNetworkID(1));
+  {
+    GSWriteGuard hold(*table_);
+    table_->setAdapterUndefinedWithoutLock(kMyNode, "sxn1");
+  }
+  EXPECT_FALSE(IsValidNetworkID(1));
+  EXPECT_TRUE(IsValidNetworkID(0));
+}
+
+TEST_F(SwitchNetworkIds, TheCheckNestsUnderAWriteHoldOfTheTable) {
+  currentNumbersOfNetworks.store(0);
+  defineLocal("sxn1", "10.0.1.1", 1);
+  GSWriteGuard hold(*table_);
+  EXPECT_TRUE(IsValidNetworkID(1));
+  EXPECT_FALSE(IsValidNetworkID(2));
 }
 
 TEST(AdapterStateList, TwoLocalAdaptersWithOneNameOnOneNodeCountOnce) {
