@@ -20,6 +20,10 @@ bool sameImage(const proto::AdapterImage& a, const proto::AdapterImage& b) {
   return a.SerializeAsString() == b.SerializeAsString();
 }
 
+bool isUpAndRunning(unsigned flags) {
+  return (flags & (IFF_UP | IFF_RUNNING)) == (IFF_UP | IFF_RUNNING);
+}
+
 bool startsWith(const std::string& s, const char* prefix) {
   return s.compare(0, strlen(prefix), prefix) == 0;
 }
@@ -119,6 +123,8 @@ void AdapterTracker::linkChanged(int ifindex, const std::string& name, unsigned 
       return;
     }
     it = interfaces_.emplace(ifindex, Interface()).first;
+  } else if (!isUpAndRunning(it->second.flags) && isUpAndRunning(flags)) {
+    it->second.awaitingLinkPoll = true;
   }
   it->second.name = name;
   it->second.flags = flags;
@@ -141,6 +147,7 @@ void AdapterTracker::addressAdded(int ifindex, const std::string& address, bool 
   if (a == list.end()) {
     if (list.size() >= kMaxAddressesPerInterface) return;
     list.push_back(Address{address, secondary, true});
+    it->second.awaitingLinkPoll = true;
   } else {
     a->secondary = secondary;
     a->seen = true;
@@ -193,6 +200,7 @@ void AdapterTracker::setNode(uint32_t node) {
 
 void AdapterTracker::setLinks(const std::vector<LinkState>& links) {
   links_ = links;
+  for (auto& e : interfaces_) e.second.awaitingLinkPoll = false;
   refresh();
 }
 
@@ -272,6 +280,7 @@ void AdapterTracker::refresh() {
       facts.carriesLink = true;
       facts.linkConnected = facts.linkConnected || l.connected;
     }
+    if (c.itf->awaitingLinkPoll) facts.linkConnected = false;
     proto::AdapterImage img;
     proto::AdapterInfo* info = img.mutable_adapter();
     info->set_ip(c.primary->ip);

@@ -105,6 +105,8 @@ class AdapterTracker {
   // ---- the cluster's facts
   // The node number, when the bus learns it only at its first view.
   void setNode(uint32_t node);
+  // The links as a poll of knet saw them. A poll also confirms the links of
+  // adapters that came back since the one before (see Interface).
   void setLinks(const std::vector<LinkState>& links);
   void setAlone(bool alone);
 
@@ -134,6 +136,12 @@ class AdapterTracker {
     unsigned flags = 0;
     bool seen = true;
     std::vector<Address> addresses;  // in the order the kernel gave them
+    // The interface came back (up and running again, or a new address)
+    // after the last link poll: what that poll said of its link is from
+    // before, so the link counts as reaching nobody until a poll taken since
+    // says otherwise. Without this a healed adapter would be announced from
+    // the old status, withdrawn at the next poll and announced again.
+    bool awaitingLinkPoll = true;
   };
 
   // Recomputes adapters_ from the facts.

@@ -257,6 +257,95 @@ TEST_F(AdapterTrackerTest, LinkOnAnotherAddressDoesNotTouchTheAdapter) {
   EXPECT_TRUE(adapterNamed("eth0")->alive());
 }
 
+// ------------------------------------------------------------ a healed adapter
+
+// An adapter whose interface comes back after an outage: the link status
+// the tracker holds is from a poll taken before, so it counts only once a
+// poll taken since confirms it.
+class HealedAdapterTest : public AdapterTrackerTest {
+ protected:
+  HealedAdapterTest() {
+    addInterface(3, "sxn0", ip(10, 1, 0, 7));
+    addInterface(4, "sxn1", ip(10, 2, 0, 7));
+    tracker_.setAlone(false);
+    pollSays(true);
+  }
+
+  // A knet poll: link 0 (sxn0) reaches the view, link 1 (sxn1) as given.
+  void pollSays(bool sxn1Connected) {
+    tracker_.setLinks({{0, ip(10, 1, 0, 7), true}, {1, ip(10, 2, 0, 7), sxn1Connected}});
+  }
+  // sxn1's liveness each time the tracker reports a change, in order: what
+  // subscribers would see.
+  void noteChange() {
+    if (tracker_.takeChanged()) announced_.push_back(adapterNamed("sxn1")->alive());
+  }
+
+  std::vector<bool> announced_;
+};
+
+TEST_F(HealedAdapterTest, IsAnnouncedOnceWhenItsKnetLinkIsReallyBack) {
+  ASSERT_TRUE(adapterNamed("sxn1")->alive());
+  tracker_.takeChanged();
+  tracker_.linkChanged(4, "sxn1", 0);  // scripts/cluster fail: set down
+  noteChange();
+  // The heal comes before the agent polled knet since knet dropped the link:
+  // the last poll still says connected.
+  tracker_.linkChanged(4, "sxn1", kUpRunning);
+  noteChange();
+  EXPECT_FALSE(adapterNamed("sxn1")->alive()) << "announced from a poll taken before the heal";
+  pollSays(false);  // knet has not reconnected yet
+  noteChange();
+  pollSays(false);
+  noteChange();
+  pollSays(true);  // knet reconnected
+  noteChange();
+  pollSays(true);
+  noteChange();
+  EXPECT_EQ((std::vector<bool>{false, true}), announced_);
+  EXPECT_TRUE(adapterNamed("sxn0")->alive());
+}
+
+TEST_F(HealedAdapterTest, LinkThatStayedConnectedCountsFromTheNextPoll) {
+  tracker_.linkChanged(4, "sxn1", IFF_UP);  // carrier lost for a moment
+  tracker_.linkChanged(4, "sxn1", kUpRunning);
+  EXPECT_FALSE(adapterNamed("sxn1")->alive());
+  pollSays(true);
+  EXPECT_TRUE(adapterNamed("sxn1")->alive());
+}
+
+TEST_F(HealedAdapterTest, NewAddressWaitsForAPollLikeAHeal) {
+  tracker_.addressRemoved(4, ip(10, 2, 0, 7));
+  EXPECT_EQ(nullptr, adapterNamed("sxn1"));
+  tracker_.addressAdded(4, ip(10, 2, 0, 7), false);
+  EXPECT_FALSE(adapterNamed("sxn1")->alive());
+  pollSays(true);
+  EXPECT_TRUE(adapterNamed("sxn1")->alive());
+}
+
+TEST_F(HealedAdapterTest, AdapterWithoutKnetLinkOrAloneIsAliveAtOnce) {
+  addInterface(5, "eth0", ip(192, 0, 2, 7));
+  tracker_.linkChanged(5, "eth0", 0);
+  tracker_.linkChanged(5, "eth0", kUpRunning);
+  EXPECT_TRUE(adapterNamed("eth0")->alive());
+  tracker_.setAlone(true);
+  tracker_.linkChanged(4, "sxn1", 0);
+  tracker_.linkChanged(4, "sxn1", kUpRunning);
+  EXPECT_TRUE(adapterNamed("sxn1")->alive());
+}
+
+TEST_F(HealedAdapterTest, UnchangedFlagsDoNotWithdrawALiveAdapter) {
+  // A dump or an event that repeats the flags is no heal.
+  tracker_.takeChanged();
+  tracker_.beginLinkDump();
+  tracker_.linkChanged(3, "sxn0", kUpRunning);
+  tracker_.linkChanged(4, "sxn1", kUpRunning);
+  tracker_.endLinkDump();
+  tracker_.linkChanged(4, "sxn1", kUpRunning);
+  EXPECT_TRUE(adapterNamed("sxn1")->alive());
+  EXPECT_FALSE(tracker_.takeChanged());
+}
+
 TEST_F(AdapterTrackerTest, DumpDropsWhatItDoesNotConfirm) {
   addInterface(3, "sxn0", ip(10, 1, 0, 7));
   addInterface(4, "sxn1", ip(10, 2, 0, 7));

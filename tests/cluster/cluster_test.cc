@@ -842,11 +842,7 @@ TEST_F(ClusterTopology, FailedAdapterLeavesRawGroupOnEveryNodeAndHealBringsItBac
 // node: after an outage long enough for knet to drop the link, bringing the
 // interface back up announces the adapter once, when knet has the link
 // again, and never as a join that a leave takes back a moment later.
-// Disabled: it fails today. After an outage long enough for knet to drop
-// the link, a healed adapter is announced at once from knet's stale status,
-// withdrawn at the next poll and announced again when knet reconnects
-// (join, leave, join). Run it with --gtest_also_run_disabled_tests.
-TEST_F(ClusterTopology, DISABLED_HealedAdapterRejoinsOnceItsKnetLinkIsBack) {
+TEST_F(ClusterTopology, HealedAdapterRejoinsOnceItsKnetLinkIsBack) {
   requireAgents();
   NodeProcess watch(1, {"gscl_watch", "allAdapterMembership"});
   ASSERT_FALSE(watch.waitLine({"sub allAdapterMembership", "10.11.0.3"}).empty()) << watch.transcript();
