@@ -391,20 +391,27 @@ void ClusterState::join(uint32_t origin, uint64_t client, const proto::Request& 
   settle(j.group());
 }
 
-void ClusterState::enqueue(uint32_t origin, uint64_t client, const proto::Request& r,
-                           const std::string& name, uint32_t instance) {
+ClusterState::Group* ClusterState::requesterGroup(uint32_t origin, uint64_t client, const proto::Request& r,
+                                   const std::string& name, uint32_t instance) {
   Group* g = find(name);
   if (g == nullptr) {
     reply(origin, client, r.id(), TK_GS_UNKNOWN_GROUP, "there is no group " + name);
-    return;
+    return nullptr;
   }
   const Provider* p = findProvider(*g, Key{instance, origin});
   if (p == nullptr || p->client != client) {
     reply(origin, client, r.id(), TK_GS_NOT_JOINED,
           "instance " + std::to_string(instance) +
               " of this connection is not a provider of group " + name);
-    return;
+    return nullptr;
   }
+  return g;
+}
+
+void ClusterState::enqueue(uint32_t origin, uint64_t client, const proto::Request& r,
+                           const std::string& name, uint32_t instance) {
+  Group* g = requesterGroup(origin, client, r, name, instance);
+  if (g == nullptr) return;
   if (g->queued.size() >= limits_.maxQueuedPerGroup) {
     reply(origin, client, r.id(), TK_GS_LIMIT_EXCEEDED,
           "group " + name + " already has " + std::to_string(g->queued.size()) +
@@ -418,19 +425,9 @@ void ClusterState::enqueue(uint32_t origin, uint64_t client, const proto::Reques
 
 void ClusterState::goodbye(uint32_t origin, uint64_t client, const proto::Request& r) {
   const proto::Goodbye& gb = r.goodbye();
-  Group* g = find(gb.group());
-  if (g == nullptr) {
-    reply(origin, client, r.id(), TK_GS_UNKNOWN_GROUP, "there is no group " + gb.group());
-    return;
-  }
+  Group* g = requesterGroup(origin, client, r, gb.group(), gb.instance());
+  if (g == nullptr) return;
   Key k{gb.instance(), origin};
-  const Provider* p = findProvider(*g, k);
-  if (p == nullptr || p->client != client) {
-    reply(origin, client, r.id(), TK_GS_NOT_JOINED,
-          "instance " + std::to_string(k.instance) +
-              " of this connection is not a provider of group " + gb.group());
-    return;
-  }
   for (const Provider& q : g->providers) {
     auto a = agents_.find(q.key.node);
     if (a != agents_.end() && a->second.version < kGoodbyeLevel) {
@@ -452,19 +449,9 @@ void ClusterState::goodbye(uint32_t origin, uint64_t client, const proto::Reques
 
 void ClusterState::vote(uint32_t origin, uint64_t client, const proto::Request& r) {
   const proto::Vote& v = r.vote();
-  Group* g = find(v.group());
-  if (g == nullptr) {
-    reply(origin, client, r.id(), TK_GS_UNKNOWN_GROUP, "there is no group " + v.group());
-    return;
-  }
+  Group* g = requesterGroup(origin, client, r, v.group(), v.instance());
+  if (g == nullptr) return;
   Key k{v.instance(), origin};
-  const Provider* p = findProvider(*g, k);
-  if (p == nullptr || p->client != client) {
-    reply(origin, client, r.id(), TK_GS_NOT_JOINED,
-          "instance " + std::to_string(k.instance) +
-              " of this connection is not a provider of group " + v.group());
-    return;
-  }
   Protocol* P = g->protocol.get();
   if (P == nullptr || P->id != v.protocol() || P->phase != v.phase() || P->numPhases <= 1) {
     reply(origin, client, r.id(), TK_GS_INVALID_STATE,
@@ -502,18 +489,8 @@ void ClusterState::vote(uint32_t origin, uint64_t client, const proto::Request& 
 
 void ClusterState::setAttributes(uint32_t origin, uint64_t client, const proto::Request& r) {
   const proto::SetAttributes& sa = r.set_attributes();
-  Group* g = find(sa.group());
-  if (g == nullptr) {
-    reply(origin, client, r.id(), TK_GS_UNKNOWN_GROUP, "there is no group " + sa.group());
-    return;
-  }
-  const Provider* p = findProvider(*g, Key{sa.instance(), origin});
-  if (p == nullptr || p->client != client) {
-    reply(origin, client, r.id(), TK_GS_NOT_JOINED,
-          "instance " + std::to_string(sa.instance()) +
-              " of this connection is not a provider of group " + sa.group());
-    return;
-  }
+  Group* g = requesterGroup(origin, client, r, sa.group(), sa.instance());
+  if (g == nullptr) return;
   // Protocols in flight keep what they started with; the next ones follow.
   g->attributes = normalized(sa.attributes(), sa.group());
   reply(origin, client, r.id(), TK_GS_OK, "");

@@ -203,6 +203,11 @@ class ClusterState {
   Group* find(const std::string& name);
   const Group* find(const std::string& name) const;
   static const Provider* findProvider(const Group& g, const Key& k);
+  // The group of a provider request whose requester (this connection's
+  // instance) is one of its providers; otherwise answers the refusal and
+  // returns null.
+  Group* requesterGroup(uint32_t origin, uint64_t client, const proto::Request& r,
+                        const std::string& name, uint32_t instance);
   const Pending* findPendingJoin(const Group& g, const Key& k) const;
   size_t pendingJoins(const Group& g) const;
   static std::vector<Key> keysOf(const std::vector<Provider>& providers);
