@@ -6,6 +6,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "AMController.h"
@@ -185,6 +186,13 @@ AMCookedProvider* AMMediator::appendMember(const char* repname) {
                           << ",IsValidNetworkID(adapter->networkid)=" << (IsValidNetworkID(netnum) ? 1 : 0)
                           << " Weired Case, AMMediator::appendMember cannot resolve interface name[" << repname
                           << "] network id, just ignore appendmember action" << endl;
+    return nullptr;
+  }
+  // Only nine switch networks have a group name; a provider for a higher
+  // one would join a group nobody can name, so the adapter stays without.
+  if (!ib && GET_SW_MEMBERSHIP_GROUP(netnum) == nullptr) {
+    AM_TRACE(TRACE_ERROR) << "AMMediator::appendMember(): interface[" << repname << "] is on network " << netnum
+                          << ", which has no membership group name; no provider is made for it" << endl;
     return nullptr;
   }
   AMCookedProvider* existing = getCookedProvider(repname);
@@ -448,8 +456,14 @@ void AMMediator::doCanonicalLongStatus(int /*index*/) {
 void AMMediator::doLongStatus(int /*index*/) {
   AMSRCDriver* src = srcDriver();
   if (src == nullptr) return;
-  const int networks = currentNumbersOfNetworks.load() > 0 ? currentNumbersOfNetworks.load() : 1;
-  for (int net = 0; net < networks; ++net) {
+  // One line for every network a provider may be attached to: the
+  // InfiniBand networks counted so far, or the switch networks up to the
+  // highest the adapter table knows (sxn1 on a two-plane switch cluster).
+  int last = currentNumbersOfNetworks.load() - 1;
+  AMGlobalAdapterTable* table = AMController::pGAdapterCfgTbl;
+  if (table != nullptr) last = std::max(last, table->highestSwitchNetworkWithLock());
+  last = std::max(last, 0);
+  for (int net = 0; net <= last; ++net) {
     AMCookedProvider* p = nullptr;
     for (int i = 0; i < getNumOfCookedProviders(); ++i) {
       AMCookedProvider* candidate = getCookedProvider(i);

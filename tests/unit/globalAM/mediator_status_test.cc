@@ -132,4 +132,19 @@ TEST_F(MediatorStatus, TheLongFormHasOneLinePerNetwork) {
   EXPECT_NE(std::string::npos, after.find(joined)) << after;
 }
 
+TEST_F(MediatorStatus, ASwitchOnlyClusterShowsALineForItsSecondPlane) {
+  // No InfiniBand group names: the networks are the switch interfaces, and
+  // sxn1's group has its line although no provider joined it yet.
+  currentNumbersOfNetworks.store(0);
+  defineLocal("sxn0", "10.0.0.1", 0);
+  defineLocal("sxn1", "10.0.1.1", 1);
+  ASSERT_TRUE(connectToFakeAgent());
+  char line[256];
+  snprintf(line, sizeof line, "%-17s%-6s%-7s%-7s%-7s%-6s%-14s\n", "sxn1Membership", "-", "-", "-", "No", "No",
+           "(not found)");
+  std::string text = srcctl({"status", "-l"});
+  EXPECT_NE(std::string::npos, text.find(line)) << text;
+  EXPECT_EQ(std::string::npos, text.find("sxn2Membership")) << text;
+}
+
 }  // namespace

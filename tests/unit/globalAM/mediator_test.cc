@@ -240,6 +240,25 @@ TEST_F(AppendMember, TheSecondSwitchInterfaceOfTheScanGetsItsOwnGroup) {
   EXPECT_EQ(2, mediator_->getNumOfSXNAllCookedProviders());  // one per adapter
 }
 
+TEST_F(AppendMember, AnAdapterOnASwitchNetworkWithoutAGroupNameGetsNoProvider) {
+  // Only networks 0 to 8 have a membership group; a row that says network
+  // 12 (a valid network: the table knows it) must not make a provider for
+  // a group without a name.
+  currentNumbersOfNetworks.store(0);
+  defineLocal("sxn0", "10.0.0.1", 0);
+  {
+    GSWriteGuard hold(*table_);
+    table_->locateAdapterItem(kMyNode, _idxFromInterfaceName("sxn0"))->networkid = 12;
+  }
+  ASSERT_TRUE(IsValidNetworkID(12));
+  EXPECT_EQ(nullptr, mediator_->appendMember("sxn0"));
+  EXPECT_EQ(0, mediator_->getNumOfCookedProviders());
+  EXPECT_EQ(0, mediator_->getNumOfSXNAllCookedProviders());
+  EXPECT_NE(std::string::npos, log().find("AMMediator::appendMember(): interface[sxn0] is on network 12, which has "
+                                          "no membership group name; no provider is made for it"))
+      << log();
+}
+
 TEST_F(AppendMember, ProviderArraysGrowByFourSlots) {
   currentNumbersOfNetworks.store(8);
   const char* names[] = {"sxn0", "sxn1", "sxn2", "sxn3", "sxn4"};
