@@ -196,6 +196,9 @@ int AMController::harvestGblNetworkInterfaces() {
 
 void AMController::allowReadyToRoll() {
   readyToRoll = 1;
+  // The configuration group is joined and the protocols roll: the daemon
+  // is no longer waiting for group services, and its status says so.
+  vask_working_state = 2;
   wakeupAllMediators(0);
   wakeupAllAggregators(0);
 }

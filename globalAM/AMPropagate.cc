@@ -569,12 +569,20 @@ void AMPropagator::ReadAndPropagateAggConfig() {
   TraceBlock tb(TraceLevel(TRACE_BLOCK), "AMPropagator::ReadAndPropagateAggConfig()");
   int childStatus = refresh_retcode.load();
   if (childStatus != 0) {
-    // A refresh child that failed is reported by the controller; its
-    // refresh is ignored and the configuration in use stays.
-    AM_TRACE(TRACE_FYI) << kPrefix << " refresh ended with status=" << childStatus << ", not read again" << endl;
     refresh_retcode = 0;
-    ignoredRefreshes_.fetch_add(1);
-    return;
+    if (protocolsRolling()) {
+      // A refresh child that failed is reported by the controller; its
+      // refresh is ignored and the configuration in use stays.
+      AM_TRACE(TRACE_FYI) << kPrefix << " refresh ended with status=" << childStatus << ", not read again" << endl;
+      ignoredRefreshes_.fetch_add(1);
+      return;
+    }
+    // At start-up there is no configuration in use to keep: a site without
+    // aggregate devices (no file, or one the refresh command rejects) must
+    // still get its adapter membership, so the file is read as it is and
+    // an empty configuration is what the daemon starts with.
+    AM_TRACE(TRACE_WARNING) << kPrefix << " refresh ended with status=" << childStatus
+                            << ", starting with the aggregate configuration as it reads now" << endl;
   }
   AMAggCfgList fresh;
   const char* path = getenv("SW_HERDLET_AGGIP_CFG");

@@ -143,6 +143,7 @@ CommandResult runCommand(const std::vector<std::string>& argv, const std::map<st
 std::string tolkvaskdPath() { return TOLKVASKD_PATH; }
 std::string srcctlPath() { return SRCCTL_PATH; }
 std::string veltdPath() { return VELTD_PATH; }
+std::string refreshCommandPath() { return REFRESH_CMD_PATH; }
 
 Agent::Agent(const std::string& dir, const std::string& socketPath) : dir_(dir), socket_(socketPath) {}
 

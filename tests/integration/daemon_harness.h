@@ -103,6 +103,8 @@ std::map<std::string, std::string> validEnvironment(const std::string& dir);
 std::string tolkvaskdPath();
 std::string srcctlPath();
 std::string veltdPath();
+// The refresh command shipped for SW_HERDLET_REFRESH_CMD.
+std::string refreshCommandPath();
 
 }  // namespace velt_test
 

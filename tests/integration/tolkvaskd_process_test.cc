@@ -449,17 +449,20 @@ TEST_F(RunningDaemon, LostGroupServicesEndsWithStopCode5) {
   // status show the daemon's start time.
   ASSERT_TRUE(daemon_->waitForLog("Got domainControlCB: TK_GS_DOMAIN_VERSION. veltActiveVersion is now", 30))
       << daemon_->log();
+  // Once the configuration group is joined and the first configuration
+  // committed, the protocols roll and the status says the daemon is
+  // connected; the canonical form then has no connection line.
+  ASSERT_TRUE(daemon_->waitForLog("Start to roll the protocols..", 30)) << daemon_->log();
   auto startsWith = [](const std::string& text, const std::string& prefix) { return text.rfind(prefix, 0) == 0; };
   CommandResult status = daemon_->srcctl({"status", "-l"});
   EXPECT_TRUE(startsWith(status.out,
-                         "Status information for subsystem tolkvaskd:\nWaiting for Group Services response.\n"
+                         "Status information for subsystem tolkvaskd:\nConnected to Group Services.\n"
                          "tolkvaskd started time: "))
       << status.out;
   CommandResult canonical = daemon_->srcctl({"request", "999"});
   EXPECT_TRUE(startsWith(canonical.out,
                          "Canonical LongStatus request from SRC.\n"
-                         "Status information for subsystem tolkvaskd:\nWaiting for Group Services response.\n"
-                         "tolkvaskd started time: "))
+                         "Status information for subsystem tolkvaskd:\ntolkvaskd started time: "))
       << canonical.out;
   agent.kill9();
   ASSERT_TRUE(daemon_->waitExit(30));
@@ -467,6 +470,27 @@ TEST_F(RunningDaemon, LostGroupServicesEndsWithStopCode5) {
   std::string log = daemon_->log();
   EXPECT_NE(std::string::npos, log.find("tk_gs_dispatch() returns rc=TK_GS_GS_HAS_DIED errno=")) << log;
   EXPECT_NE(std::string::npos, log.find("stopcode=5. ExitCode=TOLKDied(5)")) << log;
+}
+
+TEST_F(RunningDaemon, WithoutAnAggregateFileTheDaemonStillRollsWithAnEmptyConfiguration) {
+  // A site without aggregate devices has no AggregateIP.cfg: the shipped
+  // refresh command fails on it, and the adapter membership must work all
+  // the same.
+  env_["SW_HERDLET_REFRESH_CMD"] = velt_test::refreshCommandPath();
+  env_["SW_HERDLET_AGGIP_CFG"] = dir_.file("AggregateIP.cfg");
+  velt_test::Agent agent(dir_.path(), env_["VELT_AGENT_SOCKET"]);
+  ASSERT_TRUE(agent.start()) << agent.log();
+  startDaemon();
+  ASSERT_TRUE(daemon_->waitForLog("Start to roll the protocols..", 30)) << daemon_->log();
+  std::string log = daemon_->log();
+  EXPECT_NE(std::string::npos, log.find("Refresh process returns an error status.")) << log;
+  EXPECT_NE(std::string::npos, log.find("refresh ended with status=256, starting with the aggregate configuration as "
+                                        "it reads now"))
+      << log;
+  EXPECT_NE(std::string::npos, log.find("Error on opening agg_cfg file " + dir_.file("AggregateIP.cfg"))) << log;
+  CommandResult status = daemon_->srcctl({"status", "-l"});
+  EXPECT_NE(std::string::npos, status.out.find("Connected to Group Services.\n")) << status.out;
+  EXPECT_NE(std::string::npos, status.out.find(" The current configuration id is 4294967295.\n")) << status.out;
 }
 
 TEST_F(RunningDaemon, RequestsFromOtherUsersAreRefused) {
