@@ -1,8 +1,9 @@
 // A real three-node cluster on this machine, through scripts/cluster: the
 // harness itself (corosync's links and membership as failures come and
 // go), then the agents on corosync (one state on every node, providers seen
-// across nodes, a killed agent, a partition and its merge) and the raw
-// adapter group. Each test brings a fresh cluster up and takes it down.
+// across nodes, a killed agent, a partition and its merge), the raw
+// adapter group, and tolkvaskd on every node (its cooked groups as
+// adapters fail and heal, a killed daemon, a configuration refresh). Each test brings a fresh cluster up and takes it down.
 // Needs root and network namespaces; otherwise every test is skipped with a
 // "SKIP:" line.
 #include <errno.h>
@@ -488,7 +489,7 @@ class ClusterTest : public ::testing::Test {
   void dumpLogs() {
     std::string dir = getenv("VELT_CLUSTER_DIR");
     for (int n = 1; n <= kNodes; ++n) {
-      for (const char* log : {"veltd.log", "veltd.out", "corosync.out"}) {
+      for (const char* log : {"veltd.log", "veltd.out", "corosync.out", "tolkvaskd.out", "tolkvaskd.log"}) {
         Result r = run({"tail", "-n", "25", dir + "/node" + std::to_string(n) + "/run/log/" + log}, 5000);
         if (r.status == 0 && !r.out.empty()) {
           printf("--- node %d %s (last lines)\n%s", n, log, r.out.c_str());
@@ -861,6 +862,132 @@ TEST_F(ClusterTopology, HealedAdapterRejoinsOnceItsKnetLinkIsBack) {
                                 << watch.transcript();
   for (int n = 1; n <= kNodes; ++n) {
     EXPECT_EQ(2, providersOfNode(providers(n, "allAdapterMembership"), 3)) << "node " << n;
+  }
+}
+
+
+// tolkvaskd on every node, in domain type QUIL: the cooked membership
+// groups and the aggregate configuration carried to every node.
+class ClusterDaemons : public ClusterTest {
+ protected:
+  // Starts tolkvaskd on every node with the same aggregate configuration
+  // and waits until every node's cooked groups hold all three nodes.
+  void startDaemons() {
+    requireAgents();
+    if (HasFatalFailure()) return;
+    for (int n = 1; n <= kNodes; ++n) {
+      ASSERT_TRUE(writeAggregateConfig(n, kFirstConfig)) << "node " << n;
+      Result r = cluster({"start", std::to_string(n), "tolkvaskd"});
+      ASSERT_EQ(0, r.status) << describe(r);
+    }
+    for (int n = 1; n <= kNodes; ++n) {
+      for (const char* group : {"sxnMembership", "sxn1Membership"}) {
+        EXPECT_TRUE(waitUntil([&] { return cookedNodes(n, group) == std::vector<int>({1, 2, 3}); }, kAgentMs))
+            << "node " << n << " " << group << ": " << join(providers(n, group));
+      }
+      EXPECT_TRUE(waitUntil([&] { return providers(n, "sxnAllMembership").size() == 6; }, kAgentMs))
+          << "node " << n << ": " << join(providers(n, "sxnAllMembership"));
+    }
+  }
+
+  // Writes the node's aggregate configuration file (its private
+  // /run/tolkvaskd/AggregateIP.cfg).
+  static bool writeAggregateConfig(int node, const std::string& text) {
+    Result r = inNode(node, {"sh", "-c", "mkdir -p /run/tolkvaskd && printf '%s' \"$1\" >/run/tolkvaskd/AggregateIP.cfg",
+                             "sh", text});
+    return r.status == 0;
+  }
+
+  // The nodes that have a provider in a group, as a node sees it.
+  static std::vector<int> cookedNodes(int node, const std::string& group) {
+    std::set<int> nodes;
+    for (const std::string& p : providers(node, group)) nodes.insert(std::stoi(p.substr(p.find('/') + 1)));
+    return std::vector<int>(nodes.begin(), nodes.end());
+  }
+
+  // The configuration id in the node's canonical status, or "" when the
+  // daemon does not answer.
+  static std::string committedId(int node) {
+    Result r = inNode(node, {"srcctl", "-s", "tolkvaskd", "request", "999"});
+    std::smatch m;
+    if (r.status != 0 || !std::regex_search(r.out, m, std::regex(" The current configuration id is ([0-9]+)\\."))) {
+      return "";
+    }
+    return m[1];
+  }
+
+  static constexpr char kFirstConfig[] = "+CFGID: 0x10\n1 ml0 sxn0,sxn1\n2 ml0 sxn0,sxn1\n3 ml0 sxn0,sxn1\n";
+};
+
+TEST_F(ClusterDaemons, CookedGroupsHoldTheNodesWhoseAdapterIsUpThroughFailAndHeal) {
+  startDaemons();
+  if (HasFatalFailure()) return;
+  Result fail = cluster({"fail", "3", "sxn1"});
+  ASSERT_EQ(0, fail.status) << describe(fail);
+  for (int n = 1; n <= kNodes; ++n) {
+    EXPECT_TRUE(waitUntil([n] { return cookedNodes(n, "sxn1Membership") == std::vector<int>({1, 2}); }, kAgentMs))
+        << "node " << n << ": " << join(providers(n, "sxn1Membership"));
+    // Node 3 stays in the all-switch group through its sxn0 alone.
+    EXPECT_TRUE(waitUntil([n] { return providersOfNode(providers(n, "sxnAllMembership"), 3) == 1; }, kAgentMs))
+        << "node " << n << ": " << join(providers(n, "sxnAllMembership"));
+    EXPECT_EQ(std::vector<int>({1, 2, 3}), cookedNodes(n, "sxnMembership")) << "node " << n;
+    EXPECT_EQ(std::vector<int>({1, 2, 3}), cookedNodes(n, "sxnAllMembership")) << "node " << n;
+  }
+  Result heal = cluster({"heal", "3", "sxn1"});
+  ASSERT_EQ(0, heal.status) << describe(heal);
+  for (int n = 1; n <= kNodes; ++n) {
+    EXPECT_TRUE(waitUntil([n] { return cookedNodes(n, "sxn1Membership") == std::vector<int>({1, 2, 3}); },
+                          kLinkMs + kAgentMs))
+        << "node " << n << ": " << join(providers(n, "sxn1Membership"));
+    EXPECT_TRUE(waitUntil([n] { return providersOfNode(providers(n, "sxnAllMembership"), 3) == 2; }, kAgentMs))
+        << "node " << n << ": " << join(providers(n, "sxnAllMembership"));
+  }
+}
+
+TEST_F(ClusterDaemons, KilledDaemonsProvidersLeaveEveryGroupOnTheOtherNodes) {
+  startDaemons();
+  if (HasFatalFailure()) return;
+  Result kill = cluster({"kill", "2", "tolkvaskd"});
+  ASSERT_EQ(0, kill.status) << describe(kill);
+  for (int n : {1, 3}) {
+    for (const char* group : {"sxnMembership", "sxn1Membership", "sxnAllMembership", "tolkvask_cfg"}) {
+      EXPECT_TRUE(waitUntil([&] { return cookedNodes(n, group) == std::vector<int>({1, 3}); }, kAgentMs))
+          << "node " << n << " " << group << ": " << join(providers(n, group));
+    }
+  }
+  // Started again, it joins them all again.
+  Result start = cluster({"start", "2", "tolkvaskd"});
+  ASSERT_EQ(0, start.status) << describe(start);
+  for (int n : {1, 3}) {
+    for (const char* group : {"sxnMembership", "sxn1Membership", "sxnAllMembership", "tolkvask_cfg"}) {
+      EXPECT_TRUE(waitUntil([&] { return cookedNodes(n, group) == std::vector<int>({1, 2, 3}); }, kAgentMs))
+          << "node " << n << " " << group << ": " << join(providers(n, group));
+    }
+  }
+}
+
+TEST_F(ClusterDaemons, RefreshOnOneNodeCommitsItsNewConfigurationIdOnEveryNode) {
+  startDaemons();
+  if (HasFatalFailure()) return;
+  for (int n = 1; n <= kNodes; ++n) {
+    EXPECT_TRUE(waitUntil([n] { return committedId(n) == "16"; }, kAgentMs)) << "node " << n << ": " << committedId(n);
+  }
+  // Node 1's file changes (a new id, node 3 no longer in ml0); only node 1
+  // is refreshed.
+  ASSERT_TRUE(writeAggregateConfig(1, "+CFGID: 0x2a\n1 ml0 sxn0,sxn1\n2 ml0 sxn0,sxn1\n"));
+  Result refresh = inNode(1, {"srcctl", "-s", "tolkvaskd", "refresh"});
+  ASSERT_EQ(0, refresh.status) << describe(refresh);
+  for (int n = 1; n <= kNodes; ++n) {
+    EXPECT_TRUE(waitUntil([n] { return committedId(n) == "42"; }, kAgentMs)) << "node " << n << ": " << committedId(n);
+  }
+  // Node 1 runs what it read; the group's state value (12 bytes, the id
+  // first, in host order) is the new id on every node.
+  Result status = inNode(1, {"srcctl", "-s", "tolkvaskd", "request", "999"});
+  EXPECT_NE(std::string::npos, status.out.find(" ml0[sxn0] Nodes: 1-2\n")) << status.out;
+  for (int n = 1; n <= kNodes; ++n) {
+    std::string group = veltctlJson(n, {"members", "tolkvask_cfg"});
+    EXPECT_NE(std::string::npos, group.find("\"state_value_bytes\":12,\"state_value_hex\":\"2a000000"))
+        << "node " << n << ": " << group;
   }
 }
 
