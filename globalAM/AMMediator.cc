@@ -153,9 +153,16 @@ AMCookedProvider* AMMediator::appendMember(const char* repname) {
   std::lock_guard<std::mutex> hold(appendMu_);
   AMGlobalAdapterTable* table = AMController::pGAdapterCfgTbl;
   if (repname == nullptr || table == nullptr) return nullptr;
+  // The provider's instance number is the adapter's network for a switch
+  // adapter (sxn1 stands as instance 1), as in the raw group.
   int index = getNetworkFromSwitchInterfaceName(repname);
   if (index < 0) index = _idxFromInterfaceName(repname);
-  if (index < 0 || index >= MaxAdaptersOnNode) {
+  // The local scan files an interface under the index it first met it at,
+  // which is the network number only when sxn0 was met before sxn1: the
+  // row is looked up by that index, so that an adapter configured out of
+  // order still gets its own network's group.
+  const int row = _idxFromInterfaceName(repname);
+  if (index < 0 || index >= MaxAdaptersOnNode || row < 0 || row >= MaxAdaptersOnNode) {
     AM_TRACE(TRACE_ERROR) << "AMMediator::appendMember: adapter index " << index << " of " << repname
                           << " is out of range" << endl;
     return nullptr;
@@ -165,18 +172,17 @@ AMCookedProvider* AMMediator::appendMember(const char* repname) {
   uint64_t netnum64;
   {
     GSWriteGuard hold(*table);
-    AMAdapterItem* item = table->getOrNewAdapterItem(myNodeNumber, index);
+    AMAdapterItem* item = table->getOrNewAdapterItem(myNodeNumber, row);
     configured = item->isConfiged;
   }
   if (!configured) table->refreshLocalTable(0);
-  short instance;
+  const short instance = static_cast<short>(index);
   {
     GSReadGuard hold(*table);
-    AMAdapterItem* item = table->locateAdapterItem(myNodeNumber, index);
+    AMAdapterItem* item = table->locateAdapterItem(myNodeNumber, row);
     configured = item != nullptr && item->isConfiged;
     netnum = item ? item->networkid : -1;
     netnum64 = item ? item->networkId64 : 0;
-    instance = static_cast<short>(index);
   }
   const bool ib = isIBAdapter(repname) != 0;
   // An InfiniBand adapter's network number would come from its aggregator's

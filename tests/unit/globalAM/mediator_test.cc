@@ -259,6 +259,21 @@ TEST_F(AppendMember, AnAdapterOnASwitchNetworkWithoutAGroupNameGetsNoProvider) {
       << log();
 }
 
+TEST_F(AppendMember, InterfacesScannedOutOfOrderStillGetTheirOwnNetworksGroup) {
+  // sxn1 was configured first on this node, so the scan meets it first.
+  currentNumbersOfNetworks.store(0);
+  resetInterfaceIndexMapForTesting();
+  table_test::setLocalInterfaces({{"sxn1", "10.0.1.1"}, {"sxn0", "10.0.0.1"}});
+  AMCookedProvider* first = mediator_->appendMember("sxn0");
+  ASSERT_NE(nullptr, first);
+  EXPECT_EQ(0, first->getAttachedNetworkNum());
+  EXPECT_STREQ("sxnMembership", first->getCookedMembershipName());
+  AMCookedProvider* second = mediator_->appendMember("sxn1");
+  ASSERT_NE(nullptr, second);
+  EXPECT_EQ(1, second->getAttachedNetworkNum());
+  EXPECT_STREQ("sxn1Membership", second->getCookedMembershipName());
+}
+
 TEST_F(AppendMember, ProviderArraysGrowByFourSlots) {
   currentNumbersOfNetworks.store(8);
   const char* names[] = {"sxn0", "sxn1", "sxn2", "sxn3", "sxn4"};
