@@ -58,6 +58,68 @@ TEST_F(CookedJoin, TheHundredAndFirstInvalidGroupTraceOfAPeriodIsDropped) {
   EXPECT_EQ(1, AMCookedProvider::joinTracePrintCountForTesting());
 }
 
+// The period is 600 s from its first join: a refusal at exactly 600 s still
+// falls in the full period and is dropped; the next one after that opens a
+// new period and is traced again.
+TEST_F(CookedJoin, ThePeriodOfRefusedJoinTracesLastsExactly600Seconds) {
+  ASSERT_TRUE(connectToFakeAgent());
+  AMCookedProvider p(mediator_, "sxn1Membership", 1, 0, "sxn1", 1, 0);
+  for (int i = 0; i < 100; ++i) {
+    ASSERT_EQ(TK_GS_INVALID_GROUP, answered<tk_gs_rc_t>([&] { return p.joinGroup(); }, {TK_GS_INVALID_GROUP}));
+    advanceClocks(3);
+  }
+  // 300 s after the period opened, its 100 traces are used up.
+  ASSERT_EQ(100, countOf(log(), kInvalidTrace));
+  advanceClocks(300);
+  ASSERT_EQ(TK_GS_INVALID_GROUP, answered<tk_gs_rc_t>([&] { return p.joinGroup(); }, {TK_GS_INVALID_GROUP}));
+  EXPECT_EQ(100, countOf(log(), kInvalidTrace));
+  EXPECT_EQ(100, AMCookedProvider::joinTracePrintCountForTesting());
+  advanceClocks(3);   // 603 s: the period is over
+  ASSERT_EQ(TK_GS_INVALID_GROUP, answered<tk_gs_rc_t>([&] { return p.joinGroup(); }, {TK_GS_INVALID_GROUP}));
+  EXPECT_EQ(101, countOf(log(), kInvalidTrace));
+  EXPECT_EQ(1, AMCookedProvider::joinTracePrintCountForTesting());
+}
+
+class CookedBackLevelLeave : public MediatorFixture {};
+
+// A cluster with a back-level provider refuses goodbye. Only network 0 may
+// restart the daemon; sxn1Membership leaves by a one-phase protocol with
+// 300 s to complete, whatever else is joined.
+TEST_F(CookedBackLevelLeave, Sxn1LeavesByAOnePhaseProtocolOf300Seconds) {
+  ASSERT_TRUE(connectToFakeAgent());
+  AMCookedProvider p(mediator_, "sxn1Membership", 1, 0, "sxn1", 1, 0);
+  ASSERT_EQ(TK_GS_OK, answered<tk_gs_rc_t>([&] { return p.joinGroup(); }, {TK_GS_OK}));
+  ASSERT_TRUE(approveJoin(&p));
+  ASSERT_EQ(0, mediator_->getNumOfCookedProviders());   // nothing else of this mediator is joined
+  std::vector<velt::proto::Request> seen;
+  EXPECT_EQ(TK_GS_OK, answered<tk_gs_rc_t>([&] { return p.LeaveOrGoodbyeGroup(); },
+                                           {TK_GS_BACKLEVEL_PROVIDERS, TK_GS_OK}, &seen));
+  ASSERT_EQ(2u, seen.size());
+  ASSERT_TRUE(seen[0].has_goodbye());
+  EXPECT_EQ("sxn1Membership", seen[0].goodbye().group());
+  ASSERT_TRUE(seen[1].has_leave());
+  EXPECT_EQ("sxn1Membership", seen[1].leave().group());
+  EXPECT_EQ(static_cast<uint32_t>(TK_GS_1_PHASE), seen[1].leave().num_phases());
+  EXPECT_EQ(300u, seen[1].leave().time_limit());
+  // A restart would have ended this process through the stop code.
+  EXPECT_EQ(0, ctl_->AmIExiting());
+  EXPECT_EQ(std::string::npos, log().find("tolkvask will be restarted"));
+}
+
+TEST_F(CookedBackLevelLeave, GoodbyeNotSupportedAlsoFallsBackToTheLeaveProtocol) {
+  ASSERT_TRUE(connectToFakeAgent());
+  AMCookedProvider p(mediator_, "sxn1Membership", 1, 0, "sxn1", 1, 0);
+  ASSERT_EQ(TK_GS_OK, answered<tk_gs_rc_t>([&] { return p.joinGroup(); }, {TK_GS_OK}));
+  ASSERT_TRUE(approveJoin(&p));
+  std::vector<velt::proto::Request> seen;
+  EXPECT_EQ(TK_GS_OK, answered<tk_gs_rc_t>([&] { return p.LeaveOrGoodbyeGroup(); },
+                                           {TK_GS_NOT_SUPPORTED, TK_GS_OK}, &seen));
+  ASSERT_EQ(2u, seen.size());
+  ASSERT_TRUE(seen[1].has_leave());
+  EXPECT_EQ(static_cast<uint32_t>(TK_GS_1_PHASE), seen[1].leave().num_phases());
+  EXPECT_EQ(300u, seen[1].leave().time_limit());
+}
+
 TEST_F(CookedNetworkChange, WithAnInfiniBandMapANonAllProviderKeepsItsGroupName) {
   isIBenv.store(true);
   resetIBGroupNamesForTesting();

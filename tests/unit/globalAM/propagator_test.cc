@@ -18,6 +18,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -458,6 +459,44 @@ TEST_F(PropagatorProtocol, TenPeerNodeEventsWithinTheWindowCauseOneReharvest) {
   // it was harvested exactly once.
   ASSERT_TRUE(waitUntil([&] { return prop_->pendingSyncEvents() == 0 && prop_->waitersForTesting() == 1; }));
   EXPECT_EQ(before + 1, prop_->batchHarvestsForTesting());
+}
+
+// Ten events spread over 40 ms, each well inside the 50 ms window of the one
+// before: the window stays open until the last, and one harvest follows it.
+// A propagator that harvested as soon as an event came would harvest again
+// for each later one.
+TEST_F(PropagatorProtocol, TenPeerNodeEventsSpreadOverTheWindowAreHarvestedOnceAfterTheLast) {
+  startAndSettle();
+  joinPlain();
+  constexpr auto kSpacing = std::chrono::milliseconds(4);
+  // Only a gap this far below the window proves that the window was still
+  // open; a scheduler stall longer than that makes the round inconclusive.
+  constexpr auto kLargestGap = std::chrono::milliseconds(40);
+  bool conclusive = false;
+  for (int round = 0; round < 3 && !conclusive; ++round) {
+    ASSERT_TRUE(waitUntil([&] { return prop_->pendingSyncEvents() == 0 && prop_->waitersForTesting() == 1; }));
+    const int before = prop_->batchHarvestsForTesting();
+    auto last = std::chrono::steady_clock::now();
+    auto first = last;
+    auto largestGap = std::chrono::steady_clock::duration::zero();
+    int harvestedBeforeTheLast = 0;
+    for (int i = 0; i < 10; ++i) {
+      if (i > 0) std::this_thread::sleep_for(kSpacing);
+      auto now = std::chrono::steady_clock::now();
+      if (i > 0) largestGap = std::max(largestGap, now - last);
+      last = now;
+      if (i == 9) harvestedBeforeTheLast = prop_->batchHarvestsForTesting() - before;
+      prop_->postPeerNodeEventReady();
+    }
+    ASSERT_TRUE(waitUntil([&] { return prop_->batchHarvestsForTesting() > before; }));
+    ASSERT_TRUE(waitUntil([&] { return prop_->pendingSyncEvents() == 0 && prop_->waitersForTesting() == 1; }));
+    EXPECT_EQ(0, prop_->pendingPeerNodeEvents());
+    if (largestGap >= kLargestGap || last - first > std::chrono::milliseconds(50)) continue;
+    conclusive = true;
+    EXPECT_EQ(0, harvestedBeforeTheLast);
+    EXPECT_EQ(before + 1, prop_->batchHarvestsForTesting());
+  }
+  if (!conclusive) GTEST_SKIP() << "the posting thread stalled longer than the window in every round";
 }
 
 TEST_F(PropagatorProtocol, EventsAreDroppedByTypeAndTheRestKeptInOrder) {

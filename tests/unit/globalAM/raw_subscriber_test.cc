@@ -166,6 +166,42 @@ TEST_F(RawMembership, ALeaveKeepsTheLocalEntryDownAndALaterJoinOverwritesIt) {
   EXPECT_EQ(0, updates[1].providers[0].gs_provider_fields.gs_instance_number);  // network 0 of sxn0
 }
 
+TEST_F(RawMembership, AnUpLocalAdapterThatLeavesKeepsItsEntryDownAndRejoinsIntoTheSameEntry) {
+  AMController::has_NAM_LocalView_Adapters = 1;
+  defineLocal("sxn0", "10.0.0.1", 0);
+  defineLocal("sxn1", "10.0.1.1", 1);
+  knowAdapter("10.0.0.1", "sxn0", kMyNode);
+  knowAdapter("10.0.1.1", "sxn1", kMyNode);
+  IpList full{"10.0.0.1", "10.0.1.1"};
+  auto all = rawNotification(TK_GS_SUBSCRIPTION_MEMBERSHIP, full.get(), nullptr);
+  raw_->subscribeCb(&all);
+  ASSERT_EQ(2, mediator_->listOfAdapter.numberOfEntries());
+  ASSERT_STREQ("sxn1", mediator_->listOfAdapter.entry(1).interfacename.c_str());
+  EXPECT_EQ(1, mediator_->listOfAdapter.entry(1).isUp);
+
+  IpList changing{"10.0.1.1"};
+  auto leave = rawNotification(TK_GS_SUBSCRIPTION_DELTA_LEAVE, nullptr, changing.get());
+  raw_->subscribeCb(&leave);
+  ASSERT_EQ(2, mediator_->listOfAdapter.numberOfEntries());
+  AMAdapterState down = mediator_->listOfAdapter.entry(1);
+  EXPECT_STREQ("sxn1", down.interfacename.c_str());
+  EXPECT_EQ(0, down.isUp);
+  EXPECT_EQ(kMyNode, down.nodenumber);
+  char dotted[INET_ADDRSTRLEN];
+  ASSERT_NE(nullptr, inet_ntop(AF_INET, &down.ipaddr, dotted, sizeof dotted));
+  EXPECT_STREQ("10.0.1.1", dotted);
+  EXPECT_EQ(0, mediator_->listOfAdapter.count("sxn1"));
+  EXPECT_EQ(1, mediator_->listOfAdapter.isUp(kMyNode, "sxn0"));   // the other adapter is untouched
+
+  auto join = rawNotification(TK_GS_SUBSCRIPTION_DELTA_JOIN, nullptr, changing.get());
+  raw_->subscribeCb(&join);
+  ASSERT_EQ(2, mediator_->listOfAdapter.numberOfEntries());
+  EXPECT_STREQ("sxn1", mediator_->listOfAdapter.entry(1).interfacename.c_str());
+  EXPECT_EQ(1, mediator_->listOfAdapter.entry(1).isUp);
+  EXPECT_EQ(1, mediator_->listOfAdapter.count("sxn1"));
+  EXPECT_EQ(2, mediator_->getNumOfCookedProviders());
+}
+
 TEST_F(RawMembership, AnEmptyFullMembershipStillReachesTheTableAsUp) {
   IpList none{};
   auto full = rawNotification(TK_GS_SUBSCRIPTION_MEMBERSHIP, none.get(), nullptr);
