@@ -361,8 +361,10 @@ TEST_F(RunningDaemon, UnknownRequestIsAnsweredWithMessage15) {
   EXPECT_EQ("", r.out);
   EXPECT_EQ("tolkvaskd: Invalid request 4711.\n", r.err);
   EXPECT_TRUE(daemon_->running());
-  EXPECT_NE(std::string::npos, daemon_->log().find("OTHER Request From SRC, Request:[(4711)Invalid request] "
-                                                   "Parm1:[0] Parm2:[0] Parm3(len/val):[0/ ]"))
+  // The log writer thread writes the line a moment after the reply.
+  EXPECT_TRUE(daemon_->waitForLog("OTHER Request From SRC, Request:[(4711)Invalid request] "
+                                  "Parm1:[0] Parm2:[0] Parm3(len/val):[0/ ]",
+                                  10))
       << daemon_->log();
 }
 
