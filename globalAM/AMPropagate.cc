@@ -677,15 +677,29 @@ void AMPropagator::CommitProposedAggConfig() {
   AMCfgInfo groupId;
   std::string value;
   bool groupHasIt = false;
-  if (cfg_provider->getStateValue(&value) == TK_GS_OK) {
+  bool groupHasAnother = false;
+  if (cfg_provider->getStateValue(&value) == TK_GS_OK && value.size() >= 4) {
     tk_gs_state_value_t sv;
     sv.gs_length = static_cast<int>(value.size());
     sv.gs_state = const_cast<char*>(value.data());
     groupId.obtain_from_state_value(&sv);
-    groupHasIt = value.size() >= 4 && groupId.isSame(aggip_cfg_info);
+    AMCfgInfo erased;
+    groupHasIt = groupId.isSame(aggip_cfg_info);
+    groupHasAnother = !groupHasIt && !groupId.isSame(erased);
   }
-  if (!groupHasIt && !proposed_remotely.load() && cfg_provider->getClientState() == GS_IAM_JOINED)
+  if (groupHasAnother && !protocolsRolling()) {
+    // A daemon that starts in a running cluster takes up the cluster's
+    // configuration; a file left over from before must not take the other
+    // nodes back to it. The operator brings the file up to date and
+    // refreshes; until then this node says what it runs.
+    AM_TRACE(TRACE_WARNING) << kPrefix << " The aggregate configuration file has id " << aggip_cfg_info
+                            << ", the other nodes run id " << groupId
+                            << ": this node runs its own file and does not offer it to them; bring the file up to "
+                               "date and refresh"
+                            << endl;
+  } else if (!groupHasIt && !proposed_remotely.load() && cfg_provider->getClientState() == GS_IAM_JOINED) {
     cfg_provider->issueStateChange(aggip_cfg_info);
+  }
   if (!protocolsRolling()) {
     AM_TRACE(TRACE_FYI) << "Start to roll the protocols.." << endl;
     allowRolling();

@@ -991,4 +991,29 @@ TEST_F(ClusterDaemons, RefreshOnOneNodeCommitsItsNewConfigurationIdOnEveryNode) 
   }
 }
 
+TEST_F(ClusterDaemons, ADaemonRestartedWithAStaleFileDoesNotTakeTheOthersBack) {
+  startDaemons();
+  if (HasFatalFailure()) return;
+  ASSERT_EQ(0, cluster({"kill", "3", "tolkvaskd"}).status);
+  // While node 3's daemon is down, the others move on to 0x2a.
+  ASSERT_TRUE(writeAggregateConfig(1, "+CFGID: 0x2a\n1 ml0 sxn0,sxn1\n2 ml0 sxn0,sxn1\n"));
+  ASSERT_EQ(0, inNode(1, {"srcctl", "-s", "tolkvaskd", "refresh"}).status);
+  for (int n : {1, 2}) {
+    ASSERT_TRUE(waitUntil([n] { return committedId(n) == "42"; }, kAgentMs)) << "node " << n << ": " << committedId(n);
+  }
+  // Node 3 comes back with its old file: it runs that, and says so, but the
+  // others stay where they are.
+  ASSERT_EQ(0, cluster({"start", "3", "tolkvaskd"}).status);
+  ASSERT_TRUE(waitUntil([] { return committedId(3) == "16"; }, kAgentMs)) << committedId(3);
+  EXPECT_TRUE(waitUntil([] { return cookedNodes(1, "tolkvask_cfg") == std::vector<int>({1, 2, 3}); }, kAgentMs));
+  std::this_thread::sleep_for(milliseconds(2000));  // time for a proposal, were one made
+  for (int n : {1, 2}) EXPECT_EQ("42", committedId(n)) << "node " << n;
+  // Its file brought up to date and refreshed, node 3 runs 0x2a too.
+  ASSERT_TRUE(writeAggregateConfig(3, "+CFGID: 0x2a\n1 ml0 sxn0,sxn1\n2 ml0 sxn0,sxn1\n"));
+  ASSERT_EQ(0, inNode(3, {"srcctl", "-s", "tolkvaskd", "refresh"}).status);
+  for (int n = 1; n <= kNodes; ++n) {
+    EXPECT_TRUE(waitUntil([n] { return committedId(n) == "42"; }, kAgentMs)) << "node " << n << ": " << committedId(n);
+  }
+}
+
 }  // namespace

@@ -373,6 +373,35 @@ TEST_F(PropagatorProtocol, NewIdIsProposedVotedAndCommittedOnEveryMember) {
   EXPECT_TRUE(ml0.getMask(index)->test(2));
 }
 
+TEST_F(PropagatorProtocol, AStaleFileDoesNotTakeARunningGroupBackToItsId) {
+  // The other nodes run id 0x55; this daemon starts with a file of 0x10.
+  joinPlain();
+  ASSERT_EQ(TK_GS_OK, proposeValue(*plain_, stateValueOf(0x55, 1, 0)));
+  ASSERT_TRUE(waitUntil([&] { return plain_->count("approved", TK_GS_CHANGE_STATE_VALUE, 0x55) == 1; }));
+  ASSERT_EQ(0, prop_->start(nullptr));
+  started_ = true;
+  ASSERT_TRUE(waitUntil([&] { return ctl_->readyToRoll.get() != 0; })) << "the first configuration was never committed";
+  // It runs its own file and says so, but proposes nothing.
+  EXPECT_EQ(0x10u, prop_->aggip_current_cfg_info().getCfgId1());
+  EXPECT_TRUE(waitUntil([&] {
+    traceMarket->drainAllLogs();
+    return readAll(logFile_).find("The aggregate configuration file has id 16, the other nodes run id 85") !=
+           std::string::npos;
+  }));
+  EXPECT_EQ(1, plain_->count("nphase", TK_GS_CHANGE_STATE_VALUE, 0));
+  std::string value;
+  ASSERT_EQ(TK_GS_OK, prop_->cfgProvider()->getStateValue(&value));
+  ASSERT_EQ(12u, value.size());
+  EXPECT_EQ(stateValueOf(0x55, 1, 0), value);
+
+  // The file brought up to date and refreshed: the node takes the group's
+  // id without a proposal of its own.
+  writeFile(cfgPath_, "+CFGID: 0x55\n1 ml0 sxn0\n");
+  prop_->refreshRequested();
+  ASSERT_TRUE(waitUntil([&] { return prop_->aggip_current_cfg_info().getCfgId1() == 0x55u; }));
+  EXPECT_EQ(1, plain_->count("nphase", TK_GS_CHANGE_STATE_VALUE, 0));
+}
+
 TEST_F(PropagatorProtocol, UnchangedFileIsCommittedWithoutAProposal) {
   startAndSettle();
   joinPlain();
