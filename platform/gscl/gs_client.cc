@@ -444,7 +444,13 @@ void internal::ClientAccess::deliverToProvider(GSProvider* p, const proto::Notif
         break;
       case proto::Notification::ANNOUNCEMENT:
       case proto::Notification::MERGE:
-        if (dissolved) p->voteOwed_ = false;
+        if (dissolved) {
+          // The group starts again empty: nothing is owed to it, and its
+          // state value went with it.
+          p->voteOwed_ = false;
+          p->stateValue_.clear();
+          p->haveStateValue_ = false;
+        }
         break;
       default:
         break;

@@ -782,6 +782,30 @@ TEST_F(GSProviderNotifications, DissolutionMakesUsIdle) {
   EXPECT_EQ("announcement", p.seen().back().what);
 }
 
+TEST_F(GSProviderNotifications, DissolutionForgetsTheGroupsStateValue) {
+  ASSERT_TRUE(connect());
+  TestProvider p("merged", 1);
+  ASSERT_TRUE(join(p));
+  proto::Notification changed = notification(proto::Notification::APPROVED, "merged", 1);
+  changed.set_protocol_type(TK_GS_CHANGE_STATE_VALUE);
+  changed.set_proposal_changes(TK_GS_PROPOSED_STATE_VALUE);
+  changed.set_has_proposed_state_value(true);
+  changed.set_proposed_state_value("v1");
+  *changed.add_current() = providerId(1, kNode);
+  ASSERT_TRUE(agent_->notify(changed));
+  ASSERT_EQ(TK_GS_OK, controller_.dispatch(TK_GS_BLOCKING));
+  std::string value;
+  ASSERT_EQ(TK_GS_OK, p.getStateValue(&value));
+  EXPECT_EQ("v1", value);
+  // The group that partitions merge into starts empty: a value kept from
+  // the old one would tell the daemon the new group holds it.
+  proto::Notification dissolved = notification(proto::Notification::ANNOUNCEMENT, "merged", 1);
+  dissolved.set_summary_code(TK_GS_GROUP_DISSOLVED);
+  ASSERT_TRUE(agent_->notify(dissolved));
+  ASSERT_EQ(TK_GS_OK, controller_.dispatch(TK_GS_BLOCKING));
+  EXPECT_EQ(TK_GS_NOT_OK, p.getStateValue(&value));
+}
+
 TEST_F(GSProviderNotifications, GoodbyeMakesUsIdleAtOnceAndAnOlderApprovalCannotUndoIt) {
   ASSERT_TRUE(connect());
   TestProvider p("bye", 2);
