@@ -257,10 +257,17 @@ tk_gs_callback_rc_t AMCfgProvider::approvedCb(const tk_gs_approved_notification_
         AMCfgInfo id;
         id.copyFrom(propagator->aggip_proposed_cfg_info());
         if (p->gs_current_state_value != nullptr) id.obtain_from_state_value(p->gs_current_state_value);
+        const bool groupHasNoId = p->gs_current_state_value == nullptr || p->gs_current_state_value->gs_length < 4;
         if (!id.isSame(propagator->aggip_proposed_cfg_info())) {
           propagator->aggip_proposed_cfg_info().copyFrom(id);
           propagator->refreshRequested(id);
         } else if (!protocolsRolling()) {
+          propagator->refreshRequested(id);
+        } else if (groupHasNoId) {
+          // Back in a group that starts empty (it was dissolved when
+          // partitions merged): the file is read again and its id committed
+          // and offered, so that the group carries the id again and a
+          // daemon that joins later catches up with it.
           propagator->refreshRequested(id);
         }
       }
@@ -318,6 +325,13 @@ tk_gs_callback_rc_t AMCfgProvider::announcementCb(const tk_gs_announcement_notif
     AM_TRACE(TRACE_FYI) << "Group Services daemon died...exiting" << endl;
     propagator->groupServicesDied();
   }
+  if (n != nullptr && (n->gs_summary_code & TK_GS_GROUP_DISSOLVED) != 0) {
+    // Partitions merged and the group was dissolved: this node leads
+    // nothing now. The propagator's loop joins the new group, and the
+    // first member to get there leads it.
+    iAmGL = 0;
+  }
+  propagator->postSyncEvent(PEVT_NO_EVENT);
   return TK_GS_CALLBACK_OK;
 }
 

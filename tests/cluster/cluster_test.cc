@@ -1016,4 +1016,29 @@ TEST_F(ClusterDaemons, ADaemonRestartedWithAStaleFileDoesNotTakeTheOthersBack) {
   }
 }
 
+TEST_F(ClusterDaemons, AfterAPartitionMergesEveryGroupIsBackAndCarriesTheConfigurationId) {
+  startDaemons();
+  if (HasFatalFailure()) return;
+  ASSERT_EQ(0, cluster({"partition", "3"}, kHarnessMs).status);
+  EXPECT_TRUE(waitUntil([] { return cookedNodes(1, "tolkvask_cfg") == std::vector<int>({1, 2}); }, kViewMs))
+      << join(providers(1, "tolkvask_cfg"));
+  ASSERT_EQ(0, cluster({"merge", "3"}, kHarnessMs).status);
+  // The merge dissolves the groups that had members on both sides; every
+  // daemon joins them again, and the configuration group gets its id back.
+  for (int n = 1; n <= kNodes; ++n) {
+    for (const char* group : {"sxnMembership", "sxn1Membership", "tolkvask_cfg"}) {
+      EXPECT_TRUE(waitUntil([&] { return cookedNodes(n, group) == std::vector<int>({1, 2, 3}); }, kViewMs))
+          << "node " << n << " " << group << ": " << join(providers(n, group));
+    }
+    EXPECT_TRUE(waitUntil(
+        [n] {
+          return veltctlJson(n, {"members", "tolkvask_cfg"})
+                     .find("\"state_value_bytes\":12,\"state_value_hex\":\"10000000") != std::string::npos;
+        },
+        kAgentMs))
+        << "node " << n << ": " << veltctlJson(n, {"members", "tolkvask_cfg"});
+    EXPECT_EQ("16", committedId(n)) << "node " << n;
+  }
+}
+
 }  // namespace
