@@ -670,7 +670,11 @@ TEST_F(ClusterAgents, ProviderOnNode1IsSeenBySubscriberOnNode3) {
   ASSERT_FALSE(provider.waitLine({"rc initialize TK_GS_OK"}).empty()) << provider.transcript();
   provider.send("join");
   EXPECT_FALSE(watch.waitLine({"sub seenAcross", "full=7/1"}).empty()) << watch.transcript();
+  // The subscriber on node 3 may hear of the join before the provider's own
+  // approval reaches it; a leave asked for before that would be refused.
+  ASSERT_FALSE(provider.waitLine({"cb approved", "current=7/1"}).empty()) << provider.transcript();
   provider.send("leave");
+  EXPECT_FALSE(provider.waitLine({"rc leave TK_GS_OK"}).empty()) << provider.transcript();
   EXPECT_FALSE(watch.waitLine({"sub seenAcross", "DELTA_LEAVE", "changing=7/1"}).empty())
       << watch.transcript();
 }
