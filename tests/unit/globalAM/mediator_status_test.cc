@@ -10,6 +10,7 @@
 
 #include "AMPropagate.h"
 #include "mediator_test_support.h"
+#include "srcctl_support.h"
 #include "tk_gs_tolkvaskd_msg.h"
 
 using namespace mediator_test;
@@ -54,37 +55,7 @@ class MediatorStatus : public MediatorFixture {
   // Runs srcctl with args against this process's SRC socket, serving the
   // request on this thread as the main loop would; returns its output.
   std::string srcctl(const std::vector<std::string>& args) {
-    int out[2];
-    if (pipe(out) != 0) return "<no pipe>";
-    pid_t pid = fork();
-    if (pid == 0) {
-      dup2(out[1], 1);
-      dup2(out[1], 2);
-      std::vector<std::string> all = {SRCCTL_PATH, "-s", ctl_->subsystemName()};
-      all.insert(all.end(), args.begin(), args.end());
-      std::vector<char*> argv;
-      for (std::string& a : all) argv.push_back(&a[0]);
-      argv.push_back(nullptr);
-      execv(SRCCTL_PATH, argv.data());
-      _exit(127);
-    }
-    close(out[1]);
-    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    std::string text;
-    while (std::chrono::steady_clock::now() < until) {
-      ctl_->select_and_doSRCreq(0);
-      struct pollfd p = {out[0], POLLIN, 0};
-      if (poll(&p, 1, 20) == 1) {
-        char buf[4096];
-        ssize_t n = read(out[0], buf, sizeof buf);
-        if (n <= 0) break;
-        text.append(buf, static_cast<size_t>(n));
-      }
-    }
-    close(out[0]);
-    int status;
-    waitpid(pid, &status, 0);
-    return text;
+    return srcctl_test::srcctlServed(ctl_, args, std::chrono::seconds(5));
   }
 
   StatusPropagator* propagator_ = nullptr;

@@ -33,6 +33,7 @@
 #include "AMController.h"
 #include "AMPropagate.h"
 #include "TraceStream.h"
+#include "srcctl_support.h"
 #include "sw_adapter_info.h"
 #include "tk_gs_tolkvaskd_msg.h"
 
@@ -287,38 +288,7 @@ class PropagatorProtocol : public ::testing::Test {
   // Runs srcctl with args against this process's SRC socket, serving the
   // request on this thread as the main loop would; returns its output.
   std::string srcctl(const std::vector<std::string>& args) {
-    int out[2];
-    if (pipe(out) != 0) return "<no pipe>";
-    pid_t pid = fork();
-    if (pid == 0) {
-      dup2(out[1], 1);
-      dup2(out[1], 2);
-      std::vector<std::string> all = {SRCCTL_PATH, "-s", ctl_->subsystemName()};
-      all.insert(all.end(), args.begin(), args.end());
-      std::vector<char*> argv;
-      for (std::string& a : all) argv.push_back(&a[0]);
-      argv.push_back(nullptr);
-      execv(SRCCTL_PATH, argv.data());
-      _exit(127);
-    }
-    close(out[1]);
-    // One request, served within the bound.
-    auto until = std::chrono::steady_clock::now() + kBound;
-    std::string text;
-    while (std::chrono::steady_clock::now() < until) {
-      ctl_->select_and_doSRCreq(0);
-      struct pollfd p = {out[0], POLLIN, 0};
-      if (poll(&p, 1, 20) == 1) {
-        char buf[4096];
-        ssize_t n = read(out[0], buf, sizeof buf);
-        if (n <= 0) break;
-        text.append(buf, static_cast<size_t>(n));
-      }
-    }
-    close(out[0]);
-    int status;
-    waitpid(pid, &status, 0);
-    return text;
+    return srcctl_test::srcctlServed(ctl_, args, kBound);
   }
 
   void joinPlain() {
