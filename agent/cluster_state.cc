@@ -189,21 +189,12 @@ ClusterState::~ClusterState() = default;
 
 int ClusterState::validate(const proto::Request& r, uint32_t node, const ReplicaLimits& limits,
                            std::string* why) {
-  switch (r.op_case()) {
-    case proto::Request::kJoin:
-    case proto::Request::kLeave:
-    case proto::Request::kGoodbye:
-    case proto::Request::kChangeStateValue:
-    case proto::Request::kSendMessage:
-    case proto::Request::kVote:
-    case proto::Request::kSetAttributes:
-    case proto::Request::kExpel:
-      break;
-    default:
-      *why =
-          "only provider requests go through the cluster (join, leave, goodbye, state value "
-          "changes, messages, votes, attributes, expel)";
-      return TK_GS_NOT_SUPPORTED;
+  // The provider requests are those with a request type of their own.
+  if (requestTypeOf(r) == 0) {
+    *why =
+        "only provider requests go through the cluster (join, leave, goodbye, state value "
+        "changes, messages, votes, attributes, expel)";
+    return TK_GS_NOT_SUPPORTED;
   }
   const std::string& group = groupOf(r);
   if (group.empty()) {
