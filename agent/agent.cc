@@ -12,16 +12,22 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <arpa/inet.h>
-
 #include <algorithm>
+#include <functional>
 
 #include <google/protobuf/stubs/logging.h>
 #include <systemd/sd-daemon.h>
 
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netinet/in.h>
+
 #include "corosync_bus.h"
 #include "gs_types.h"
+#include "interface_attributes.h"
+#include "kor_store.h"
 #include "loopback_bus.h"
+#include "node_identity.h"
 
 #ifndef SO_PEERGROUPS
 #define SO_PEERGROUPS 59
@@ -32,11 +38,6 @@ namespace agent {
 
 namespace {
 
-// The client library hands the time limit to its callback in 16 bits.
-constexpr uint32_t kMaxPingLimitSeconds = 65535;
-constexpr uint32_t kMaxPingIntervalSeconds = 0x7fffffff;
-
-constexpr size_t kMaxGroupNameBytes = ReplicaLimits().maxGroupNameBytes;
 constexpr int kListenBacklog = 128;
 constexpr int kAcceptsPerTurn = 64;
 // Refused connections that may wait at once for their client to read the
@@ -48,9 +49,6 @@ constexpr size_t kRefusalsLoggedPerSecond = 10;
 constexpr rlim_t kSpareDescriptors = 64;
 // After the process ran out of descriptors, accepting waits this long.
 constexpr auto kAcceptRetry = std::chrono::milliseconds(200);
-constexpr auto kGoneRetry = std::chrono::milliseconds(100);
-constexpr auto kTimeoutRetry = std::chrono::seconds(1);
-constexpr auto kReplicaRetry = std::chrono::milliseconds(100);
 // Largest supplementary group list read from a peer (the kernel's
 // NGROUPS_MAX).
 constexpr size_t kMaxPeerGroups = 65536;
@@ -84,55 +82,103 @@ std::string directoryOf(const std::string& path) {
   return path.substr(0, slash);
 }
 
-proto::AgentFrame replyFrame(uint64_t id, int rc, const std::string& text) {
-  proto::AgentFrame f;
-  f.set_version(proto::WIRE_VERSION_1);
-  proto::Reply* r = f.mutable_reply();
-  r->set_id(id);
-  r->set_rc(rc);
-  if (!text.empty()) r->set_text(text);
-  return f;
-}
+// One of the core's timers on the loop's steady clock. A wait that was
+// cancelled or replaced may already sit in the loop's queue: the
+// generation it was started in tells it apart, so it does nothing.
+class LoopTimer : public Timer {
+ public:
+  explicit LoopTimer(asio::io_context& io)
+      : timer_(io), generation_(std::make_shared<uint64_t>(0)) {}
+  ~LoopTimer() override { ++*generation_; }
 
-// Checks a client's responsiveness settings. Returns 0 or a return code
-// with *why.
-int checkResponsiveness(const proto::Responsiveness& r, std::string* why) {
-  switch (r.type()) {
-    case TK_GS_NO_RESPONSIVENESS:
-      return TK_GS_OK;
-    case TK_GS_PING_RESPONSIVENESS:
-      if (r.interval() < 1 || r.interval() > kMaxPingIntervalSeconds) {
-        *why = "ping responsiveness needs an interval of 1 to " +
-               std::to_string(kMaxPingIntervalSeconds) + " seconds, not " +
-               std::to_string(r.interval());
-        return TK_GS_BAD_PARAMETER;
-      }
-      if (r.response_time_limit() < 1 || r.response_time_limit() > kMaxPingLimitSeconds) {
-        *why = "ping responsiveness needs a response time limit of 1 to " +
-               std::to_string(kMaxPingLimitSeconds) + " seconds, not " +
-               std::to_string(r.response_time_limit());
-        return TK_GS_BAD_PARAMETER;
-      }
-      return TK_GS_OK;
-    case TK_GS_COUNTER_RESPONSIVENESS:
-      *why = "counter responsiveness is not supported by this agent; ask for ping responsiveness";
-      return TK_GS_NOT_SUPPORTED;
-    default:
-      *why = "unknown responsiveness type " + std::to_string(r.type());
-      return TK_GS_BAD_PARAMETER;
+  void start(std::chrono::milliseconds after, std::function<void()> fired) override {
+    uint64_t generation = ++*generation_;
+    timer_.expires_after(after);
+    // The handler holds its own copy of fired, so that fired may destroy
+    // this timer.
+    timer_.async_wait([current = generation_, generation, fired = std::move(fired)](
+                          const std::error_code& ec) {
+      if (ec || *current != generation) return;
+      fired();
+    });
   }
-}
+
+  void cancel() override {
+    ++*generation_;
+    timer_.cancel();
+  }
+
+ private:
+  asio::steady_timer timer_;
+  std::shared_ptr<uint64_t> generation_;
+};
+
+class LoopTimers : public TimerSource {
+ public:
+  explicit LoopTimers(asio::io_context& io) : io_(io) {}
+  std::unique_ptr<Timer> newTimer() override { return std::make_unique<LoopTimer>(io_); }
+
+ private:
+  asio::io_context& io_;
+};
+
+// The topology watch as the core sees it.
+class WatchedTopology : public NodeTopology {
+ public:
+  explicit WatchedTopology(TopologyWatch* watch) : watch_(watch) {}
+  bool ready() const override { return watch_->ready(); }
+  std::vector<proto::AdapterUpdate> updatesFrom(
+      const std::map<uint32_t, proto::AdapterImage>& known) const override {
+    return watch_->tracker().updatesFrom(known);
+  }
+  void setView(uint32_t self, const std::vector<uint32_t>& members) override {
+    watch_->setView(self, members);
+  }
+  // Every adapter's interface with the attributes sysfs gives it; the
+  // address's prefix length comes from the kernel's address list.
+  std::vector<proto::InterfaceResource> interfaces() const override {
+    std::map<std::pair<std::string, std::string>, unsigned> prefixes;
+    struct ifaddrs* list = nullptr;
+    if (getifaddrs(&list) == 0) {
+      for (struct ifaddrs* a = list; a != nullptr; a = a->ifa_next) {
+        if (a->ifa_addr == nullptr || a->ifa_netmask == nullptr || a->ifa_name == nullptr ||
+            a->ifa_addr->sa_family != AF_INET) {
+          continue;
+        }
+        const auto* ip = reinterpret_cast<const struct sockaddr_in*>(a->ifa_addr);
+        const auto* mask = reinterpret_cast<const struct sockaddr_in*>(a->ifa_netmask);
+        std::string bytes(reinterpret_cast<const char*>(&ip->sin_addr), 4);
+        prefixes[{a->ifa_name, bytes}] =
+            static_cast<unsigned>(__builtin_popcount(ntohl(mask->sin_addr.s_addr)));
+      }
+      freeifaddrs(list);
+    }
+    std::vector<proto::InterfaceResource> out;
+    for (const auto& e : watch_->tracker().adapters()) {
+      const proto::AdapterInfo& a = e.second.adapter();
+      auto p = prefixes.find({a.interface_name(), a.ip()});
+      proto::InterfaceResource r;
+      if (reader_.read(a.interface_name(), a.ip(), p != prefixes.end() ? p->second : 32, a.node(),
+                       &r) == 0) {
+        out.push_back(std::move(r));
+      }
+    }
+    return out;
+  }
+
+ private:
+  TopologyWatch* watch_;
+  InterfaceAttributeReader reader_;
+};
 
 }  // namespace
 
 Agent::Agent(AgentOptions options)
     : options_(std::move(options)),
       io_(1),
-      subscriptions_(options_.maxSubscriptionsPerClient, options_.maxSubscriptions),
+      timers_(std::make_unique<LoopTimers>(io_)),
       acceptRetry_(io_),
-      signals_(io_),
-      goneRetry_(io_),
-      replicaRetry_(io_) {
+      signals_(io_) {
   sessionLimits_.maxMessageBytes = options_.maxMessageBytes;
   sessionLimits_.maxUnsentBytes = options_.maxUnsentBytes;
   sessionLimits_.partialBytes = std::make_shared<size_t>(0);
@@ -143,6 +189,9 @@ Agent::~Agent() {
   // The bus's descriptor belongs to the bus: stop watching it without
   // closing it.
   if (busWatch_) busWatch_->release();
+  // The core goes first: it holds the bus, the topology, the timers and
+  // the sessions (as its clients).
+  core_.reset();
   // Sessions still referenced by handlers in the loop are dropped with it.
   sessions_.clear();
   refused_.clear();
@@ -186,8 +235,16 @@ int Agent::start() {
   if (prepareStateDir() != 0) return 1;
   raiseDescriptorLimit();
 
-  replica_ = std::make_unique<Replica>(bus_.get(), this, options_.agentVersion);
-  bus_->setHandler(replica_.get());
+  AgentCore::Settings settings;
+  settings.agentVersion = options_.agentVersion;
+  settings.maxMessageBytes = options_.maxMessageBytes;
+  settings.maxSubscriptionsPerClient = options_.maxSubscriptionsPerClient;
+  settings.maxSubscriptions = options_.maxSubscriptions;
+  core_ = std::make_unique<AgentCore>(
+      bus_.get(), timers_.get(), settings,
+      [this](const std::string& line) { log_.line("%s", line.c_str()); });
+  core_->setSyncedCallback([this] { notifyService(); });
+  if (startKor() != 0) return 1;
   if (startTopology() != 0) return 1;
 
   if (openSocket() != 0) return 1;
@@ -226,13 +283,13 @@ void Agent::notifyService() {
   std::string status;
   if (corosync_ != nullptr) {
     status = corosync_->linkText();
-    if (corosync_->link() == CorosyncBus::Link::kJoined && replica_ && !replica_->isSynced()) {
+    if (corosync_->link() == CorosyncBus::Link::kJoined && core_ && !core_->replica().isSynced()) {
       status += "; taking the cluster's state";
     }
   } else {
     status = "standalone, node " + std::to_string(bus_ ? bus_->selfNode() : options_.node);
   }
-  bool ready = !readyNotified_ && replica_ && replica_->isSynced();
+  bool ready = !readyNotified_ && core_ && core_->replica().isSynced();
   if (!ready && status == notifiedStatus_) return;
   notifiedStatus_ = status;
   std::string text = (ready ? "READY=1\n" : "") + std::string("STATUS=") + status;
@@ -394,6 +451,11 @@ void Agent::stop(int exitStatus, const std::string& why) {
     listener_->close(ignored);
   }
   removeSocket();
+  if (core_) {
+    core_->stop();
+    // What KOR holds now is what the next start offers the cluster.
+    saveKor(core_->replica().kor().image());
+  }
   for (auto& entry : sessions_) entry.second->close("the agent is stopping");
   for (auto& entry : refused_) entry.second->close("the agent is stopping");
   io_.stop();
@@ -418,7 +480,7 @@ void Agent::dispatchBus() {
     stop(1, "the bus failed: " + errnoText(rc));
     return;
   }
-  flushReplica();
+  core_->busDispatched();
   // The descriptor is watched edge-triggered: whatever dispatch() left to
   // read is taken on the next turn of the loop rather than waited for.
   struct pollfd p;
@@ -483,27 +545,25 @@ void Agent::acceptClients() {
 
     uint64_t id = nextClient_++;
     proto::AgentFrame refusal;
-    refusal.set_version(proto::WIRE_VERSION_1);
-    proto::HelloReply* hr = refusal.mutable_hello_reply();
-    hr->set_node(bus_->selfNode());
-    hr->set_agent_version(options_.agentVersion);
-    hr->set_active_version(activeVersion());
     std::string why;
     if (!mayConnect(fd, peer)) {
-      hr->set_rc(TK_GS_PERMISSION_DENIED);
-      hr->set_text("uid " + std::to_string(peer.uid) +
-                   " may not use this agent: it serves root, its own user (uid " +
-                   std::to_string(geteuid()) + ") and the users and groups it was told to allow");
+      refusal = core_->helloReply(
+          TK_GS_PERMISSION_DENIED,
+          "uid " + std::to_string(peer.uid) +
+              " may not use this agent: it serves root, its own user (uid " +
+              std::to_string(geteuid()) + ") and the users and groups it was told to allow");
       why = "refused: uid " + std::to_string(peer.uid) + " is not allowed";
     } else if (sessions_.size() >= options_.maxClients) {
-      hr->set_rc(TK_GS_LIMIT_EXCEEDED);
-      hr->set_text("the agent already serves " + std::to_string(options_.maxClients) +
-                   " client connections, the most it takes");
+      refusal = core_->helloReply(TK_GS_LIMIT_EXCEEDED,
+                                  "the agent already serves " +
+                                      std::to_string(options_.maxClients) +
+                                      " client connections, the most it takes");
       why = "refused: the connection limit is reached";
     }
     if (why.empty()) {
       auto session = std::make_shared<ClientSession>(io_, fd, id, peer, sessionLimits_, this);
       sessions_[id] = session;
+      core_->clientConnected(session.get());
       session->start();
       continue;
     }
@@ -557,229 +617,14 @@ bool Agent::mayConnect(int fd, const ClientSession::Peer& peer) const {
 
 // ----------------------------------------------------------- the clients
 
-std::string Agent::describeClient(const ClientSession& session) const {
-  const ClientSession::Peer& p = session.peer();
-  std::string text = "client " + std::to_string(session.id()) + " (pid " +
-                     std::to_string(p.pid) + ", uid " + std::to_string(p.uid);
-  if (!session.program().empty()) text += ", " + printable(session.program(), 64);
-  return text + ")";
-}
-
-uint32_t Agent::activeVersion() const {
-  uint32_t v = replica_ ? replica_->activeVersion() : 0;
-  // Before the replica has heard from any agent it knows only itself.
-  return v != 0 ? v : options_.agentVersion;
-}
-
-proto::AgentFrame Agent::domainControl(uint32_t version) const {
-  proto::AgentFrame f;
-  f.set_version(proto::WIRE_VERSION_1);
-  f.mutable_domain_control()->set_event(TK_GS_DOMAIN_VERSION);
-  f.mutable_domain_control()->set_active_version(version);
-  return f;
-}
-
 void Agent::onHello(ClientSession& session, const proto::Hello& hello) {
   VELT_CHECK_OWNER_THREAD(ownerThread_);
-  session.setProgram(hello.program());
-  proto::AgentFrame f;
-  f.set_version(proto::WIRE_VERSION_1);
-  proto::HelloReply* hr = f.mutable_hello_reply();
-  hr->set_node(bus_->selfNode());
-  hr->set_agent_version(options_.agentVersion);
-  hr->set_active_version(activeVersion());
-  std::string why;
-  int rc = checkResponsiveness(hello.responsiveness(), &why);
-  if (rc != TK_GS_OK) {
-    hr->set_rc(rc);
-    hr->set_text(why);
-    session.refuse(f, "refused: " + why);
-    return;
-  }
-  const proto::Responsiveness& r = hello.responsiveness();
-  if (r.type() == TK_GS_PING_RESPONSIVENESS) {
-    session.setResponsiveness(r.interval(), r.response_time_limit());
-  }
-  hr->set_rc(TK_GS_OK);
-  session.accept(f);
-  session.send(domainControl(activeVersion()));
-  if (session.closed()) return;
-  if (r.type() == TK_GS_PING_RESPONSIVENESS) {
-    log_.line("%s connected; pings every %u s, to be answered within %u s",
-              describeClient(session).c_str(), r.interval(), r.response_time_limit());
-  } else {
-    log_.line("%s connected", describeClient(session).c_str());
-  }
-}
-
-void Agent::reply(ClientSession& session, uint64_t id, int rc, const std::string& text) {
-  session.send(replyFrame(id, rc, text));
+  core_->hello(session, hello);
 }
 
 void Agent::onRequest(ClientSession& session, const proto::Request& request) {
   VELT_CHECK_OWNER_THREAD(ownerThread_);
-  switch (request.op_case()) {
-    case proto::Request::kJoin:
-    case proto::Request::kLeave:
-    case proto::Request::kGoodbye:
-    case proto::Request::kChangeStateValue:
-    case proto::Request::kSendMessage:
-    case proto::Request::kVote:
-    case proto::Request::kSetAttributes:
-    case proto::Request::kExpel:
-      submitToReplica(session, request);
-      return;
-    case proto::Request::kSubscribe:
-      subscribe(session, request);
-      return;
-    case proto::Request::kUnsubscribe:
-      unsubscribe(session, request);
-      return;
-    case proto::Request::kQuery:
-      answerQuery(session, request);
-      return;
-    case proto::Request::kChangeResponsiveness:
-      changeResponsiveness(session, request);
-      return;
-    case proto::Request::OP_NOT_SET:
-      break;
-  }
-  reply(session, request.id(), TK_GS_BAD_PARAMETER, "a request without an operation");
-}
-
-void Agent::flushReplica() {
-  if (replicaRetryArmed_ || replica_->flushPending() == 0) return;
-  // The bus refused something the replica still has to send (flow
-  // control); a quiet cluster would not make it try again, so we do.
-  replicaRetryArmed_ = true;
-  replicaRetry_.expires_after(kReplicaRetry);
-  replicaRetry_.async_wait([this](const std::error_code& ec) {
-    replicaRetryArmed_ = false;
-    if (ec || stopping_) return;
-    flushReplica();
-  });
-}
-
-void Agent::submitToReplica(ClientSession& session, const proto::Request& request) {
-  int rc = replica_->submit(session.id(), request);
-  flushReplica();
-  if (rc != 0) {
-    // The replica answers what it refuses itself; a bus that does not take
-    // the request leaves the answer to us.
-    reply(session, request.id(), TK_GS_NOT_OK,
-          "the cluster's bus did not take the request (" + errnoText(rc) + "); try again");
-  }
-}
-
-void Agent::subscribe(ClientSession& session, const proto::Request& request) {
-  const proto::Subscribe& s = request.subscribe();
-  LocalSubscriptions::GroupNow now;
-  bool exists = s.group().size() <= kMaxGroupNameBytes && replica_->groupExists(s.group());
-  if (exists) {
-    now.members = replica_->members(s.group());
-    now.attributes = replica_->attributes(s.group());
-    if (s.group() == kRawAdapterGroup) now.adapters = replica_->liveAdapters();
-  }
-  std::vector<LocalSubscriptions::Outgoing> out;
-  std::string why;
-  int rc = subscriptions_.subscribe(session.id(), request.id(), s, exists ? &now : nullptr, &out,
-                                    &why);
-  reply(session, request.id(), rc, why);
-  sendSubscriptionNotes(out);
-}
-
-void Agent::unsubscribe(ClientSession& session, const proto::Request& request) {
-  std::string why;
-  int rc = subscriptions_.unsubscribe(session.id(), request.unsubscribe(), &why);
-  reply(session, request.id(), rc, why);
-}
-
-void Agent::changeResponsiveness(ClientSession& session, const proto::Request& request) {
-  const proto::Responsiveness& r = request.change_responsiveness().responsiveness();
-  std::string why;
-  int rc = checkResponsiveness(r, &why);
-  if (rc == TK_GS_OK) {
-    if (r.type() == TK_GS_PING_RESPONSIVENESS) {
-      session.setResponsiveness(r.interval(), r.response_time_limit());
-      log_.line("%s: pings every %u s now, to be answered within %u s",
-                describeClient(session).c_str(), r.interval(), r.response_time_limit());
-    } else {
-      session.setResponsiveness(0, 0);
-      log_.line("%s: no pings now", describeClient(session).c_str());
-    }
-  }
-  reply(session, request.id(), rc, why);
-}
-
-void Agent::answerQuery(ClientSession& session, const proto::Request& request) {
-  const proto::Query& q = request.query();
-  if (q.kind() != proto::Query::STATUS && q.kind() != proto::Query::GROUPS &&
-      q.kind() != proto::Query::MEMBERS) {
-    reply(session, request.id(), TK_GS_BAD_PARAMETER,
-          "unknown query kind " + std::to_string(static_cast<int>(q.kind())));
-    return;
-  }
-  if (q.kind() == proto::Query::MEMBERS && q.group().empty()) {
-    reply(session, request.id(), TK_GS_BAD_PARAMETER, "the query names no group");
-    return;
-  }
-  if (q.kind() == proto::Query::MEMBERS && q.group().size() > kMaxGroupNameBytes) {
-    reply(session, request.id(), TK_GS_LIMIT_EXCEEDED,
-          "the group name has " + std::to_string(q.group().size()) + " bytes, at most " +
-              std::to_string(kMaxGroupNameBytes) + " are allowed");
-    return;
-  }
-  proto::AgentFrame f = replyFrame(request.id(), TK_GS_OK, "");
-  proto::QueryAnswer* a = f.mutable_reply()->mutable_answer();
-  *a = replica_->describe();
-  a->set_node(bus_->selfNode());
-  a->set_agent_version(options_.agentVersion);
-  a->set_active_version(activeVersion());
-  auto* groups = a->mutable_groups();
-  if (q.kind() == proto::Query::MEMBERS) {
-    auto it = std::find_if(groups->begin(), groups->end(),
-                           [&](const proto::GroupSummary& g) { return g.name() == q.group(); });
-    if (it == groups->end() && q.group() == kRawAdapterGroup) {
-      // The raw group exists even while no adapter is alive.
-      groups->Add()->set_name(kRawAdapterGroup);
-      it = groups->end() - 1;
-    }
-    if (it == groups->end()) {
-      reply(session, request.id(), TK_GS_UNKNOWN_GROUP,
-            "there is no group \"" + printable(q.group(), kMaxGroupNameBytes) + "\"");
-      return;
-    }
-    proto::GroupSummary only = std::move(*it);
-    groups->Clear();
-    *groups->Add() = std::move(only);
-  }
-  for (proto::GroupSummary& g : *groups) {
-    g.set_subscribers_here(subscriptions_.countFor(g.name()));
-    // The overviews leave out what can be large; members shows it all.
-    if (q.kind() != proto::Query::MEMBERS) g.clear_state_value();
-    if (q.kind() == proto::Query::STATUS) g.clear_providers();
-    if (q.kind() != proto::Query::MEMBERS) g.clear_adapters();
-  }
-  size_t size = f.ByteSizeLong();
-  if (size > options_.maxMessageBytes) {
-    reply(session, request.id(), TK_GS_LIMIT_EXCEEDED,
-          "the answer would be " + std::to_string(size) + " bytes, more than the " +
-              std::to_string(options_.maxMessageBytes) +
-              " the socket carries; ask for one group's members");
-    return;
-  }
-  session.send(f);
-}
-
-void Agent::sendSubscriptionNotes(const std::vector<LocalSubscriptions::Outgoing>& out) {
-  for (const LocalSubscriptions::Outgoing& o : out) {
-    auto it = sessions_.find(o.client);
-    if (it == sessions_.end()) continue;
-    proto::AgentFrame f;
-    f.set_version(proto::WIRE_VERSION_1);
-    *f.mutable_notification() = o.notification;
-    it->second->send(f);
-  }
+  core_->request(session, request);
 }
 
 bool Agent::mayLogRefusal() {
@@ -808,83 +653,72 @@ void Agent::onClosed(ClientSession& session, const std::string& why, bool wasAcc
   if (!wasRefused || mayLogRefusal()) {
     log_.line("%s closed: %s", describeClient(session).c_str(), why.c_str());
   }
+  // A connection refused at accept never reached the core.
+  if (!wasRefused) core_->clientClosed(session, why, wasAccepted);
   sessions_.erase(id);
-  subscriptions_.dropClient(id);
-  // Only an accepted client can hold providers.
-  if (wasAccepted && !stopping_) tellGone(id, why);
-}
-
-void Agent::tellGone(uint64_t client, const std::string& why) {
-  flushReplica();
-  if (goneBacklog_.empty() && replica_->clientGone(client, why) == 0) return;
-  goneBacklog_.emplace_back(client, why);
-  if (goneBacklog_.size() == 1) retryGone();
-}
-
-void Agent::retryGone() {
-  goneRetry_.expires_after(kGoneRetry);
-  goneRetry_.async_wait([this](const std::error_code& ec) {
-    if (ec || stopping_) return;
-    while (!goneBacklog_.empty()) {
-      const auto& g = goneBacklog_.front();
-      if (replica_->clientGone(g.first, g.second) != 0) break;
-      goneBacklog_.pop_front();
-    }
-    if (!goneBacklog_.empty()) retryGone();
-  });
-}
-
-// ------------------------------------------------------------ the replica
-
-void Agent::toClient(uint64_t client, const proto::AgentFrame& frame) {
-  VELT_CHECK_OWNER_THREAD(ownerThread_);
-  auto it = sessions_.find(client);
-  if (it == sessions_.end()) return;   // gone meanwhile; its departure is on its way
-  if (frame.version() == proto::WIRE_VERSION_1) {
-    it->second->send(frame);
-    return;
-  }
-  proto::AgentFrame copy = frame;
-  copy.set_version(proto::WIRE_VERSION_1);
-  it->second->send(copy);
-}
-
-void Agent::groupChanged(const GroupChange& change) {
-  VELT_CHECK_OWNER_THREAD(ownerThread_);
-  std::vector<LocalSubscriptions::Outgoing> out;
-  subscriptions_.groupChanged(change, &out);
-  sendSubscriptionNotes(out);
-}
-
-void Agent::activeVersionChanged(uint32_t version) {
-  VELT_CHECK_OWNER_THREAD(ownerThread_);
-  log_.line("the cluster's active version is %s", formatVersion(version).c_str());
-  proto::AgentFrame f = domainControl(version);
-  for (auto& entry : sessions_) {
-    if (entry.second->accepted()) entry.second->send(f);
-  }
-}
-
-void Agent::synced() {
-  VELT_CHECK_OWNER_THREAD(ownerThread_);
-  const View& v = replica_->view();
-  std::string nodes;
-  for (uint32_t n : v.members) nodes += (nodes.empty() ? "" : " ") + std::to_string(n);
-  log_.line("in step with the cluster: view %llu, nodes %s",
-            static_cast<unsigned long long>(v.id), nodes.c_str());
-  notifyService();
-  // The cluster's idea of our adapters is what the merged state says now;
-  // the topology may know better (a fresh agent, a report lost with a
-  // restarted sync, links that count differently in the new view).
-  topology_->setView(replica_->selfNode(), v.members);
-  reportedAdapters_.clear();
-  for (const proto::AdapterImage& a : replica_->adaptersOf(replica_->selfNode())) {
-    reportedAdapters_[a.adapter().instance()] = a;
-  }
-  reportAdapters();
 }
 
 // ------------------------------------------------------------ the topology
+
+int Agent::startKor() {
+  uint64_t id = 0;
+  std::string why;
+  if (loadOrCreateNodeId(options_.stateDir, options_.nodeId, &id, &why) != 0) {
+    if (id == 0) {
+      fail("cannot have a stable node id: " + why);
+      return -1;
+    }
+    // The file's form ends in a newline; a log line takes the digits only.
+    log_.line("KOR: node id %s is used, but cannot be kept: %s",
+              formatNodeId(id).substr(0, 16).c_str(), why.c_str());
+  } else if (!why.empty()) {
+    log_.line("KOR: %s", why.c_str());
+  }
+  log_.line("KOR: this node's id is %s", formatNodeId(id).substr(0, 16).c_str());
+  core_->setNodeId(id);
+
+  proto::KorImage image;
+  why.clear();
+  switch (KorStore::load(options_.stateDir, &image, &why)) {
+    case KorStore::Load::kLoaded:
+      core_->seedKor(image);
+      log_.line("KOR: %d nodes and %d interfaces kept from the last run", image.nodes_size(),
+                image.interfaces_size());
+      break;
+    case KorStore::Load::kAbsent:
+      break;
+    case KorStore::Load::kSetAside:
+      log_.line("KOR: the kept resources were set aside and the cluster's are taken: %s",
+                why.c_str());
+      break;
+    case KorStore::Load::kUnreadable:
+      log_.line("KOR: the kept resources cannot be read, the cluster's are taken: %s",
+                why.c_str());
+      break;
+  }
+  core_->setKorSaver([this](const proto::KorImage& img) { saveKor(img); });
+
+  if (!options_.standalone) {
+    nodelist_ = std::make_unique<NodelistWatch>(
+        io_, [this](const std::string& line) { log_.line("%s", line.c_str()); },
+        [this](const std::vector<proto::NodeEntry>& nodes) {
+          if (!stopping_) core_->setNodeList(nodes);
+        });
+    nodelist_->start();
+  }
+  return 0;
+}
+
+void Agent::saveKor(const proto::KorImage& image) {
+  std::string why;
+  if (KorStore::save(options_.stateDir, image, &why) == 0) {
+    if (!korSaveTrouble_.empty()) log_.line("KOR: the resources are kept again");
+    korSaveTrouble_.clear();
+    return;
+  }
+  if (why != korSaveTrouble_) log_.line("KOR: cannot keep the resources: %s", why.c_str());
+  korSaveTrouble_ = why;
+}
 
 int Agent::startTopology() {
   TopologyWatch::Settings ts;
@@ -895,92 +729,19 @@ int Agent::startTopology() {
   ts.maxAdapters = ReplicaLimits().maxAdaptersPerNode;
   topology_ = std::make_unique<TopologyWatch>(
       io_, ts, [this](const std::string& line) { log_.line("%s", line.c_str()); },
-      [this] { reportAdapters(); });
+      [this] {
+        if (!stopping_) core_->topologyChanged();
+      });
   int rc = topology_->start();
   if (rc != 0) {
     fail("cannot watch this node's interfaces (rtnetlink): " + errnoText(rc));
     return -1;
   }
+  nodeTopology_ = std::make_unique<WatchedTopology>(topology_.get());
+  core_->setTopology(nodeTopology_.get());
   log_.line("reporting the adapters of %s%s", options_.interfaces.describe().c_str(),
             options_.standalone ? "" : ", with knet's link status");
   return 0;
-}
-
-void Agent::reportAdapters() {
-  VELT_CHECK_OWNER_THREAD(ownerThread_);
-  if (stopping_ || !topology_ || !topology_->ready() || !replica_->isSynced()) return;
-  if (adapterRetry_) return;   // the bus refused one; the retry sends the rest
-  for (const proto::AdapterUpdate& u : topology_->tracker().updatesFrom(reportedAdapters_)) {
-    int rc = replica_->reportAdapter(u);
-    if (rc != 0) {
-      // Flow control: the reports wait a little; they are taken from the
-      // topology afresh then, so nothing older is sent.
-      adapterRetry_ = std::make_unique<asio::steady_timer>(io_, kReplicaRetry);
-      adapterRetry_->async_wait([this](const std::error_code& ec) {
-        if (ec) return;
-        adapterRetry_.reset();
-        reportAdapters();
-      });
-      break;
-    }
-    const proto::AdapterInfo& a = u.adapter();
-    char ip[INET6_ADDRSTRLEN] = "?";
-    if (a.ip().size() == 4) inet_ntop(AF_INET, a.ip().data(), ip, sizeof ip);
-    log_.line("adapter %s (%s, index %u) %s", printable(a.interface_name(), 32).c_str(), ip,
-              a.instance(), u.removed() ? "is gone" : u.alive() ? "is alive" : "is dead");
-    if (u.removed()) {
-      reportedAdapters_.erase(a.instance());
-    } else {
-      proto::AdapterImage& img = reportedAdapters_[a.instance()];
-      *img.mutable_adapter() = a;
-      img.set_alive(u.alive());
-    }
-  }
-  flushReplica();
-}
-
-void Agent::deadlinesChanged(const std::vector<Deadline>& deadlines) {
-  VELT_CHECK_OWNER_THREAD(ownerThread_);
-  std::map<DeadlineKey, DeadlineTimer> next;
-  for (const Deadline& d : deadlines) {
-    DeadlineKey key(d.group, d.protocol, d.phase);
-    auto old = deadlines_.find(key);
-    if (old != deadlines_.end()) {
-      // Already running: its phase started when we first heard of it.
-      next[key] = std::move(old->second);
-      deadlines_.erase(old);
-      continue;
-    }
-    DeadlineTimer& entry = next[key];
-    entry.deadline = d;
-    entry.timer = std::make_unique<asio::steady_timer>(io_);
-    armDeadline(key, &entry, std::chrono::seconds(d.seconds));
-  }
-  // What is left here is no longer watched; its timers go with it.
-  deadlines_.swap(next);
-}
-
-void Agent::armDeadline(const DeadlineKey& key, DeadlineTimer* entry,
-                        std::chrono::seconds after) {
-  entry->generation = ++deadlineGeneration_;
-  entry->timer->expires_after(after);
-  uint64_t generation = entry->generation;
-  entry->timer->async_wait([this, key, generation](const std::error_code& ec) {
-    if (ec || stopping_) return;
-    fireDeadline(key, generation);
-  });
-}
-
-void Agent::fireDeadline(const DeadlineKey& key, uint64_t generation) {
-  auto it = deadlines_.find(key);
-  if (it == deadlines_.end() || it->second.generation != generation) return;
-  Deadline d = it->second.deadline;
-  int rc = replica_->fireTimeout(d);
-  flushReplica();
-  // The time-out travels the bus; until it comes back and the replica
-  // hands out new deadlines, a bus that did not take it is asked again.
-  it = deadlines_.find(key);
-  if (rc != 0 && it != deadlines_.end()) armDeadline(key, &it->second, kTimeoutRetry);
 }
 
 }  // namespace agent

@@ -1,9 +1,11 @@
-// Agent: the veltd process. It owns the event loop and everything the loop
-// serves: the bus to the other agents (LoopbackBus in standalone mode), the
-// replica of the cluster's state (the bus's handler; the agent is its
-// sink), the agent socket with its client sessions, the clients'
-// responsiveness pings, the protocol deadlines the replica hands out, the
-// subscriptions of this node's clients and the signals that stop it.
+// Agent: the veltd process, the thin layer around AgentCore. It owns the
+// event loop and what needs the system: the bus to the other agents
+// (CorosyncBus, or LoopbackBus in standalone mode), the agent socket with
+// its client sessions (accepting, peer credentials, a stale socket left by
+// a killed agent), the state directory, the watch of this node's
+// interfaces, the timers the core asks for, systemd's notifications and
+// the signals that stop it. What the clients, the replica and the topology
+// mean is the core's business: the agent hands it their events.
 // Nothing here runs on another thread: every piece is touched only from the
 // loop, so nothing needs a lock. Owned by the thread that calls run().
 #ifndef VELT_AGENT_AGENT_H_
@@ -12,21 +14,18 @@
 #include <stdint.h>
 #include <sys/types.h>
 
-#include <deque>
+#include <chrono>
 #include <map>
 #include <memory>
 #include <string>
-#include <tuple>
-#include <utility>
-#include <vector>
 
+#include "agent_core.h"
 #include "agent_log.h"
 #include "agent_options.h"
 #include "bus.h"
 #include "client_session.h"
-#include "local_subscriptions.h"
+#include "nodelist_watch.h"
 #include "owner_thread.h"
-#include "replica.h"
 #include "topology_watch.h"
 
 namespace velt {
@@ -34,7 +33,7 @@ namespace agent {
 
 class CorosyncBus;
 
-class Agent : public ReplicaSink, public ClientSession::Owner {
+class Agent : public ClientSession::Owner {
  public:
   explicit Agent(AgentOptions options);
   ~Agent() override;
@@ -47,26 +46,12 @@ class Agent : public ReplicaSink, public ClientSession::Owner {
   // do.
   int run();
 
-  // ReplicaSink.
-  void toClient(uint64_t client, const proto::AgentFrame& frame) override;
-  void groupChanged(const GroupChange& change) override;
-  void deadlinesChanged(const std::vector<Deadline>& deadlines) override;
-  void activeVersionChanged(uint32_t version) override;
-  void synced() override;
-
-  // ClientSession::Owner.
+  // ClientSession::Owner: handed to the core.
   void onHello(ClientSession& session, const proto::Hello& hello) override;
   void onRequest(ClientSession& session, const proto::Request& request) override;
   void onClosed(ClientSession& session, const std::string& why, bool wasAccepted) override;
 
  private:
-  using DeadlineKey = std::tuple<std::string, uint64_t, uint32_t>;
-  struct DeadlineTimer {
-    Deadline deadline;
-    uint64_t generation = 0;
-    std::unique_ptr<asio::steady_timer> timer;
-  };
-
   int start();
   // The transport the settings ask for; null with *exitStatus set when it
   // cannot be had.
@@ -85,31 +70,13 @@ class Agent : public ReplicaSink, public ClientSession::Owner {
   void waitAcceptable();
   void acceptClients();
   bool mayConnect(int fd, const ClientSession::Peer& peer) const;
-
-  // Lets the replica send what the bus refused earlier, and keeps trying
-  // on a timer while the bus refuses.
-  void flushReplica();
-  void submitToReplica(ClientSession& session, const proto::Request& request);
-  // Brings what the cluster holds of this node's adapters in line with the
-  // topology (after each change it reports, and after each sync).
-  void reportAdapters();
   int startTopology();
-  void answerQuery(ClientSession& session, const proto::Request& request);
-  void subscribe(ClientSession& session, const proto::Request& request);
-  void unsubscribe(ClientSession& session, const proto::Request& request);
-  void changeResponsiveness(ClientSession& session, const proto::Request& request);
-  void reply(ClientSession& session, uint64_t id, int rc, const std::string& text);
-  void sendSubscriptionNotes(const std::vector<LocalSubscriptions::Outgoing>& out);
+  // This node's stable id and the KOR resources kept from the last run
+  // (before the bus is joined), then corosync's nodelist.
+  int startKor();
+  void saveKor(const proto::KorImage& image);
 
   bool mayLogRefusal();
-  void tellGone(uint64_t client, const std::string& why);
-  void retryGone();
-  void armDeadline(const DeadlineKey& key, DeadlineTimer* entry, std::chrono::seconds after);
-  void fireDeadline(const DeadlineKey& key, uint64_t generation);
-
-  uint32_t activeVersion() const;
-  proto::AgentFrame domainControl(uint32_t version) const;
-  std::string describeClient(const ClientSession& session) const;
   void stop(int exitStatus, const std::string& why);
 
   OwnerThread ownerThread_;
@@ -118,16 +85,21 @@ class Agent : public ReplicaSink, public ClientSession::Owner {
   // sessions alive and are dropped, never run, when it is destroyed.
   asio::io_context io_;
   AgentLog log_;
+  // The core's timers, on the loop's steady clock.
+  std::unique_ptr<TimerSource> timers_;
   std::unique_ptr<Bus> bus_;
   // bus_ when it is the cluster's bus (for its link state), else null.
   CorosyncBus* corosync_ = nullptr;
-  std::unique_ptr<Replica> replica_;
-  LocalSubscriptions subscriptions_;
-  // This node's adapters; reportedAdapters_ is what the cluster holds of
-  // them (as of the last sync) plus what was sent since, by index.
+  // This node's interfaces, and the face the core sees of them.
   std::unique_ptr<TopologyWatch> topology_;
-  std::map<uint32_t, proto::AdapterImage> reportedAdapters_;
-  std::unique_ptr<asio::steady_timer> adapterRetry_;
+  std::unique_ptr<NodeTopology> nodeTopology_;
+  // Goes before everything it was handed.
+  std::unique_ptr<AgentCore> core_;
+  // Corosync's nodelist (cluster mode only).
+  std::unique_ptr<NodelistWatch> nodelist_;
+  // The last reason the KOR resources could not be written ("" when the
+  // last write worked), so that a lasting failure is logged once.
+  std::string korSaveTrouble_;
 
   // Watches the bus's descriptor (not ours to close: released at the end).
   std::unique_ptr<asio::posix::stream_descriptor> busWatch_;
@@ -136,8 +108,8 @@ class Agent : public ReplicaSink, public ClientSession::Owner {
   bool acceptPaused_ = false;
   asio::signal_set signals_;
 
-  // Accepted connections (the clients) and refused ones that wait for
-  // their client to read the refusal.
+  // Accepted connections (the clients, each also known to the core) and
+  // refused ones that wait for their client to read the refusal.
   std::map<uint64_t, std::shared_ptr<ClientSession>> sessions_;
   std::map<uint64_t, std::shared_ptr<ClientSession>> refused_;
   std::chrono::steady_clock::time_point refusalWindow_;
@@ -145,15 +117,6 @@ class Agent : public ReplicaSink, public ClientSession::Owner {
   size_t refusalsUnlogged_ = 0;
   uint64_t nextClient_ = 1;
   ClientSession::Limits sessionLimits_;
-
-  std::map<DeadlineKey, DeadlineTimer> deadlines_;
-  uint64_t deadlineGeneration_ = 0;
-
-  // Departures the bus could not take at once (flow control), in order.
-  std::deque<std::pair<uint64_t, std::string>> goneBacklog_;
-  asio::steady_timer goneRetry_;
-  asio::steady_timer replicaRetry_;
-  bool replicaRetryArmed_ = false;
 
   bool socketBound_ = false;
   dev_t socketDev_ = 0;

@@ -7,6 +7,7 @@
 #include <stdlib.h>
 #include <sys/un.h>
 
+#include "node_identity.h"
 #include "vx_cu.h"
 
 namespace velt {
@@ -27,6 +28,9 @@ const char kUsage[] =
     "  --allow-gid GID        also let this group connect (number or name; repeatable)\n"
     "  --claim-version V.R.M.F  claim this (older) software level, for tests\n"
     "  --node N               this node's number in standalone mode (1..65535, default 1)\n"
+    "  --node-id HEX          this node's stable 64-bit id as KOR publishes it (1 to 16 hex\n"
+    "                         digits, not 0); kept in the state directory. Without it the\n"
+    "                         id kept there is used, or a new random one made on first start\n"
     "  --interfaces LIST      the interfaces whose adapters are reported: names or shell\n"
     "                         patterns separated by commas (sxn0,sxn1 or sxn*,ib*), or none\n"
     "                         (default: every interface but loopback)\n"
@@ -115,6 +119,7 @@ ParseOutcome parseAgentOptions(int argc, char** argv, AgentOptions* options,
     kOptAllowGid,
     kOptClaimVersion,
     kOptNode,
+    kOptNodeId,
     kOptInterfaces,
     kOptLinkPoll,
   };
@@ -127,6 +132,7 @@ ParseOutcome parseAgentOptions(int argc, char** argv, AgentOptions* options,
       {"allow-gid", required_argument, nullptr, kOptAllowGid},
       {"claim-version", required_argument, nullptr, kOptClaimVersion},
       {"node", required_argument, nullptr, kOptNode},
+      {"node-id", required_argument, nullptr, kOptNodeId},
       {"interfaces", required_argument, nullptr, kOptInterfaces},
       {"link-poll-ms", required_argument, nullptr, kOptLinkPoll},
       {"help", no_argument, nullptr, 'h'},
@@ -204,6 +210,13 @@ ParseOutcome parseAgentOptions(int argc, char** argv, AgentOptions* options,
         o.node = static_cast<uint32_t>(v);
         break;
       }
+      case kOptNodeId:
+        if (parseNodeIdOption(optarg, &o.nodeId) != 0) {
+          *error = std::string("--node-id: \"") + optarg +
+                   "\" is not a node id (1 to 16 hexadecimal digits, not 0)";
+          return ParseOutcome::kUsageError;
+        }
+        break;
       case kOptInterfaces: {
         std::string why;
         if (!InterfaceFilter::parse(optarg, &o.interfaces, &why)) {

@@ -32,6 +32,7 @@ struct AgentOptions {
   std::vector<gid_t> allowGids;
   uint32_t agentVersion = kAgentVersion;
   uint32_t node = 1;                   // node number in standalone mode
+  uint64_t nodeId = 0;                 // --node-id: this node's stable id (0: kept or new)
   // Topology: the interfaces whose adapters the agent reports, and how
   // often knet's link status is read on a corosync cluster.
   InterfaceFilter interfaces;          // default: every (non-loopback) interface

@@ -4,7 +4,8 @@
 // the agent sends with a bound on the bytes a client has not read, and runs
 // the client's responsiveness pings. Whatever the client sends that is not
 // a well-formed frame closes this connection only. The agent decides what
-// a hello or a request means (Owner).
+// a hello or a request means (Owner); AgentCore sees the session as its
+// ClientPort.
 // Owned by the agent's event loop thread; the loop's handlers keep it alive
 // (shared_ptr) until the last of them has run.
 #ifndef VELT_AGENT_CLIENT_SESSION_H_
@@ -26,6 +27,7 @@
 #endif
 #include <asio.hpp>
 
+#include "client_port.h"
 #include "frame_io.h"
 #include "owner_thread.h"
 #include "velt.pb.h"
@@ -33,14 +35,8 @@
 namespace velt {
 namespace agent {
 
-class ClientSession : public std::enable_shared_from_this<ClientSession> {
+class ClientSession : public ClientPort, public std::enable_shared_from_this<ClientSession> {
  public:
-  // Who is on the other end, as the kernel says (SO_PEERCRED).
-  struct Peer {
-    pid_t pid = 0;
-    uid_t uid = 0;
-    gid_t gid = 0;
-  };
 
   struct Limits {
     size_t maxMessageBytes = wire::kDefaultMaxMessage;
@@ -75,7 +71,7 @@ class ClientSession : public std::enable_shared_from_this<ClientSession> {
   // Takes ownership of fd (a connected, non-blocking SOCK_SEQPACKET socket).
   ClientSession(asio::io_context& io, int fd, uint64_t id, const Peer& peer, const Limits& limits,
                 Owner* owner);
-  ~ClientSession();
+  ~ClientSession() override;
   ClientSession(const ClientSession&) = delete;
   ClientSession& operator=(const ClientSession&) = delete;
 
@@ -83,28 +79,28 @@ class ClientSession : public std::enable_shared_from_this<ClientSession> {
   void start();
 
   // Answers the hello with helloReply; requests are taken from now on.
-  void accept(const proto::AgentFrame& helloReply);
+  void accept(const proto::AgentFrame& helloReply) override;
   // Sends the frame (a hello reply with an error), then closes the
   // connection when the client has gone, or after the linger time.
-  void refuse(const proto::AgentFrame& frame, const std::string& why);
+  void refuse(const proto::AgentFrame& frame, const std::string& why) override;
   // Queues a frame. A client that lets more than maxUnsentBytes pile up is
   // cut off as gone.
-  void send(const proto::AgentFrame& frame);
+  void send(const proto::AgentFrame& frame) override;
   // Closes at once; frames not yet sent are dropped.
-  void close(const std::string& why);
+  void close(const std::string& why) override;
 
   // Starts or changes the responsiveness pings: one every intervalSeconds,
   // each to be answered within limitSeconds; an interval of 0 stops them.
-  void setResponsiveness(uint32_t intervalSeconds, uint32_t limitSeconds);
+  void setResponsiveness(uint32_t intervalSeconds, uint32_t limitSeconds) override;
 
-  uint64_t id() const { return id_; }
-  const Peer& peer() const { return peer_; }
-  bool accepted() const { return state_ == State::kAccepted; }
-  bool closed() const { return state_ == State::kClosed; }
+  uint64_t id() const override { return id_; }
+  const Peer& peer() const override { return peer_; }
+  bool accepted() const override { return state_ == State::kAccepted; }
+  bool closed() const override { return state_ == State::kClosed; }
   // The program name the client gave in its hello, cut short (it is only
   // for the log).
-  const std::string& program() const { return program_; }
-  void setProgram(const std::string& program) { program_ = program.substr(0, 256); }
+  const std::string& program() const override { return program_; }
+  void setProgram(const std::string& program) override { program_ = program.substr(0, 256); }
   size_t unsentBytes() const { return out_.queuedBytes(); }
 
  private:

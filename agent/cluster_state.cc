@@ -14,8 +14,6 @@ namespace agent {
 
 namespace {
 
-// Provider ids carry instance and node in 16 bits each.
-constexpr uint32_t kMaxProviderField = 0xffff;
 // A client's name travels with its providers in every snapshot.
 constexpr size_t kMaxClientNameBytes = 256;
 
@@ -179,7 +177,7 @@ struct ClusterState::Departure {
 
 ClusterState::ClusterState(uint32_t self, uint32_t selfVersion, const ReplicaLimits& limits,
                            ReplicaSink* sink)
-    : self_(self), limits_(limits), sink_(sink) {
+    : self_(self), limits_(limits), sink_(sink), adapters_(limits.maxAdaptersPerNode), kor_(this) {
   agents_[self].version = selfVersion;
 }
 
@@ -521,132 +519,55 @@ void ClusterState::applyTimeout(const proto::ProtocolTimeout& t) {
 
 void ClusterState::applyAnnounce(uint32_t origin, const proto::AgentAnnounce& announce) {
   auto it = agents_.find(origin);
-  if (it != agents_.end() && announce.agent_version() != 0) {
-    it->second.version = announce.agent_version();
-  }
+  if (it == agents_.end()) return;
+  if (announce.agent_version() != 0) it->second.version = announce.agent_version();
+  if (announce.node_id() != 0) kor_.applyNodeId(origin, announce.node_id());
+}
+
+// ------------------------------------------------------------------ KOR
+
+void ClusterState::applyNodeList(uint32_t origin, const proto::NodeListUpdate& update) {
+  if (agents_.count(origin) == 0) return;
+  kor_.applyNodeList(origin, update);
+}
+
+void ClusterState::applyInterfaceUpdate(uint32_t origin, const proto::InterfaceUpdate& update) {
+  if (agents_.count(origin) == 0) return;
+  kor_.applyInterfaceUpdate(origin, update);
+}
+
+bool ClusterState::seedKor(const proto::KorImage& image) {
+  kor_.setSink(nullptr);
+  size_t leftOut = kor_.adopt({&image});
+  kor_.setSink(this);
+  return leftOut == 0;
+}
+
+void ClusterState::korEvent(const KorChange& change) {
+  if (sink_ != nullptr) sink_->korChanged(change);
 }
 
 // ------------------------------------------------------------ topology
 
-bool ClusterState::validAdapter(const proto::AdapterInfo& a, uint32_t node) {
-  // The client library refuses a notification with fields it cannot hold,
-  // so nothing of that kind may enter the replicated state.
-  return a.node() == node && node <= kMaxProviderField && a.instance() <= kMaxProviderField &&
-         (a.ip().size() == 4 || a.ip().size() == 16) &&
-         a.interface_name().size() <= TK_GS_MAX_INTERFACE_NAME_LENGTH &&
-         a.network_name().size() <= TK_GS_MAX_NETWORK_NAME_LENGTH &&
-         a.network_type().size() <= TK_GS_MAX_NETWORK_TYPE_LENGTH;
-}
-
 void ClusterState::applyAdapterUpdate(uint32_t origin, const proto::AdapterUpdate& u) {
-  const proto::AdapterInfo& a = u.adapter();
-  if (agents_.count(origin) == 0 || a.node() != origin || a.instance() > kMaxProviderField) return;
-  Key k{a.instance(), origin};
-  // What subscribers knew, to tell them the difference (nobody to tell
-  // without a sink).
-  AdapterMap before;
-  if (sink_ != nullptr) before = adapters_;
-  if (u.removed()) {
-    if (adapters_.erase(k) == 0) return;
-  } else {
-    if (!validAdapter(a, origin)) return;
-    auto it = adapters_.find(k);
-    if (it == adapters_.end()) {
-      size_t mine = 0;
-      for (auto e = adapters_.lower_bound(Key{0, origin});
-           e != adapters_.end() && e->first.node == origin; ++e) {
-        ++mine;
-      }
-      if (mine >= limits_.maxAdaptersPerNode) return;
-      it = adapters_.emplace(k, Adapter()).first;
-    }
-    it->second.info = a;
-    it->second.alive = u.alive();
-  }
-  emitAdapterChanges(before);
+  if (agents_.count(origin) == 0) return;
+  // Nobody to tell without a sink.
+  std::vector<GroupChange> changes;
+  adapters_.apply(origin, u, sink_ != nullptr ? &changes : nullptr);
+  emitAdapterChanges(changes);
 }
 
-void ClusterState::emitAdapterChanges(const AdapterMap& before) {
+void ClusterState::emitAdapterChanges(const std::vector<GroupChange>& changes) {
   if (quietChanges_ || sink_ == nullptr) return;
-  auto live = [](const AdapterMap& m, const Key& k) -> const Adapter* {
-    auto it = m.find(k);
-    return it != m.end() && it->second.alive ? &it->second : nullptr;
-  };
-  // An adapter whose information changed while it stayed alive (a new
-  // address) leaves with the old and joins with the new, so that
-  // subscribers drop the old address.
-  std::vector<Key> left, stayed, joined, now;
-  for (const auto& e : before) {
-    const Adapter* after = live(adapters_, e.first);
-    if (!e.second.alive) continue;
-    if (after == nullptr ||
-        deterministicBytes(after->info) != deterministicBytes(e.second.info)) {
-      left.push_back(e.first);
-    } else {
-      stayed.push_back(e.first);
-    }
-  }
-  for (const auto& e : adapters_) {
-    if (!e.second.alive) continue;
-    now.push_back(e.first);
-    if (!contains(stayed, e.first)) joined.push_back(e.first);
-  }
-  auto fill = [](const AdapterMap& m, const std::vector<Key>& keys,
-                 std::vector<proto::ProviderId>* ids, std::vector<proto::AdapterInfo>* infos) {
-    for (const Key& k : keys) {
-      proto::ProviderId id;
-      id.set_instance(k.instance);
-      id.set_node(k.node);
-      ids->push_back(id);
-      infos->push_back(m.at(k).info);
-    }
-  };
-  if (!left.empty()) {
-    GroupChange c;
-    c.kind = GroupChange::LEFT;
-    c.group = kRawAdapterGroup;
-    c.attributes = rawGroupAttributes();
-    fill(before, left, &c.changing, &c.changingAdapters);
-    fill(before, stayed, &c.current, &c.currentAdapters);
-    sink_->groupChanged(c);
-  }
-  if (!joined.empty()) {
-    GroupChange c;
-    c.kind = GroupChange::JOINED;
-    c.group = kRawAdapterGroup;
-    c.attributes = rawGroupAttributes();
-    fill(adapters_, joined, &c.changing, &c.changingAdapters);
-    fill(adapters_, now, &c.current, &c.currentAdapters);
-    sink_->groupChanged(c);
-  }
-}
-
-proto::GroupAttributes ClusterState::rawGroupAttributes() {
-  proto::GroupAttributes a;
-  a.set_group_name(kRawAdapterGroup);
-  a.set_num_phases(TK_GS_1_PHASE);
-  a.set_default_vote(TK_GS_VOTE_APPROVE);
-  return a;
+  for (const GroupChange& c : changes) sink_->groupChanged(c);
 }
 
 std::vector<proto::AdapterImage> ClusterState::adaptersOf(uint32_t node) const {
-  std::vector<proto::AdapterImage> out;
-  for (auto e = adapters_.lower_bound(Key{0, node}); e != adapters_.end() && e->first.node == node;
-       ++e) {
-    proto::AdapterImage img;
-    *img.mutable_adapter() = e->second.info;
-    img.set_alive(e->second.alive);
-    out.push_back(std::move(img));
-  }
-  return out;
+  return adapters_.adaptersOf(node);
 }
 
 std::vector<proto::AdapterInfo> ClusterState::liveAdapters() const {
-  std::vector<proto::AdapterInfo> out;
-  for (const auto& e : adapters_) {
-    if (e.second.alive) out.push_back(e.second.info);
-  }
-  return out;
+  return adapters_.liveAdapters();
 }
 
 // ------------------------------------------------------------ protocols
@@ -1099,11 +1020,8 @@ proto::ClusterStateImage ClusterState::image() const {
     ai->set_applied_seq(a.second.appliedSeq);
   }
   img.set_next_protocol(nextProtocol_);
-  for (const auto& e : adapters_) {
-    proto::AdapterImage* ai = img.add_adapters();
-    *ai->mutable_adapter() = e.second.info;
-    ai->set_alive(e.second.alive);
-  }
+  adapters_.toImage(&img);
+  *img.mutable_kor() = kor_.image();
   return img;
 }
 
@@ -1125,7 +1043,7 @@ void ClusterState::adopt(const std::vector<proto::Snapshot>& snapshots) {
   // adapters: adapters belong to their node, so a merge never dissolves the
   // raw group; each node's adapters are those its own side last applied.
   std::map<uint32_t, Agent> agents;
-  AdapterMap adapters;
+  AdapterTable adapters(limits_.maxAdaptersPerNode);
   uint64_t nextProtocol = 1;
   for (size_t i : order) {
     const proto::ClusterStateImage& img = snapshots[i].state();
@@ -1135,25 +1053,15 @@ void ClusterState::adopt(const std::vector<proto::Snapshot>& snapshots) {
       agents[a.node()] = Agent{a.agent_version(), a.applied_seq()};
     }
   }
-  std::map<uint32_t, size_t> speaksFor;  // node -> the first snapshot covering it
+  // A node's adapters come from the first snapshot (in that order) that
+  // covers it.
+  std::set<uint32_t> taken;
   for (size_t i : order) {
-    for (uint32_t n : covers[i]) speaksFor.emplace(n, i);
-  }
-  std::map<uint32_t, size_t> perNode;
-  for (size_t i : order) {
-    for (const proto::AdapterImage& ai : snapshots[i].state().adapters()) {
-      uint32_t node = ai.adapter().node();
-      auto owner = speaksFor.find(node);
-      if (owner == speaksFor.end() || owner->second != i) continue;
-      if (!validAdapter(ai.adapter(), node) || perNode[node] >= limits_.maxAdaptersPerNode) {
-        continue;
-      }
-      if (!adapters.emplace(Key{ai.adapter().instance(), node}, Adapter{ai.adapter(), ai.alive()})
-               .second) {
-        continue;  // listed twice: the first counts
-      }
-      ++perNode[node];
+    std::set<uint32_t> mine;
+    for (uint32_t n : covers[i]) {
+      if (taken.insert(n).second) mine.insert(n);
     }
+    adapters.takeFromImage(snapshots[i].state(), mine);
   }
 
   // A group is carried by the snapshots that hold providers of it on their
@@ -1235,7 +1143,7 @@ void ClusterState::adopt(const std::vector<proto::Snapshot>& snapshots) {
     }
   }
 
-  AdapterMap adaptersBefore = std::move(adapters_);
+  AdapterTable adaptersBefore = std::move(adapters_);
   groups_ = std::move(merged);
   agents_ = std::move(agents);
   adapters_ = std::move(adapters);
@@ -1289,7 +1197,14 @@ void ClusterState::adopt(const std::vector<proto::Snapshot>& snapshots) {
     std::vector<Key> all = keysOf(e.second->providers);
     emitChange(GroupChange::JOINED, e.first, e.second->attributes, all, all);
   }
-  emitAdapterChanges(adaptersBefore);
+  emitAdapterChanges(adapters_.changesSince(adaptersBefore));
+
+  // KOR's resources outlive the nodes' presence: every snapshot brings what
+  // its side knew, down nodes included, and the merge keeps each node's
+  // newest interfaces. The clients' registrations hear the difference.
+  std::vector<const proto::KorImage*> korImages;
+  for (size_t i : order) korImages.push_back(&snapshots[i].state().kor());
+  kor_.adopt(korImages);
 }
 
 // ------------------------------------------------------------ effects
@@ -1511,16 +1426,7 @@ bool ClusterState::groupExists(const std::string& group) const {
 
 std::vector<proto::ProviderId> ClusterState::members(const std::string& group) const {
   std::vector<proto::ProviderId> out;
-  if (group == kRawAdapterGroup) {
-    for (const auto& e : adapters_) {
-      if (!e.second.alive) continue;
-      proto::ProviderId id;
-      id.set_instance(e.first.instance);
-      id.set_node(e.first.node);
-      out.push_back(id);
-    }
-    return out;
-  }
+  if (group == kRawAdapterGroup) return adapters_.liveMembers();
   const Group* g = find(group);
   if (g == nullptr) return out;
   for (const Provider& p : g->providers) {
@@ -1533,7 +1439,7 @@ std::vector<proto::ProviderId> ClusterState::members(const std::string& group) c
 }
 
 proto::GroupAttributes ClusterState::attributes(const std::string& group) const {
-  if (group == kRawAdapterGroup) return rawGroupAttributes();
+  if (group == kRawAdapterGroup) return AdapterTable::rawGroupAttributes();
   const Group* g = find(group);
   return g == nullptr ? proto::GroupAttributes() : g->attributes;
 }

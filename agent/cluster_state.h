@@ -20,6 +20,8 @@
 #include <string>
 #include <vector>
 
+#include "adapter_table.h"
+#include "kor_resources.h"
 #include "replica.h"
 #include "velt.pb.h"
 
@@ -29,7 +31,7 @@ namespace agent {
 // Agents of this level and later understand goodbye (packed V.R.M.F).
 constexpr uint32_t kGoodbyeLevel = 0x02040500;
 
-class ClusterState {
+class ClusterState : private KorSink {
  public:
   // self: this node; selfVersion: the level this agent claims. A fresh state
   // knows only this agent and no groups. sink may be null (no effects).
@@ -56,10 +58,19 @@ class ClusterState {
   void applyClientGone(uint32_t origin, const proto::ClientGone& gone);
   void applyTimeout(const proto::ProtocolTimeout& timeout);
   void applyAnnounce(uint32_t origin, const proto::AgentAnnounce& announce);
-  // An adapter of origin appeared, changed or disappeared. Reports about
-  // another node's adapters, and adapters a peer could not have sent
-  // (sizes out of range, more than the limit per node), are ignored.
+  // An adapter of origin appeared, changed or disappeared (the adapter
+  // table decides what it takes). Reports of agents the state does not
+  // know are ignored.
   void applyAdapterUpdate(uint32_t origin, const proto::AdapterUpdate& update);
+  // KOR: origin's nodelist and one of origin's interfaces (reports a peer
+  // could not have sent are ignored, see KorResources).
+  void applyNodeList(uint32_t origin, const proto::NodeListUpdate& update);
+  void applyInterfaceUpdate(uint32_t origin, const proto::InterfaceUpdate& update);
+  // The KOR resources kept from an earlier run, before any view: replaces
+  // the KOR part and tells nobody. An image that fails the bounds is left
+  // out (returns false).
+  bool seedKor(const proto::KorImage& image);
+  const KorResources& kor() const { return kor_; }
 
   // ---- state transfer
 
@@ -156,14 +167,6 @@ class ClusterState {
   };
 
   using GroupMap = std::map<std::string, std::unique_ptr<Group>>;
-  // One adapter of the topology; the live ones are the raw group's
-  // providers.
-  struct Adapter {
-    proto::AdapterInfo info;
-    bool alive = false;
-  };
-  // By node, then instance: the raw group's member order.
-  using AdapterMap = std::map<Key, Adapter>;
 
   // Requests.
   void join(uint32_t origin, uint64_t client, const proto::Request& r);
@@ -214,18 +217,20 @@ class ClusterState {
   std::vector<LocalPending> localPending(const Group& g) const;
   static void toImage(const Group& g, proto::GroupImage* out);
   static std::unique_ptr<Group> fromImage(const proto::GroupImage& in);
-  // Whether an adapter of node is one a peer could have sent.
-  static bool validAdapter(const proto::AdapterInfo& a, uint32_t node);
-  // Tells the raw group's subscribers how its members changed since before.
-  void emitAdapterChanges(const AdapterMap& before);
-  static proto::GroupAttributes rawGroupAttributes();
+  // Tells the raw group's subscribers what changed in the adapter table.
+  void emitAdapterChanges(const std::vector<GroupChange>& changes);
+
+  // KorSink: KOR's events go to the agent's sink.
+  void korEvent(const KorChange& change) override;
 
   uint32_t self_;
   ReplicaLimits limits_;
   ReplicaSink* sink_;
   GroupMap groups_;
   std::map<uint32_t, Agent> agents_;
-  AdapterMap adapters_;
+  // The topology's part of the state: the raw group's providers.
+  AdapterTable adapters_;
+  KorResources kor_;
   uint64_t nextProtocol_ = 1;
   uint64_t protocolEpoch_ = 0;
   // While a merge is adopted, subscribers hear one summary at the end.

@@ -111,6 +111,10 @@ struct Replica::Impl {
   std::deque<Incoming> incoming;
   bool draining = false;
 
+  // The KOR resources kept from the last run, for a state made anew.
+  bool hasKorSeed = false;
+  proto::KorImage korSeed;
+
   std::vector<Deadline> reportedDeadlines;
   uint64_t reportedEpoch = std::numeric_limits<uint64_t>::max();
   bool reportedLowest = false;
@@ -143,6 +147,7 @@ void Replica::Impl::handleView(const View& v) {
     if (bus->selfNode() != self) {
       self = bus->selfNode();
       state = std::make_unique<ClusterState>(self, version, limits, sink);
+      if (hasKorSeed) state->seedKor(korSeed);
     }
     claim = {self};
   } else if (synced) {
@@ -256,8 +261,17 @@ void Replica::Impl::apply(uint32_t from, const proto::BusMessage& m) {
       state->applyTimeout(m.protocol_timeout());
       return;
     case proto::BusMessage::kAgentAnnounce:
+      if (m.seq() != 0 && !state->acceptSequence(from, m.seq())) return;
       state->applyAnnounce(from, m.agent_announce());
-      return;
+      break;
+    case proto::BusMessage::kNodeListUpdate:
+      if (!state->acceptSequence(from, m.seq())) return;
+      state->applyNodeList(from, m.node_list_update());
+      break;
+    case proto::BusMessage::kInterfaceUpdate:
+      if (!state->acceptSequence(from, m.seq())) return;
+      state->applyInterfaceUpdate(from, m.interface_update());
+      break;
     default:
       return;   // a kind of message this version does not know
   }
@@ -404,6 +418,35 @@ int Replica::fireTimeout(const Deadline& deadline) {
   t->set_phase(deadline.phase);
   return impl_->bus->multicast(m.SerializeAsString());
 }
+
+int Replica::reportNodeList(const std::vector<proto::NodeEntry>& nodes) {
+  proto::BusMessage m;
+  proto::NodeListUpdate* u = m.mutable_node_list_update();
+  for (const proto::NodeEntry& e : nodes) *u->add_nodes() = e;
+  return impl_->sendOwn(&m);
+}
+
+int Replica::announceNodeId(uint64_t nodeId) {
+  proto::BusMessage m;
+  m.mutable_agent_announce()->set_agent_version(impl_->version);
+  m.mutable_agent_announce()->set_node_id(nodeId);
+  return impl_->sendOwn(&m);
+}
+
+int Replica::reportInterface(const proto::InterfaceUpdate& update) {
+  proto::BusMessage m;
+  *m.mutable_interface_update() = update;
+  m.mutable_interface_update()->mutable_resource()->set_node(impl_->self);
+  return impl_->sendOwn(&m);
+}
+
+void Replica::seedKor(const proto::KorImage& image) {
+  impl_->hasKorSeed = true;
+  impl_->korSeed = image;
+  impl_->state->seedKor(image);
+}
+
+const KorResources& Replica::kor() const { return impl_->state->kor(); }
 
 int Replica::flushPending() { return impl_->flushOutgoing(); }
 

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "bus.h"
+#include "kor_resources.h"
 #include "velt.pb.h"
 
 namespace velt {
@@ -70,6 +71,9 @@ class ReplicaSink {
   virtual void activeVersionChanged(uint32_t version) = 0;
   // The replica has adopted the cluster's state after a view change.
   virtual void synced() {}
+  // A KOR resource was defined, undefined or changed, in the order of the
+  // replicated stream.
+  virtual void korChanged(const KorChange& change) { (void)change; }
 };
 
 // Limits on what clients may make the cluster hold.
@@ -105,6 +109,15 @@ class Replica : public BusHandler {
   int reportAdapter(const proto::AdapterUpdate& update);
   // The agent's timer: a deadline handed out by deadlinesChanged passed.
   int fireTimeout(const Deadline& deadline);
+  // KOR facts of this node, applied in order like a request: corosync's
+  // nodelist as this node reads it, this node's stable id, one of this
+  // node's interfaces. Each returns 0 or an errno value of the bus.
+  int reportNodeList(const std::vector<proto::NodeEntry>& nodes);
+  int announceNodeId(uint64_t nodeId);
+  int reportInterface(const proto::InterfaceUpdate& update);
+  // The KOR resources this agent kept from its last run, taken before it
+  // joins: what it offers the cluster in its first snapshot. Tells nobody.
+  void seedKor(const proto::KorImage& image);
   // Sends what the bus refused earlier (EAGAIN): this node's snapshot, or
   // requests queued behind one it refused. Every call into the replica
   // tries too, but a quiet cluster makes none: while this returns non-zero
@@ -129,6 +142,8 @@ class Replica : public BusHandler {
   std::vector<proto::AdapterImage> adaptersOf(uint32_t node) const;
   // The raw adapter group's providers' adapters, in member order.
   std::vector<proto::AdapterInfo> liveAdapters() const;
+  // The KOR resources as the replicated state holds them.
+  const KorResources& kor() const;
 
  private:
   struct Impl;

@@ -29,12 +29,8 @@ class AMAggregator : public GSThread {
   virtual void set_configuration_has_changed(AMCfgInfo& info) = 0;
 };
 
-class AMCfgMonitor : public GSThread {
- public:
-  virtual void harvestGblNetworkInterfaces(int force) = 0;
-  // Harvests the peer nodes; -1 when the query failed.
-  virtual int harvestGblPeerNodes() { return 0; }
-};
+// The cluster configuration monitor (AMCfgMonitor.h).
+class AMCfgMonitor;
 
 class NAMServer : public GSThread {};
 

@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <time.h>
 
+#include "AMCfgMonitor.h"
 #include "AMUtils.h"
 #include "TraceStream.h"
 #include "ha_assert.h"
@@ -79,8 +80,10 @@ AMController::AMController() : GSController(kGsInterfaceWord), AMSRCDriver() {
 
   propagator = new AMPropagator();
 
-  // The configuration monitor and the client server are created here as
-  // each of them is built; until then their places stay empty.
+  // The configuration monitor; the start-up starts it in the cluster
+  // domain type only. The client server is created here once it is built;
+  // until then its place stays empty.
+  cfgMonitor = new AMCfgMonitor();
 
   AM_TRACE(TRACE_FYI) << "AMController is created, domainType=" << static_cast<long>(domainType)
                       << ", SW_HERDLET_NAM_LOCAL_VIEW = " << has_NAM_LocalView_Adapters << endl;
@@ -187,11 +190,10 @@ void AMController::wakeupPropagator(int) {
 
 // Without a configuration monitor there is nothing to harvest; the
 // harvest then counts as done.
-int AMController::harvestGblPeerNodes() { return cfgMonitor ? cfgMonitor->harvestGblPeerNodes() : 0; }
+int AMController::harvestGblPeerNodes() { return cfgMonitor ? cfgMonitor->harvestGblPeerNodes(1) : 0; }
 
 int AMController::harvestGblNetworkInterfaces() {
-  if (cfgMonitor) cfgMonitor->harvestGblNetworkInterfaces(1);
-  return 0;
+  return cfgMonitor ? cfgMonitor->harvestGblNetworkInterfaces(1) : 0;
 }
 
 void AMController::allowReadyToRoll() {

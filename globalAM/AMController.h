@@ -86,8 +86,8 @@ class AMController : public GSController, public AMSRCDriver {
   void stopAMCfgMonitor();
   void wakeupCfgMonitor(int unused);
   void wakeupPropagator(int unused);
-  // Harvests through the configuration monitor; 0 (nothing to do) while
-  // there is none, -1 when the harvest failed.
+  // Harvests through the configuration monitor (the number of changes,
+  // -1 when KOR failed); 0 (nothing to do) while there is none.
   int harvestGblPeerNodes();
   int harvestGblNetworkInterfaces();
   void allowReadyToRoll();

@@ -5,8 +5,12 @@
 #include <netinet/in.h>
 #include <string.h>
 
+#include <algorithm>
 #include <mutex>
+#include <unordered_map>
+#include <vector>
 
+#include "AMCfgMonitor.h"
 #include "AMController.h"
 #include "AMUtils.h"
 #include "TraceStream.h"
@@ -97,10 +101,17 @@ void wakePropagatorForDelayedDowns() {
   if (AMController::propagator) AMController::propagator->postDelayedDownEvent();
 }
 
-// Node-id map. nodemap_lock guards both: see the lock order in AMNetIf.h.
+// Node-id map. nodemap_lock guards all three: see the lock order in
+// AMNetIf.h. A non-zero id is held by one node at most (setNodeIdMap takes
+// it from any other first), so the map back from ids to nodes is exact;
+// it spares a walk over every node for each id a harvest resolves.
 std::mutex nodemap_lock;
 uint64_t* pNodeIdMaps = nullptr;  // GUARDED_BY(nodemap_lock)
 int num_NodeIds = 0;              // GUARDED_BY(nodemap_lock)
+std::unordered_map<uint64_t, int>& nodeOfId() {  // GUARDED_BY(nodemap_lock)
+  static auto* byId = new std::unordered_map<uint64_t, int>;
+  return *byId;
+}
 
 void undefineNodeAdapters(int node) {
   AMGlobalAdapterTable* table = AMController::pGAdapterCfgTbl;
@@ -498,6 +509,161 @@ int AMGlobalAdapterTable::checkRawDevices() {
   return 2;
 }
 
+// ------------------------------------------------------------ KOR harvests
+
+namespace {
+
+const char* kPeerNodeAttrs[] = {"NodeIDs", "NodeList"};
+
+// The attribute of a query entry with this name and type, or null.
+const mc_attribute_t* findAttr(const mc_query_rsp_t& entry, const char* name, vx_data_type_t type) {
+  for (uint32_t i = 0; entry.attrs != nullptr && i < entry.attr_count; ++i) {
+    const mc_attribute_t& a = entry.attrs[i];
+    if (a.name != nullptr && a.type == type && strcmp(a.name, name) == 0) return &a;
+  }
+  return nullptr;
+}
+
+// An array attribute that holds at least one element.
+bool hasElements(const mc_attribute_t* attr) {
+  return attr != nullptr && attr->value.array != nullptr && attr->value.array->count > 0;
+}
+
+}  // namespace
+
+int AMGlobalAdapterTable::harvestGblPeerNodes(int tracing) {
+  if (AMController::domainType != kCLUSTER) return 0;
+  TraceBlock tb(TraceLevel(TRACE_BLOCK), "harvestGblPeerNodes");
+  if (tracing) AMtracef(TRACE_FYI, "harvestGblPeers begins\n");
+
+  mc_sess_hndl_t session = 0;
+  if (mc_start_session(nullptr, MC_SESSION_OPTS_NONE, MC_SESSION_MODE_FULL, &session) != MC_OK) {
+    AMtracef(TRACE_FYI, "harvestGblPeers: mc_start_session fails (%s)\n", korErrorText().c_str());
+    return -1;
+  }
+  mc_query_rsp_t* nodes = nullptr;
+  uint32_t count = 0;
+  if (mc_query_p_select_bp(session, &nodes, &count, KOR_CLASS_PEER_NODE, nullptr, kPeerNodeAttrs, 2) != MC_OK) {
+    AMtracef(TRACE_FYI, "harvestGblPeers: mc_query_p_select_bp fails (%s)\n", korErrorText().c_str());
+    mc_end_session(session);
+    return -1;
+  }
+
+  int nchanges = 0;
+  std::vector<char> seen;
+  int highest = -1;
+  for (uint32_t i = 0; nodes != nullptr && i < count; ++i) {
+    const mc_query_rsp_t& entry = nodes[i];
+    if (entry.mc_errnum != MC_OK) continue;  // an empty entry: nothing to learn
+    const mc_attribute_t* ids = findAttr(entry, "NodeIDs", VX_UINT64_ARRAY);
+    const mc_attribute_t* list = findAttr(entry, "NodeList", VX_UINT32_ARRAY);
+    uint64_t nodeId = 0;
+    if (hasElements(ids) && ids->value.array->elements.uint64s) nodeId = ids->value.array->elements.uint64s[0];
+    int number = -1;
+    if (hasElements(list) && list->value.array->elements.uint32s) {
+      uint32_t reported = list->value.array->elements.uint32s[0];
+      if (reported <= static_cast<uint32_t>(INT32_MAX)) number = static_cast<int>(reported);
+    }
+    nchanges += setNodeIdMap(number, nodeId);
+    // The map refuses numbers above its limit; they are not counted as seen.
+    if (number >= 0 && number <= kMaxMappedNode && nodeId != 0) {
+      if (number >= static_cast<int>(seen.size())) seen.resize(number + 1, 0);
+      seen[number] = 1;
+      highest = std::max(highest, number);
+    }
+  }
+  // A node number KOR no longer reports has left the cluster.
+  for (int number = 0; number < highest; ++number) {
+    if (!seen[number]) nchanges += resetNodeIdMap(number);
+  }
+
+  mc_free_response(nodes);
+  mc_end_session(session);
+  if (tracing || nchanges > 0) AMtracef(TRACE_FYI, "harvestGblPeers finished with nchanges=%d\n", nchanges);
+  return nchanges;
+}
+
+int AMGlobalAdapterTable::harvestGblNetworkInterfaces(int tracing) {
+  if (AMController::domainType != kCLUSTER) {
+    GSWriteGuard hold(*this);
+    is_ever_harvested = 1;
+    return 0;
+  }
+  TraceBlock tb(TraceLevel(TRACE_BLOCK), "harvestGblNetworkInterfaces");
+  if (tracing) AMtracef(TRACE_FYI, "harvestGblNetworkInterfaces begins\n");
+
+  int nchanges = 0;
+  // Our own adapters first, when none of them is known yet.
+  if (checkRawDevices() == 2) nchanges += refreshLocalTable(0);
+
+  mc_sess_hndl_t session = 0;
+  if (mc_start_session(nullptr, MC_SESSION_OPTS_NONE, MC_SESSION_MODE_FULL, &session) != MC_OK) {
+    AMtracef(TRACE_FYI, "harvestGblNI: mc_start_session fails (%s)\n", korErrorText().c_str());
+    return -1;
+  }
+  mc_query_rsp_t* interfaces = nullptr;
+  uint32_t count = 0;
+  if (mc_query_p_select_bp(session, &interfaces, &count, KOR_CLASS_NETWORK_INTERFACE, nullptr,
+                           const_cast<const char**>(NI_RetResAttrs), kNINumRetResAttrs) != MC_OK) {
+    AMtracef(TRACE_FYI, "harvestGblNI: mc_query_p_select_bp fails (%s)\n", korErrorText().c_str());
+    mc_end_session(session);
+    return -1;
+  }
+
+  // Parsed before the table lock is taken: a node id not known yet makes
+  // the parser harvest the peer nodes, and the node-id map's lock comes
+  // before the table's.
+  std::vector<AMNetInterface> reported;
+  reported.reserve(count);
+  for (uint32_t i = 0; interfaces != nullptr && i < count; ++i) {
+    const mc_query_rsp_t& entry = interfaces[i];
+    if (entry.mc_errnum != MC_OK) continue;  // an empty entry: nothing to define
+    AMNetInterface item;
+    if (parseNetInterfaceAttrs(entry.attrs, entry.attr_count, item) == 0) reported.push_back(item);
+  }
+
+  {
+    GSWriteGuard hold(*this);
+    // Rows are looked at by their position 0..count-1 as keys.
+    const int rows = getAdapterItemCount();
+    std::vector<char> wasConfiged(rows, 0);
+    std::vector<char> isReported(rows, 0);
+    for (int i = 0; i < rows; ++i) {
+      AMAdapterItem* row = locateAdapterItemByIndex(i);
+      if (row == nullptr || !row->isConfiged) continue;
+      wasConfiged[i] = 1;
+      AMtracef(AM_TRACEF_DEBUG, "In harvestGblNetworkInterface(), i =%d set isConfiged \n", i);
+    }
+    for (const AMNetInterface& item : reported) {
+      const int ofs = offsetOfAdapterItem(item.nodeNumber, _idxFromInterfaceName(item.ifrName));
+      AMtracef(AM_TRACEF_DEBUG, "In harvestGblNetworkInterface(), Call setAdapterDefinedWithoutLock(), ofs=%d\n", ofs);
+      nchanges += setAdapterDefinedWithoutLock(item);
+      if (ofs >= 0 && ofs < rows) isReported[ofs] = 1;
+    }
+    for (int i = 0; i < rows; ++i) {
+      if (!wasConfiged[i] || isReported[i]) continue;
+      AMAdapterItem* row = locateAdapterItemByIndex(i);
+      if (row != nullptr) nchanges += setAdapterUndefinedWithoutLock(row->nodenumber, row->interfacename);
+    }
+  }
+  reflect_NAM_changes();
+  if (tracing || nchanges > 0) AMtracef(TRACE_FYI, "harvestGblNetworkInterfaces() leaving nchanges=%d\n", nchanges);
+
+  mc_free_response(interfaces);
+  mc_end_session(session);
+  {
+    GSWriteGuard hold(*this);
+    is_ever_harvested = 1;
+  }
+  AMController* ctl = amController();
+  if (ctl != nullptr) {
+    ctl->wakeupAllMediators(0);
+    ctl->wakeupAllAggregators(0);
+    ctl->wakeupPropagator(0);
+  }
+  return nchanges;
+}
+
 // ------------------------------------------------------------ delayed downs
 
 void AMGlobalAdapterTable::postDelalyedDownEventAt(struct timeval* t) {
@@ -569,6 +735,7 @@ int AMGlobalAdapterTable::processDelayedDownEvents() {
 void clearNodeIdMappings() {
   std::lock_guard<std::mutex> hold(nodemap_lock);
   for (int i = 0; i < num_NodeIds; ++i) pNodeIdMaps[i] = 0;
+  nodeOfId().clear();
 }
 
 int setNodeIdMap(int node, uint64_t nodeid) {
@@ -586,12 +753,14 @@ int setNodeIdMap(int node, uint64_t nodeid) {
   if (nodeid != 0) {
     // A node id that shows up under a new node number leaves its old one:
     // every adapter of the old number is undefined first.
-    for (int other = 0; other < num_NodeIds; ++other) {
-      if (other == node || pNodeIdMaps[other] != nodeid) continue;
+    auto held = nodeOfId().find(nodeid);
+    if (held != nodeOfId().end() && held->second != node) {
+      const int other = held->second;
       AMtracef(TRACE_FYI, "OPS UNDEF(1) PeerNode node=%d, nodeid=0x%llx\n", other,
                static_cast<unsigned long long>(nodeid));
       undefineNodeAdapters(other);
       pNodeIdMaps[other] = 0;
+      nodeOfId().erase(held);
       changed = 1;
     }
   }
@@ -606,7 +775,9 @@ int setNodeIdMap(int node, uint64_t nodeid) {
     } else {
       AMtracef(TRACE_FYI, "DEF PeerNode node=%d, nodeid=0x%llx\n", node, static_cast<unsigned long long>(nodeid));
     }
+    if (previous != 0) nodeOfId().erase(previous);
     pNodeIdMaps[node] = nodeid;
+    if (nodeid != 0) nodeOfId()[nodeid] = node;
   }
   return changed;
 }
@@ -616,10 +787,8 @@ int resetNodeIdMap(int node) { return setNodeIdMap(node, 0); }
 int getNodeNumFromNodeId(uint64_t nodeid) {
   if (nodeid == 0) return -1;
   std::lock_guard<std::mutex> hold(nodemap_lock);
-  for (int node = 0; node < num_NodeIds; ++node) {
-    if (pNodeIdMaps[node] == nodeid) return node;
-  }
-  return -1;
+  auto held = nodeOfId().find(nodeid);
+  return held == nodeOfId().end() ? -1 : held->second;
 }
 
 int nodeIdMapCapacityForTesting() {
@@ -632,4 +801,5 @@ void resetNodeIdMapForTesting() {
   delete[] pNodeIdMaps;
   pNodeIdMaps = nullptr;
   num_NodeIds = 0;
+  nodeOfId().clear();
 }

@@ -158,6 +158,17 @@ class AMGlobalAdapterTable : public GSLockableObject {
   // 0 when some adapter of this node is configured, 2 when none is.
   int checkRawDevices();
 
+  // KOR harvests (cluster domain type only), each through a private
+  // session of its own. harvestGblPeerNodes brings the node-id map in step
+  // with "Zel.PeerNode"; harvestGblNetworkInterfaces defines every
+  // interface of "Zel.NetworkInterface", undefines the rows it no longer
+  // reports, publishes, marks the table harvested and wakes the workers.
+  // Both return the number of changes, or -1 when KOR failed (the table is
+  // then left as it was). tracing asks for the begin and end lines. Take
+  // the table lock themselves: call them without it.
+  int harvestGblPeerNodes(int tracing);
+  int harvestGblNetworkInterfaces(int tracing);
+
   // Delayed downs: the propagator waits computeNextWaitTime's time-out and
   // then calls processDelayedDownEvents, which announces every down whose
   // delay has run out and returns how many are still held back.

@@ -520,6 +520,8 @@ bool AMPropagator::isCfgProviderActive() const {
   return cfg_provider != nullptr && cfg_provider->getClientState() != GS_IAM_IDLE;
 }
 
+int AMPropagator::isGL() const { return cfg_provider != nullptr ? cfg_provider->isGL() : 0; }
+
 void AMPropagator::statusLines(bool canonical) {
   AMController* ctl = amController();
   if (ctl == nullptr) return;

@@ -156,6 +156,9 @@ class AMPropagator : public GSThread {
   bool ObtainAggCfgFor(AMAggCfg& cfg, const char* name);
   // True while the configuration provider exists and is not idle.
   virtual bool isCfgProviderActive() const;
+  // This node leads the configuration group; the configuration monitor
+  // keeps its event session only then.
+  virtual int isGL() const;
   AMCfgProvider* cfgProvider() { return cfg_provider; }
   virtual void doLongStatus();
   virtual void doCanonicalLongStatus();

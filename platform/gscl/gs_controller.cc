@@ -3,15 +3,12 @@
 #include "gs_controller.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <poll.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <sys/time.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -25,6 +22,7 @@
 #include <thread>
 #include <vector>
 
+#include "agent_connect.h"
 #include "frame_io.h"
 #include "internal/gs_internal.h"
 #include "internal/gs_link.h"
@@ -199,6 +197,10 @@ bool validFrame(const proto::AgentFrame& f, std::string* why) {
       return false;
     case proto::AgentFrame::BODY_NOT_SET:
       *why = "frame without a body";
+      return false;
+    case proto::AgentFrame::kKorEvent:
+      // KOR events go to KOR sessions; this connection registered none.
+      *why = "a KOR event on a group services connection";
       return false;
     case proto::AgentFrame::kNotification:
       break;
@@ -675,73 +677,44 @@ tk_gs_rc_t GSController::initialize() {
     if (impl_->fd >= 0) return TK_GS_ALREADY_INITIALIZED;
   }
 
-  const char* env = getenv("VELT_AGENT_SOCKET");
-  const char* path = env != nullptr ? env : kDefaultAgentSocket;
-  struct sockaddr_un addr;
-  memset(&addr, 0, sizeof addr);
-  addr.sun_family = AF_UNIX;
-  size_t pathLen = strlen(path);
-  if (pathLen == 0) {
-    GSDebugPrintf(0, "gscl: VELT_AGENT_SOCKET is set but empty");
-    return TK_GS_BAD_PARAMETER;
+  const char* path = velt::wire::agentSocketPath();
+  velt::wire::AgentConnection conn = velt::wire::connectToAgent(path, kSendTimeoutSecs);
+  switch (conn.step) {
+    case velt::wire::ConnectStep::kConnected:
+      break;
+    case velt::wire::ConnectStep::kEmptyPath:
+      GSDebugPrintf(0, "gscl: VELT_AGENT_SOCKET is set but empty");
+      return TK_GS_BAD_PARAMETER;
+    case velt::wire::ConnectStep::kPathTooLong:
+      GSDebugPrintf(0, "gscl: agent socket path is %zu characters long, at most %zu fit: %.200s",
+                    strlen(path), velt::wire::maxAgentSocketPathLength(), path);
+      return TK_GS_BAD_PARAMETER;
+    case velt::wire::ConnectStep::kSocket: {
+      GSDebugPrintf(0, "gscl: cannot create a socket for the agent: %s",
+                    strerror_r(conn.err, etext, sizeof etext));
+      bool exhausted = conn.err == EMFILE || conn.err == ENFILE || conn.err == ENOMEM || conn.err == ENOBUFS;
+      return exhausted ? TK_GS_NO_MEMORY : TK_GS_NOT_OK;
+    }
+    case velt::wire::ConnectStep::kConnect:
+      GSDebugPrintf(0, "gscl: cannot connect to the agent at %s: %s", path,
+                    strerror_r(conn.err, etext, sizeof etext));
+      if (conn.err == EACCES || conn.err == EPERM) return TK_GS_PERMISSION_DENIED;
+      // ENOENT, ECONNREFUSED, EAGAIN, a stale or foreign file at the path:
+      // all mean that no agent serves us there now; the caller retries.
+      return TK_GS_NOT_CONNECTED;
+    case velt::wire::ConnectStep::kPeerCredentials:
+      GSDebugPrintf(0, "gscl: cannot read the credentials of the agent at %s: %s", path,
+                    strerror_r(conn.err, etext, sizeof etext));
+      return TK_GS_NOT_CONNECTED;
+    case velt::wire::ConnectStep::kForeignPeer:
+      GSDebugPrintf(0, "gscl: the agent socket %s is served by uid %u (pid %d), neither root nor us",
+                    path, static_cast<unsigned>(conn.peerUid), static_cast<int>(conn.peerPid));
+      return TK_GS_PERMISSION_DENIED;
+    case velt::wire::ConnectStep::kSetup:
+      GSDebugPrintf(0, "gscl: cannot set up the agent connection: %s", strerror_r(conn.err, etext, sizeof etext));
+      return TK_GS_NOT_OK;
   }
-  if (pathLen >= sizeof addr.sun_path) {
-    GSDebugPrintf(0, "gscl: agent socket path is %zu characters long, at most %zu fit: %.200s",
-                  pathLen, sizeof addr.sun_path - 1, path);
-    return TK_GS_BAD_PARAMETER;
-  }
-  memcpy(addr.sun_path, path, pathLen + 1);
-
-  // Non-blocking: a connect to an agent whose backlog is full fails with
-  // EAGAIN at once instead of holding up the caller's retry loop.
-  int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (fd < 0) {
-    int err = errno;
-    GSDebugPrintf(0, "gscl: cannot create a socket for the agent: %s",
-                  strerror_r(err, etext, sizeof etext));
-    bool exhausted = err == EMFILE || err == ENFILE || err == ENOMEM || err == ENOBUFS;
-    return exhausted ? TK_GS_NO_MEMORY : TK_GS_NOT_OK;
-  }
-  if (connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) != 0) {
-    int err = errno;
-    close(fd);
-    GSDebugPrintf(0, "gscl: cannot connect to the agent at %s: %s", path,
-                  strerror_r(err, etext, sizeof etext));
-    if (err == EACCES || err == EPERM) return TK_GS_PERMISSION_DENIED;
-    // ENOENT, ECONNREFUSED, EAGAIN, a stale or foreign file at the path:
-    // all mean that no agent serves us there now; the caller retries.
-    return TK_GS_NOT_CONNECTED;
-  }
-
-  // Only root or our own user may serve the agent socket: whoever else
-  // managed to bind the path must not feed us group services.
-  struct ucred cred;
-  socklen_t credLen = sizeof cred;
-  if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &credLen) != 0) {
-    int err = errno;
-    close(fd);
-    GSDebugPrintf(0, "gscl: cannot read the credentials of the agent at %s: %s", path,
-                  strerror_r(err, etext, sizeof etext));
-    return TK_GS_NOT_CONNECTED;
-  }
-  if (cred.uid != 0 && cred.uid != geteuid()) {
-    close(fd);
-    GSDebugPrintf(0, "gscl: the agent socket %s is served by uid %u (pid %d), neither root nor us",
-                  path, static_cast<unsigned>(cred.uid), static_cast<int>(cred.pid));
-    return TK_GS_PERMISSION_DENIED;
-  }
-
-  // From here on sends block, with a bound, so that a message of many
-  // packets goes out whole; reads poll.
-  int flags = fcntl(fd, F_GETFL);
-  struct timeval sendBound = {kSendTimeoutSecs, 0};
-  if (flags < 0 || fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0 ||
-      setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &sendBound, sizeof sendBound) != 0) {
-    int err = errno;
-    close(fd);
-    GSDebugPrintf(0, "gscl: cannot set up the agent connection: %s", strerror_r(err, etext, sizeof etext));
-    return TK_GS_NOT_OK;
-  }
+  int fd = conn.fd;
 
   // Hello: who we are and what we want from the agent.
   proto::ClientFrame hello;
@@ -762,70 +735,43 @@ tk_gs_rc_t GSController::initialize() {
   }
   std::string helloBytes;
   hello.SerializeToString(&helloBytes);
-  int err = velt::wire::sendMessage(fd, helloBytes);
-  if (err != 0) {
+  // Only the answer is read here: what follows it stays in the socket for
+  // the reader thread.
+  proto::AgentFrame answer;
+  velt::wire::HelloOutcome outcome = velt::wire::exchangeHello(fd, helloBytes, handshakeBound, &answer);
+  if (outcome.step == velt::wire::HelloStep::kSendFailed) {
     close(fd);
-    GSDebugPrintf(0, "gscl: cannot say hello to the agent at %s: %s", path, strerror_r(err, etext, sizeof etext));
+    GSDebugPrintf(0, "gscl: cannot say hello to the agent at %s: %s", path,
+                  strerror_r(outcome.err, etext, sizeof etext));
     return TK_GS_NOT_CONNECTED;
   }
-
-  // The answer, within the bound. Only the answer is read here: what
-  // follows it stays in the socket for the reader thread.
-  auto deadline = std::chrono::steady_clock::now() + handshakeBound;
-  velt::wire::Reassembler reassembler(velt::wire::kDefaultMaxMessage);
-  std::vector<char> buf(velt::wire::kMaxPacket + 1);
-  std::string message;
   tk_gs_rc_t failure = TK_GS_OK;
-  std::string why;
-  while (true) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) {
+  std::string why = outcome.why;
+  switch (outcome.step) {
+    case velt::wire::HelloStep::kAnswered:
+      if (answer.hello_reply().rc() != 0) {
+        failure = agentRc(answer.hello_reply().rc());
+        why = std::string("the agent refused us with ") + gscl_rc_name(answer.hello_reply().rc()) + ": " +
+              answer.hello_reply().text();
+      } else if (answer.hello_reply().node() > 0xffff) {
+        failure = TK_GS_BAD_FRAME;
+        why = "node number " + std::to_string(answer.hello_reply().node()) + " in the hello answer";
+      }
+      break;
+    case velt::wire::HelloStep::kTimedOut:
       failure = TK_GS_TIMEOUT;
-      why = "no answer to hello within " + std::to_string(handshakeBound.count()) + " ms";
       break;
-    }
-    struct pollfd p = {fd, POLLIN | POLLRDHUP, 0};
-    int n = poll(&p, 1, static_cast<int>(left.count()));
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) continue;   // the deadline check above decides
-    ssize_t len = recv(fd, buf.data(), buf.size(), MSG_DONTWAIT | MSG_TRUNC);
-    if (len < 0 && (errno == EAGAIN || errno == EINTR)) continue;
-    if (len <= 0) {
+    case velt::wire::HelloStep::kSendFailed:
+    case velt::wire::HelloStep::kHungUp:
+    case velt::wire::HelloStep::kReadFailed:
       failure = TK_GS_NOT_CONNECTED;
-      why = len == 0 ? "the agent hung up before answering hello" : "reading the hello answer failed";
       break;
-    }
-    if (static_cast<size_t>(len) > velt::wire::kMaxPacket) {
-      failure = TK_GS_BAD_FRAME;
-      why = "packet of " + std::to_string(len) + " bytes";
-      break;
-    }
-    int r = reassembler.feed(buf.data(), static_cast<size_t>(len), &message, &why);
-    if (r < 0) {
+    case velt::wire::HelloStep::kBadFrame:
       failure = TK_GS_BAD_FRAME;
       break;
-    }
-    if (r > 0) break;
-  }
-  proto::AgentFrame answer;
-  if (failure == TK_GS_OK) {
-    if (!answer.ParseFromString(message)) {
-      failure = TK_GS_BAD_FRAME;
-      why = "the hello answer does not parse";
-    } else if (answer.version() != kWireVersion) {
+    case velt::wire::HelloStep::kWrongVersion:
       failure = TK_GS_VERSION_MISMATCH;
-      why = "the agent speaks wire version " + std::to_string(answer.version());
-    } else if (answer.body_case() != proto::AgentFrame::kHelloReply) {
-      failure = TK_GS_BAD_FRAME;
-      why = "the first frame is not the hello answer";
-    } else if (answer.hello_reply().rc() != 0) {
-      failure = agentRc(answer.hello_reply().rc());
-      why = std::string("the agent refused us with ") + gscl_rc_name(answer.hello_reply().rc()) + ": " +
-            answer.hello_reply().text();
-    } else if (answer.hello_reply().node() > 0xffff) {
-      failure = TK_GS_BAD_FRAME;
-      why = "node number " + std::to_string(answer.hello_reply().node()) + " in the hello answer";
-    }
+      break;
   }
   if (failure != TK_GS_OK) {
     close(fd);

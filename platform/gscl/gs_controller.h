@@ -21,6 +21,7 @@
 #include <memory>
 #include <string>
 
+#include "agent_connect.h"
 #include "gs_types.h"
 #include "gs_utils.h"
 
@@ -30,7 +31,7 @@ namespace internal {
 class ControllerAccess;
 }
 
-constexpr const char* kDefaultAgentSocket = "/run/velt/agent.sock";
+constexpr const char* kDefaultAgentSocket = velt::wire::kDefaultAgentSocketPath;
 
 class GSController {
  public:

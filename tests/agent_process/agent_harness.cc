@@ -174,6 +174,15 @@ AgentProcess::~AgentProcess() {
 }
 
 bool AgentProcess::start(const std::vector<std::string>& args, bool standalone) {
+  // A restart: the earlier process must have ended; its descriptor goes.
+  if (pid_ > 0) {
+    if (!exited_) return false;
+    if (pidfd_ >= 0) ::close(pidfd_);
+    pidfd_ = -1;
+    pid_ = -1;
+    exited_ = false;
+    status_ = -1;
+  }
   std::vector<std::string> argv = {veltdPath()};
   if (standalone) argv.push_back("--standalone");
   for (const std::string& a : {std::string("--socket"), socket_, std::string("--state-dir"), state_,

@@ -58,7 +58,9 @@ class AgentProcess {
 
   // Starts `veltd --standalone --socket S --state-dir D --log L` plus args
   // (without --standalone when standalone is false), and `--interfaces
-  // none` unless args name the interfaces.
+  // none` unless args name the interfaces. Starting again after the
+  // process exited is a restart in the same directory; while it runs,
+  // start() refuses.
   bool start(const std::vector<std::string>& args = {}, bool standalone = true);
   // Variables added to the process's environment at the next start().
   void setEnvironment(const std::map<std::string, std::string>& env) { env_ = env; }

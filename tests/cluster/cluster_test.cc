@@ -3,7 +3,11 @@
 // go), then the agents on corosync (one state on every node, providers seen
 // across nodes, a killed agent, a partition and its merge), the raw
 // adapter group, and tolkvaskd on every node (its cooked groups as
-// adapters fail and heal, a killed daemon, a configuration refresh). Each test brings a fresh cluster up and takes it down.
+// adapters fail and heal, a killed daemon, a configuration refresh), and
+// tolkvaskd in the cluster domain (its adapter table from KOR through fail
+// and heal, a node added and removed, a whole-cluster restart, the KOR event
+// session moving with the leadership). Each test brings a fresh cluster up
+// and takes it down.
 // Needs root and network namespaces; otherwise every test is skipped with a
 // "SKIP:" line.
 #include <errno.h>
@@ -1043,6 +1047,260 @@ TEST_F(ClusterDaemons, AfterAPartitionMergesEveryGroupIsBackAndCarriesTheConfigu
         << "node " << n << ": " << veltctlJson(n, {"members", "tolkvask_cfg"});
     EXPECT_EQ("16", committedId(n)) << "node " << n;
   }
+}
+
+// tolkvaskd on every node in domain type CLUSTER: its adapter table comes
+// from KOR (the nodes and interfaces the agents publish), its liveness from
+// the raw group, with a short down delay.
+class ClusterDomain : public ClusterTest {
+ protected:
+  void SetUp() override {
+    setenv("VELT_CLUSTER_DOMAIN", "CLUSTER", 1);
+    setenv("VELT_CLUSTER_DOWN_DELAY", "2", 1);
+    ClusterTest::SetUp();
+  }
+  void TearDown() override {
+    ClusterTest::TearDown();
+    unsetenv("VELT_CLUSTER_DOMAIN");
+    unsetenv("VELT_CLUSTER_DOWN_DELAY");
+  }
+
+  // Starts tolkvaskd on each node and waits until every daemon is in the
+  // configuration group.
+  void startDaemons(const std::vector<int>& nodes) {
+    requireAgents();
+    if (HasFatalFailure()) return;
+    for (int n : nodes) {
+      Result r = cluster({"start", std::to_string(n), "tolkvaskd"});
+      ASSERT_EQ(0, r.status) << describe(r);
+    }
+    for (int n : nodes) {
+      ASSERT_TRUE(waitUntil([&] { return nodesOf(providers(n, "tolkvask_cfg")) == nodes; }, kAgentMs))
+          << "node " << n << ": tolkvask_cfg " << join(providers(n, "tolkvask_cfg"));
+    }
+  }
+
+  static std::vector<int> nodesOf(const std::vector<std::string>& ps) {
+    std::set<int> nodes;
+    for (const std::string& p : ps) nodes.insert(std::stoi(p.substr(p.find('/') + 1)));
+    return std::vector<int>(nodes.begin(), nodes.end());
+  }
+
+  static std::string logOf(int node, const char* name) {
+    std::string path = std::string(getenv("VELT_CLUSTER_DIR")) + "/node" + std::to_string(node) + "/run/log/" + name;
+    std::string text;
+    FILE* f = fopen(path.c_str(), "r");
+    if (f == nullptr) return text;
+    char buf[65536];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, f)) > 0) text.append(buf, n);
+    fclose(f);
+    return text;
+  }
+
+  // The daemon's adapter table, "NODE/IFNAME" -> UP, DOWN, STOPPED,
+  // UNCONFIG..., as its long status traces it (a long status request
+  // writes the table to the trace log).
+  static std::map<std::string, std::string> adapterTable(int node) {
+    std::map<std::string, std::string> rows;
+    Result r = inNode(node, {"srcctl", "-s", "tolkvaskd", "status", "-l"});
+    if (r.status != 0) return rows;
+    std::string log = logOf(node, "tolkvaskd.log");
+    size_t from = log.rfind("LongStatus request from SRC.");
+    if (from == std::string::npos) return rows;
+    std::string tail = log.substr(from);
+    std::regex re("node=([0-9]+) ifname=(\\S+) device=\\S* IP=\\S* LID=[0-9]+ type=[0-9]+ spigot=[0-9]+ "
+                  "gidlen=[0-9]+ status=(\\S+)");
+    for (std::sregex_iterator it(tail.begin(), tail.end(), re), end; it != end; ++it) {
+      rows[(*it)[1].str() + "/" + (*it)[2].str()] = (*it)[3];
+    }
+    return rows;
+  }
+
+  static std::string describeTable(const std::map<std::string, std::string>& rows) {
+    std::string s;
+    for (const auto& e : rows) s += e.first + "=" + e.second + " ";
+    return s;
+  }
+
+  // Every switch adapter of nodes with the given status (and no others of
+  // those nodes in another state).
+  static bool rowsAre(const std::map<std::string, std::string>& rows, const std::vector<int>& nodes,
+                      const std::string& status) {
+    for (int n : nodes) {
+      for (const char* i : {"sxn0", "sxn1"}) {
+        auto it = rows.find(std::to_string(n) + "/" + i);
+        if (it == rows.end() || it->second != status) return false;
+      }
+    }
+    return true;
+  }
+
+  static std::string resourcesOf(int node) { return veltctlJson(node, {"resources"}); }
+
+  // The node whose daemon leads the configuration group: the last one that
+  // logged becoming the leader.
+  static int leader(const std::vector<int>& nodes) {
+    for (int n : nodes) {
+      std::string log = logOf(n, "tolkvaskd.log");
+      size_t became = log.rfind("I become a GL.");
+      if (became != std::string::npos && log.find("Propagator[cfg] Thread started.", became) == std::string::npos) {
+        return n;
+      }
+    }
+    return 0;
+  }
+};
+
+TEST_F(ClusterDomain, EveryDaemonJoinsTheConfigurationGroupAndHoldsEveryNodesAdaptersUp) {
+  startDaemons({1, 2, 3});
+  if (HasFatalFailure()) return;
+  for (int n = 1; n <= kNodes; ++n) {
+    std::map<std::string, std::string> rows;
+    EXPECT_TRUE(waitUntil([&] { return rowsAre(rows = adapterTable(n), {1, 2, 3}, "UP"); }, kAgentMs))
+        << "node " << n << ": " << describeTable(rows);
+    EXPECT_EQ(6u, rows.size()) << "node " << n << ": " << describeTable(rows);
+  }
+  // KOR answers the same on every node: three nodes, six interfaces.
+  std::string first = resourcesOf(1);
+  EXPECT_EQ(3, countMatches(first, "\"class\":\"Zel.PeerNode\"")) << first;
+  EXPECT_EQ(6, countMatches(first, "\"class\":\"Zel.NetworkInterface\"")) << first;
+  for (int n = 2; n <= kNodes; ++n) EXPECT_EQ(first, resourcesOf(n)) << "node " << n;
+}
+
+TEST_F(ClusterDomain, FailedAdapterTurnsDownEverywhereAfterTheDownDelayAndHealBringsItBack) {
+  startDaemons({1, 2, 3});
+  if (HasFatalFailure()) return;
+  for (int n = 1; n <= kNodes; ++n) {
+    ASSERT_TRUE(waitUntil([n] { return rowsAre(adapterTable(n), {1, 2, 3}, "UP"); }, kAgentMs)) << "node " << n;
+  }
+  ASSERT_EQ(0, cluster({"fail", "3", "sxn1"}).status);
+  for (int n = 1; n <= kNodes; ++n) {
+    std::map<std::string, std::string> rows;
+    EXPECT_TRUE(waitUntil([&] { return (rows = adapterTable(n))["3/sxn1"] == "DOWN"; }, kLinkMs + kAgentMs))
+        << "node " << n << ": " << describeTable(rows);
+    EXPECT_EQ("UP", rows["3/sxn0"]) << "node " << n;
+    EXPECT_TRUE(rowsAre(rows, {1, 2}, "UP")) << "node " << n << ": " << describeTable(rows);
+  }
+  ASSERT_EQ(0, cluster({"heal", "3", "sxn1"}).status);
+  for (int n = 1; n <= kNodes; ++n) {
+    std::map<std::string, std::string> rows;
+    EXPECT_TRUE(waitUntil([&] { return rowsAre(rows = adapterTable(n), {1, 2, 3}, "UP"); }, kLinkMs + kAgentMs))
+        << "node " << n << ": " << describeTable(rows);
+  }
+}
+
+TEST_F(ClusterDomain, AddedNodesAdaptersAppearEverywhereAndRemovalUndefinesThem) {
+  startDaemons({1, 2, 3});
+  if (HasFatalFailure()) return;
+  Result add = cluster({"add"}, kHarnessMs);
+  ASSERT_EQ(0, add.status) << describe(add);
+  Result start = cluster({"start", "4", "tolkvaskd"});
+  ASSERT_EQ(0, start.status) << describe(start);
+  for (int n = 1; n <= 4; ++n) {
+    std::map<std::string, std::string> rows;
+    EXPECT_TRUE(waitUntil([&] { return rowsAre(rows = adapterTable(n), {1, 2, 3, 4}, "UP"); }, kAgentMs))
+        << "node " << n << ": " << describeTable(rows);
+  }
+  std::string four = resourcesOf(1);
+  EXPECT_EQ(4, countMatches(four, "\"class\":\"Zel.PeerNode\"")) << four;
+  EXPECT_EQ(8, countMatches(four, "\"class\":\"Zel.NetworkInterface\"")) << four;
+  for (int n = 2; n <= 4; ++n) EXPECT_EQ(four, resourcesOf(n)) << "node " << n;
+
+  int lead = leader({1, 2, 3});
+  ASSERT_NE(0, lead) << "no daemon logged leading the configuration group";
+  Result remove = cluster({"remove", "4"}, kHarnessMs);
+  ASSERT_EQ(0, remove.status) << describe(remove);
+  // KOR forgets node 4 on every agent.
+  for (int n = 1; n <= kNodes; ++n) {
+    EXPECT_TRUE(waitUntil([n] { return resourcesOf(n).find("node/4") == std::string::npos; }, kAgentMs))
+        << "node " << n << ": " << resourcesOf(n);
+  }
+  // The leader's event session hears the interfaces undefined and drops
+  // the rows; the other daemons' harvests keep rows they do not compare,
+  // and show them no longer up.
+  for (int n = 1; n <= kNodes; ++n) {
+    std::map<std::string, std::string> rows;
+    if (n == lead) {
+      EXPECT_TRUE(waitUntil(
+          [&] {
+            rows = adapterTable(n);
+            return rows.count("4/sxn0") == 0 || rows["4/sxn0"] == "UNCONFIG";
+          },
+          kAgentMs))
+          << "leader " << n << ": " << describeTable(rows);
+    } else {
+      EXPECT_TRUE(waitUntil([&] { return (rows = adapterTable(n))["4/sxn0"] != "UP"; }, kAgentMs))
+          << "node " << n << ": " << describeTable(rows);
+    }
+    EXPECT_TRUE(rowsAre(rows, {1, 2, 3}, "UP")) << "node " << n << ": " << describeTable(rows);
+  }
+}
+
+TEST_F(ClusterDomain, WholeClusterRestartKeepsADownNodesRowsDefined) {
+  startDaemons({1, 2, 3});
+  if (HasFatalFailure()) return;
+  for (int n = 1; n <= kNodes; ++n) {
+    ASSERT_TRUE(waitUntil([n] { return rowsAre(adapterTable(n), {1, 2, 3}, "UP"); }, kAgentMs)) << "node " << n;
+  }
+  // Every agent has written what it holds (they do so within a second of a
+  // change).
+  std::this_thread::sleep_for(milliseconds(1500));
+  for (int n = 1; n <= kNodes; ++n) {
+    ASSERT_EQ(0, cluster({"kill", std::to_string(n), "tolkvaskd"}).status);
+    ASSERT_EQ(0, cluster({"kill", std::to_string(n), "veltd"}).status);
+  }
+  for (int n : {1, 3}) ASSERT_EQ(0, cluster({"start", std::to_string(n), "veltd"}).status);
+  ASSERT_TRUE(waitUntil([] { return agentView(1) == std::vector<int>({1, 3}); }, kViewMs)) << join(agentView(1));
+  startDaemons({1, 3});
+  if (HasFatalFailure()) return;
+  for (int n : {1, 3}) {
+    std::map<std::string, std::string> rows;
+    EXPECT_TRUE(waitUntil(
+        [&] {
+          rows = adapterTable(n);
+          return rowsAre(rows, {1, 3}, "UP") && rowsAre(rows, {2}, "DOWN");
+        },
+        kAgentMs))
+        << "node " << n << ": " << describeTable(rows);
+  }
+  EXPECT_NE(std::string::npos, resourcesOf(1).find("\"handle\":\"node/2/sxn1\"")) << resourcesOf(1);
+}
+
+TEST_F(ClusterDomain, KorEventSessionMovesWithTheConfigurationGroupsLeadership) {
+  startDaemons({1, 2, 3});
+  if (HasFatalFailure()) return;
+  const char kRegistered[] = " Now registered to NetworkInterface for event handle with KOR deamon";
+  int lead = 0;
+  ASSERT_TRUE(waitUntil(
+      [&] {
+        lead = leader({1, 2, 3});
+        return lead != 0 && logOf(lead, "tolkvaskd.log").find(kRegistered) != std::string::npos;
+      },
+      kAgentMs))
+      << "leader " << lead;
+  // Only the leader keeps an event session.
+  for (int n = 1; n <= kNodes; ++n) {
+    if (n != lead) {
+      EXPECT_EQ(std::string::npos, logOf(n, "tolkvaskd.log").find(" Starting KOR Session")) << "node " << n;
+    }
+  }
+  ASSERT_EQ(0, cluster({"kill", std::to_string(lead), "tolkvaskd"}).status);
+  int next = 0;
+  EXPECT_TRUE(waitUntil(
+      [&] {
+        std::vector<int> others;
+        for (int n = 1; n <= kNodes; ++n) {
+          if (n != lead) others.push_back(n);
+        }
+        next = leader(others);
+        if (next == 0) return false;
+        std::string log = logOf(next, "tolkvaskd.log");
+        size_t start = log.find(" Starting KOR Session");
+        return start != std::string::npos && log.find(kRegistered, start) != std::string::npos;
+      },
+      kAgentMs))
+      << "new leader " << next;
 }
 
 }  // namespace

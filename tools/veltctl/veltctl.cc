@@ -1,5 +1,5 @@
-// veltctl: what this node's agent (veltd) knows: its status, the groups and
-// a group's members. It speaks the agent socket's protocol itself (hello,
+// veltctl: what this node's agent (veltd) knows: its status, the groups, a
+// group's members and the KOR resources. It speaks the agent socket's protocol itself (hello,
 // one query, the answer) and prints text, or JSON for scripts.
 #include <arpa/inet.h>
 #include <errno.h>
@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "frame_io.h"
+#include "kor_types.h"
 #include "velt.pb.h"
 
 namespace {
@@ -28,6 +29,9 @@ constexpr int kExitUsage = 2;
 
 constexpr int kRcPermissionDenied = 8;   // TK_GS_PERMISSION_DENIED
 constexpr uint64_t kQueryId = 1;
+// A resources answer comes in pages of about 4 MiB; more than this many
+// is not an answer this tool prints.
+constexpr size_t kMaxAnswerPages = 64;
 constexpr size_t kMaxGroupNameBytes = 64;
 // Bytes of a state value shown in the text output.
 constexpr size_t kStateValuePreview = 64;
@@ -40,6 +44,8 @@ const char kUsage[] =
     "  status            this node's agent: node, versions, view, number of groups\n"
     "  groups            every group: providers, subscribers on this node, protocol\n"
     "  members GROUP     one group's providers and state value\n"
+    "  resources [CLASS] the KOR resources of CLASS (Zel.PeerNode, Zel.NetworkInterface;\n"
+    "                    default both) with every attribute\n"
     "options:\n"
     "  --socket PATH     the agent socket (default $VELT_AGENT_SOCKET, else /run/velt/agent.sock)\n"
     "  --json            print JSON (one object) instead of text\n"
@@ -53,6 +59,8 @@ struct Invocation {
   bool json = false;
   int timeoutSeconds = 10;
   velt::proto::Query query;
+  // resources: one KOR query per class, in order.
+  std::vector<std::string> korClasses;
 };
 
 int usageError(const std::string& why) {
@@ -133,6 +141,17 @@ int parseArguments(int argc, char** argv, Invocation* inv, bool* helpOnly) {
     }
     inv->query.set_kind(velt::proto::Query::MEMBERS);
     inv->query.set_group(words[1]);
+  } else if (cmd == "resources") {
+    if (words.size() > 2) return usageError("resources takes at most one CLASS");
+    if (words.size() == 2) {
+      if (words[1] != KOR_CLASS_PEER_NODE && words[1] != KOR_CLASS_NETWORK_INTERFACE) {
+        return usageError("\"" + words[1] + "\" is not a resource class (" KOR_CLASS_PEER_NODE
+                          ", " KOR_CLASS_NETWORK_INTERFACE ")");
+      }
+      inv->korClasses.push_back(words[1]);
+    } else {
+      inv->korClasses = {KOR_CLASS_PEER_NODE, KOR_CLASS_NETWORK_INTERFACE};
+    }
   } else {
     return usageError("unknown command \"" + cmd + "\"");
   }
@@ -232,8 +251,10 @@ class AgentConnection {
   velt::wire::Reassembler reassembler_;
 };
 
-// Says hello, asks the query and returns the answer in *reply.
-int ask(const Invocation& inv, velt::proto::Reply* reply) {
+// Says hello, sends each request in turn and returns their answers in
+// *replies, in the same order.
+int ask(const Invocation& inv, const std::vector<velt::proto::Request>& requests,
+        std::vector<velt::proto::Reply>* replies) {
   AgentConnection conn(inv.socketPath, inv.timeoutSeconds);
   int rc = conn.open();
   if (rc != 0) return rc;
@@ -253,21 +274,41 @@ int ask(const Invocation& inv, velt::proto::Reply* reply) {
     return fail("the agent at " + inv.socketPath + " refused the connection (rc " +
                 std::to_string(hr.rc()) + "): " + hr.text());
   }
-  velt::proto::ClientFrame request;
-  request.set_version(velt::proto::WIRE_VERSION_1);
-  request.mutable_request()->set_id(kQueryId);
-  *request.mutable_request()->mutable_query() = inv.query;
-  if ((rc = conn.send(request)) != 0) return rc;
-  // Domain control and other notifications may come first.
-  for (;;) {
-    if ((rc = conn.receive(&frame)) != 0) return rc;
-    if (frame.has_reply() && frame.reply().id() == kQueryId) break;
-  }
-  *reply = frame.reply();
-  if (reply->rc() != 0) {
-    return fail(reply->text().empty() ? "the agent refused the query (rc " +
-                                            std::to_string(reply->rc()) + ")"
-                                      : reply->text());
+  uint64_t id = kQueryId;
+  for (const velt::proto::Request& r : requests) {
+    velt::proto::ClientFrame request;
+    request.set_version(velt::proto::WIRE_VERSION_1);
+    *request.mutable_request() = r;
+    request.mutable_request()->set_id(id);
+    if ((rc = conn.send(request)) != 0) return rc;
+    // Domain control and other notifications may come first.
+    for (;;) {
+      if ((rc = conn.receive(&frame)) != 0) return rc;
+      if (frame.has_reply() && frame.reply().id() == id) break;
+    }
+    const velt::proto::Reply& reply = frame.reply();
+    if (reply.rc() != 0) {
+      return fail(reply.text().empty() ? "the agent refused the query (rc " +
+                                             std::to_string(reply.rc()) + ")"
+                                       : reply.text());
+    }
+    replies->push_back(reply);
+    // A large resources answer goes on in further replies with the same id.
+    for (size_t pages = 1; replies->back().kor().more(); ++pages) {
+      if (pages == kMaxAnswerPages) {
+        return fail("the agent's answer runs to more than " + std::to_string(kMaxAnswerPages) +
+                    " pages");
+      }
+      do {
+        if ((rc = conn.receive(&frame)) != 0) return rc;
+      } while (!frame.has_reply() || frame.reply().id() != id);
+      if (frame.reply().rc() != 0) {
+        return fail("the agent broke off its answer (rc " + std::to_string(frame.reply().rc()) +
+                    "): " + frame.reply().text());
+      }
+      replies->push_back(frame.reply());
+    }
+    ++id;
   }
   return kExitOk;
 }
@@ -484,6 +525,77 @@ void printMembers(const velt::proto::QueryAnswer& a, bool json) {
   }
 }
 
+// One attribute's value as text (JSON when json): 64-bit numbers in
+// hexadecimal (as strings in JSON, which cannot carry them exactly), arrays
+// in brackets.
+std::string korValueText(const velt::proto::KorValue& v, bool json) {
+  auto hex64 = [json](uint64_t x) {
+    char buf[24];
+    snprintf(buf, sizeof buf, "0x%016llx", static_cast<unsigned long long>(x));
+    return json ? "\"" + std::string(buf) + "\"" : std::string(buf);
+  };
+  auto text = [json](const std::string& t) { return json ? jsonString(t) : printable(t); };
+  std::string out;
+  switch (v.type()) {
+    case VX_INT32:
+    case VX_INT64:
+      return std::to_string(v.int_value());
+    case VX_UINT32:
+      return std::to_string(v.uint_value());
+    case VX_UINT64:
+      return hex64(v.uint_value());
+    case VX_CHAR_PTR:
+      return text(v.text());
+    case VX_INT32_ARRAY:
+    case VX_INT64_ARRAY:
+      for (int64_t x : v.int_array()) out += (out.empty() ? "" : ",") + std::to_string(x);
+      return "[" + out + "]";
+    case VX_UINT32_ARRAY:
+      for (uint64_t x : v.uint_array()) out += (out.empty() ? "" : ",") + std::to_string(x);
+      return "[" + out + "]";
+    case VX_UINT64_ARRAY:
+      for (uint64_t x : v.uint_array()) out += (out.empty() ? "" : ",") + hex64(x);
+      return "[" + out + "]";
+    case VX_CHAR_PTR_ARRAY:
+      for (const std::string& t : v.text_array()) out += (out.empty() ? "" : ",") + text(t);
+      return "[" + out + "]";
+    default:
+      return json ? "null" : "(type " + std::to_string(v.type()) + ")";
+  }
+}
+
+void printResources(const std::vector<velt::proto::Reply>& replies, bool json) {
+  if (json) {
+    std::string list;
+    for (const velt::proto::Reply& r : replies) {
+      for (const velt::proto::KorResource& res : r.kor().resources()) {
+        std::string attrs;
+        for (const velt::proto::KorAttribute& a : res.attributes()) {
+          attrs += (attrs.empty() ? "" : ",") + jsonString(a.name()) + ":" +
+                   korValueText(a.value(), true);
+        }
+        list += (list.empty() ? "" : ",") + std::string("{\"class\":") +
+                jsonString(res.class_name()) + ",\"handle\":" + jsonString(res.handle()) +
+                ",\"attributes\":{" + attrs + "}}";
+      }
+    }
+    printf("{\"resources\":[%s]}\n", list.c_str());
+    return;
+  }
+  bool first = true;
+  for (const velt::proto::Reply& r : replies) {
+    for (const velt::proto::KorResource& res : r.kor().resources()) {
+      if (!first) printf("\n");
+      first = false;
+      printf("%s %s\n", printable(res.class_name()).c_str(), printable(res.handle()).c_str());
+      for (const velt::proto::KorAttribute& a : res.attributes()) {
+        printf("  %-16s %s\n", printable(a.name()).c_str(), korValueText(a.value(), false).c_str());
+      }
+    }
+  }
+  if (first) printf("no resources\n");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -495,9 +607,27 @@ int main(int argc, char** argv) {
     fputs(kUsage, stdout);
     return kExitOk;
   }
-  velt::proto::Reply reply;
-  rc = ask(inv, &reply);
+  std::vector<velt::proto::Request> requests;
+  if (!inv.korClasses.empty()) {
+    for (const std::string& c : inv.korClasses) {
+      velt::proto::Request r;
+      r.mutable_kor_query()->set_class_name(c);
+      requests.push_back(r);
+    }
+  } else {
+    velt::proto::Request r;
+    *r.mutable_query() = inv.query;
+    requests.push_back(r);
+  }
+  std::vector<velt::proto::Reply> replies;
+  rc = ask(inv, requests, &replies);
   if (rc != kExitOk) return rc;
+  if (!inv.korClasses.empty()) {
+    printResources(replies, inv.json);
+    if (fflush(stdout) != 0) return fail("cannot write the output: " + errnoText(errno));
+    return kExitOk;
+  }
+  const velt::proto::Reply& reply = replies.front();
   switch (inv.query.kind()) {
     case velt::proto::Query::STATUS:
       printStatus(reply.answer(), inv.json);

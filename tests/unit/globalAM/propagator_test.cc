@@ -31,8 +31,10 @@
 #include <vector>
 
 #include "AMController.h"
+#include "AMCfgMonitor.h"
 #include "AMPropagate.h"
 #include "TraceStream.h"
+#include "fake_vx_mc.h"
 #include "srcctl_support.h"
 #include "sw_adapter_info.h"
 #include "tk_gs_tolkvaskd_msg.h"
@@ -580,6 +582,9 @@ TEST_F(PropagatorProtocol, StatusShowsTheCurrentIdAndARunningRefreshChild) {
 
 TEST_F(PropagatorProtocol, ClusterDomainWaitsForTheInitialHarvestBeforeJoining) {
   AMController::domainType = kCLUSTER;
+  // KOR does not answer yet: no harvest can succeed.
+  fake_mc::resetForTesting();
+  fake_mc::failStartSessionForTesting(1000, MC_ENOAGENT);
   ASSERT_EQ(0, prop_->start(nullptr));
   started_ = true;
   // The first round finds the adapter table never harvested and waits for
@@ -592,6 +597,7 @@ TEST_F(PropagatorProtocol, ClusterDomainWaitsForTheInitialHarvestBeforeJoining) 
   // Outside a refresh child, a refresh request does nothing in this domain.
   prop_->refreshRequested();
   EXPECT_EQ(0, prop_->pendingSyncEvents());
+  fake_mc::resetForTesting();
 }
 
 // The agent sends no delayed errors for these requests, so the
@@ -658,4 +664,71 @@ TEST_F(PropagatorProtocol, HarvestRequestDelayedByAnErrorIsSentThreeSecondsLater
     return plain_->count("approved", TK_GS_PROVIDER_MESSAGE, 0) > before;
   }));
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(2900));
+}
+
+// In the cluster domain type the propagator's harvests go through the
+// configuration monitor to KOR: the initial one lets it join, becoming the
+// leader harvests, the leader's request makes every member harvest, and a
+// batch of KOR events ends in one more. The monitor is woken each time and
+// asks the propagator whether this node leads.
+TEST_F(PropagatorProtocol, KorHarvestsGoThroughTheMonitorOnLeadershipRequestsAndBatches) {
+  AMController::domainType = kCLUSTER;
+  fake_mc::resetForTesting();
+  fake_mc::Resource node;
+  node.handle = "node/3";
+  node.attrs = {fake_mc::Attr::Uint64Array("NodeIDs", {0x3333}), fake_mc::Attr::Uint32Array("NodeList", {3})};
+  fake_mc::setResourcesForTesting(KOR_CLASS_PEER_NODE, {node});
+  fake_mc::Resource adapter;
+  adapter.handle = "node/3/sxn0";
+  adapter.attrs = {fake_mc::Attr::Text("Name", "sxn0"), fake_mc::Attr::Uint64Array("NodeIDs", {0x3333}),
+                   fake_mc::Attr::Text("DeviceName", "sni0"), fake_mc::Attr::Text("IPAddress", "10.0.0.3")};
+  fake_mc::setResourcesForTesting(KOR_CLASS_NETWORK_INTERFACE, {adapter});
+  AMCfgMonitor* monitor = ctl_->cfgMonitor;
+  ASSERT_NE(monitor, nullptr);
+  EXPECT_EQ(0, prop_->isGL());
+
+  // What the monitor's initial harvests do: afterwards the propagator may
+  // join. The dispatcher thread harvests the interfaces too when the
+  // agent's version notification arrives, which may be just now, so the
+  // table is checked rather than the count of changes of one harvest.
+  ASSERT_GE(ctl_->harvestGblPeerNodes(), 0);
+  ASSERT_GE(ctl_->harvestGblNetworkInterfaces(), 0);
+  EXPECT_EQ(3, getNodeNumFromNodeId(0x3333));
+  {
+    GSReadGuard hold(*AMController::pGAdapterCfgTbl);
+    AMAdapterItem* row = AMController::pGAdapterCfgTbl->locateAdapterItem(3, _idxFromInterfaceName("sxn0"));
+    ASSERT_NE(row, nullptr);
+    EXPECT_TRUE(row->isConfiged);
+  }
+  ASSERT_EQ(0, prop_->start(nullptr));
+  started_ = true;
+  ASSERT_TRUE(waitUntil([&] { return prop_->isGL() == 1; })) << "never became the leader";
+  // Becoming the leader harvests both classes, then the leader's request
+  // comes back to this member as event 12, which harvests again.
+  ASSERT_TRUE(waitUntil([&] { return prop_->harvestRequestsForTesting() >= 1; }));
+  ASSERT_TRUE(waitUntil([&] { return fake_mc::queriesForTesting(KOR_CLASS_NETWORK_INTERFACE) >= 3; }));
+  EXPECT_GE(fake_mc::queriesForTesting(KOR_CLASS_PEER_NODE), 3);
+  EXPECT_GT(monitor->pendingSyncEvents(), 0);
+
+  // A burst of KOR events: one harvest once the window closed.
+  ASSERT_TRUE(waitUntil([&] { return prop_->pendingSyncEvents() == 0 && prop_->waitersForTesting() == 1; }));
+  const int queries = fake_mc::queriesForTesting(KOR_CLASS_NETWORK_INTERFACE);
+  const int batches = prop_->batchHarvestsForTesting();
+  for (int i = 0; i < 5; ++i) prop_->postNetInterfaceEventReady();
+  ASSERT_TRUE(waitUntil([&] { return prop_->batchHarvestsForTesting() > batches; }));
+  EXPECT_GT(fake_mc::queriesForTesting(KOR_CLASS_NETWORK_INTERFACE), queries);
+  EXPECT_TRUE(waitUntil([&] { return prop_->pendingNetInterfaceEvents() == 0; }));
+  // Once the propagator rests, every private session of its harvests is
+  // ended again.
+  EXPECT_TRUE(waitUntil([&] {
+    return prop_->pendingSyncEvents() == 0 && prop_->waitersForTesting() == 1 &&
+           fake_mc::sessionsOpenForTesting() == 0;
+  }));
+  {
+    GSReadGuard hold(*AMController::pGAdapterCfgTbl);
+    AMAdapterItem* row = AMController::pGAdapterCfgTbl->locateAdapterItem(3, _idxFromInterfaceName("sxn0"));
+    ASSERT_NE(row, nullptr);
+    EXPECT_TRUE(row->isConfiged);
+  }
+  fake_mc::resetForTesting();
 }

@@ -1,0 +1,89 @@
+// KorService: KOR for this node's clients. It answers their queries from
+// the replicated resources (large answers in several pages taken at one
+// moment), keeps their class and resource event registrations, and turns
+// each change of the resources, in the order of the replicated stream, into
+// the events those registrations asked for. Registrations are this agent's
+// own, like subscriptions: they end with their connection.
+// Thread-compatible (the agent's event loop owns it).
+#ifndef VELT_AGENT_KOR_SERVICE_H_
+#define VELT_AGENT_KOR_SERVICE_H_
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "kor_resources.h"
+#include "velt.pb.h"
+
+namespace velt {
+namespace agent {
+
+class KorService {
+ public:
+  struct Limits {
+    size_t maxRegistrationsPerClient = 64;
+    size_t maxRegistrations = 4096;      // over all connections
+    size_t maxAttributesNamed = 64;      // in one query or registration
+    size_t maxNameBytes = 64;            // a class, event or attribute name
+    size_t pageBytes = 4u * 1024 * 1024; // resources in one Reply, about
+  };
+  // An event for one client connection.
+  struct Outgoing {
+    uint64_t client = 0;
+    proto::AgentFrame frame;
+  };
+
+  // Takes one frame for the client; false once the client takes no more
+  // (its connection closed).
+  using FrameSink = std::function<bool(const proto::AgentFrame&)>;
+
+  explicit KorService(const Limits& limits) : limits_(limits) {}
+  KorService() : KorService(Limits()) {}
+
+  // Answers one KOR request (kor_query, kor_register, kor_unregister) of
+  // client: the frames go to send in order (one Reply, or the pages of a
+  // large query's answer, each made when the one before has been sent, so
+  // that a large answer is never held whole as messages).
+  void serve(uint64_t client, const proto::Request& request, const KorResources& kor,
+             const FrameSink& send);
+  // The same frames, collected.
+  std::vector<proto::AgentFrame> serve(uint64_t client, const proto::Request& request,
+                                       const KorResources& kor);
+  // The events one change brings the registrations of this node's clients.
+  void changed(const KorChange& change, std::vector<Outgoing>* out);
+  // The connection is gone: its registrations end.
+  void dropClient(uint64_t client);
+
+  size_t registrationCount() const { return registrations_.size(); }
+  size_t registrationsOf(uint64_t client) const;
+
+ private:
+  struct Registration {
+    uint64_t client = 0;
+    proto::KorRegister::Kind kind = proto::KorRegister::KIND_UNSPECIFIED;
+    std::string className;
+    std::string event;
+    std::vector<std::string> attributes;
+  };
+
+  void query(uint64_t id, const proto::KorQuery& q, const KorResources& kor, const FrameSink& send);
+  proto::AgentFrame registerEvent(uint64_t client, uint64_t id, const proto::KorRegister& r);
+  proto::AgentFrame unregister(uint64_t client, uint64_t id, const proto::KorUnregister& u);
+  // 0, or a return code with *why, for names a client sent.
+  int checkNames(const std::vector<std::string>& names, std::string* why) const;
+
+  Limits limits_;
+  std::map<uint64_t, Registration> registrations_;  // by id
+  std::map<uint64_t, size_t> perClient_;
+  uint64_t nextRegistration_ = 1;
+  uint64_t sequence_ = 0;
+};
+
+}  // namespace agent
+}  // namespace velt
+
+#endif  // VELT_AGENT_KOR_SERVICE_H_
