@@ -681,9 +681,9 @@ int Agent::startKor() {
   why.clear();
   switch (KorStore::load(options_.stateDir, &image, &why)) {
     case KorStore::Load::kLoaded:
-      core_->seedKor(image);
       log_.line("KOR: %d nodes and %d interfaces kept from the last run", image.nodes_size(),
                 image.interfaces_size());
+      core_->seedKor(std::move(image));
       break;
     case KorStore::Load::kAbsent:
       break;

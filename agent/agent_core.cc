@@ -480,7 +480,7 @@ void AgentCore::setKorSaver(std::function<void(const proto::KorImage&)> save) {
   korSaver_ = std::move(save);
 }
 
-void AgentCore::seedKor(const proto::KorImage& image) { replica_->seedKor(image); }
+void AgentCore::seedKor(proto::KorImage image) { replica_->seedKor(std::move(image)); }
 
 bool AgentCore::aboutSelf(const KorChange& change) const {
   const std::string prefix = KorResources::peerNodeHandle(replica_->selfNode());

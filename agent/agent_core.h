@@ -114,7 +114,7 @@ class AgentCore : public ReplicaSink {
   // changed (and after each sync), for the process layer to keep them.
   void setKorSaver(std::function<void(const proto::KorImage&)> save);
   // KOR: the resources kept from the last run, before the bus is joined.
-  void seedKor(const proto::KorImage& image);
+  void seedKor(proto::KorImage image);
 
   // A new connection that the process layer lets in; its hello follows.
   // The port stays registered until clientClosed.

@@ -536,9 +536,9 @@ void ClusterState::applyInterfaceUpdate(uint32_t origin, const proto::InterfaceU
   kor_.applyInterfaceUpdate(origin, update);
 }
 
-bool ClusterState::seedKor(const proto::KorImage& image) {
+bool ClusterState::seedKor(proto::KorImage* image) {
   kor_.setSink(nullptr);
-  size_t leftOut = kor_.adopt({&image});
+  size_t leftOut = kor_.take({image});
   kor_.setSink(this);
   return leftOut == 0;
 }
@@ -1027,7 +1027,7 @@ proto::ClusterStateImage ClusterState::image() const {
 
 std::string ClusterState::digest() const { return deterministicBytes(image()); }
 
-void ClusterState::adopt(const std::vector<proto::Snapshot>& snapshots) {
+void ClusterState::adopt(std::vector<proto::Snapshot> snapshots) {
   // Snapshots in the order of their lowest node: the merge must not depend
   // on which arrived first.
   std::vector<std::set<uint32_t>> covers(snapshots.size());
@@ -1202,9 +1202,9 @@ void ClusterState::adopt(const std::vector<proto::Snapshot>& snapshots) {
   // KOR's resources outlive the nodes' presence: every snapshot brings what
   // its side knew, down nodes included, and the merge keeps each node's
   // newest interfaces. The clients' registrations hear the difference.
-  std::vector<const proto::KorImage*> korImages;
-  for (size_t i : order) korImages.push_back(&snapshots[i].state().kor());
-  kor_.adopt(korImages);
+  std::vector<proto::KorImage*> korImages;
+  for (size_t i : order) korImages.push_back(snapshots[i].mutable_state()->mutable_kor());
+  kor_.take(korImages);
 }
 
 // ------------------------------------------------------------ effects

@@ -68,8 +68,8 @@ class ClusterState : private KorSink {
   void applyInterfaceUpdate(uint32_t origin, const proto::InterfaceUpdate& update);
   // The KOR resources kept from an earlier run, before any view: replaces
   // the KOR part and tells nobody. An image that fails the bounds is left
-  // out (returns false).
-  bool seedKor(const proto::KorImage& image);
+  // out (returns false). The image is taken apart.
+  bool seedKor(proto::KorImage* image);
   const KorResources& kor() const { return kor_; }
 
   // ---- state transfer
@@ -84,7 +84,7 @@ class ClusterState : private KorSink {
   // providers of nodes outside the snapshot that carried their group leave
   // by failure. This node's providers and subscribers are told what changed
   // for them, relative to this state before the call.
-  void adopt(const std::vector<proto::Snapshot>& snapshots);
+  void adopt(std::vector<proto::Snapshot> snapshots);
 
   // ---- reading
 

@@ -622,11 +622,11 @@ void KorResources::fromImage(proto::KorImage* image, NodeMap* nodes, bool* hasNo
   }
 }
 
-proto::KorImage KorResources::merge(const std::vector<const proto::KorImage*>& images,
+proto::KorImage KorResources::merge(const std::vector<proto::KorImage*>& images,
                                     size_t* leftOut, std::string* why) {
-  std::vector<const proto::KorImage*> valid;
+  std::vector<proto::KorImage*> valid;
   size_t refused = 0;
-  for (const proto::KorImage* img : images) {
+  for (proto::KorImage* img : images) {
     std::string reason;
     if (img != nullptr && validImage(*img, &reason)) {
       valid.push_back(img);
@@ -686,11 +686,11 @@ proto::KorImage KorResources::merge(const std::vector<const proto::KorImage*>& i
   std::vector<int> cursor(valid.size(), 0);
   for (const auto& e : chosen) {
     for (size_t k = 0; k < valid.size(); ++k) {
-      const proto::KorImage& img = *valid[k];
+      proto::KorImage& img = *valid[k];
       int& i = cursor[k];
       while (i < img.interfaces_size() && img.interfaces(i).node() < e.first) ++i;
       while (i < img.interfaces_size() && img.interfaces(i).node() == e.first) {
-        if (k == e.second.newestImage) *out.add_interfaces() = img.interfaces(i);
+        if (k == e.second.newestImage) out.add_interfaces()->Swap(img.mutable_interfaces(i));
         ++i;
       }
     }
@@ -699,6 +699,16 @@ proto::KorImage KorResources::merge(const std::vector<const proto::KorImage*>& i
 }
 
 size_t KorResources::adopt(const std::vector<const proto::KorImage*>& images, std::string* why) {
+  std::vector<proto::KorImage> copies(images.size());
+  std::vector<proto::KorImage*> taken;
+  for (size_t k = 0; k < images.size(); ++k) {
+    if (images[k] != nullptr) copies[k] = *images[k];
+    taken.push_back(images[k] != nullptr ? &copies[k] : nullptr);
+  }
+  return take(taken, why);
+}
+
+size_t KorResources::take(const std::vector<proto::KorImage*>& images, std::string* why) {
   size_t leftOut = 0;
   proto::KorImage merged = merge(images, &leftOut, why);
   NodeMap after;

@@ -126,11 +126,16 @@ class KorResources {
   //  * its id: a non-zero id wins over 0; of two different non-zero ids,
   //    the one from the image with the higher generation (the earliest on a
   //    tie).
-  static proto::KorImage merge(const std::vector<const proto::KorImage*>& images,
+  // The chosen interfaces are taken out of their images, not copied: at
+  // the largest sizes an image is tens of megabytes.
+  static proto::KorImage merge(const std::vector<proto::KorImage*>& images,
                                size_t* leftOut = nullptr, std::string* why = nullptr);
   // Replaces the state with merge(images) and tells the sink the
   // differences, as if they had been applied. Returns the number of images
-  // left out as invalid (0 normally), *why saying why for the first.
+  // left out as invalid (0 normally), *why saying why for the first. The
+  // images are left without the interfaces taken.
+  size_t take(const std::vector<proto::KorImage*>& images, std::string* why = nullptr);
+  // The same from images that stay as they are (each is copied first).
   size_t adopt(const std::vector<const proto::KorImage*>& images, std::string* why = nullptr);
 
   // ---- what clients ask

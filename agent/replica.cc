@@ -78,7 +78,7 @@ struct Replica::Impl {
   void drain();
   void handleView(const View& v);
   void handleMessage(uint32_t from, const std::string& bytes);
-  void handleSnapshot(const proto::Snapshot& s);
+  void handleSnapshot(proto::Snapshot* s);
   void complete();
   void apply(uint32_t from, const proto::BusMessage& m);
   void acknowledge(uint64_t seq);
@@ -111,9 +111,6 @@ struct Replica::Impl {
   std::deque<Incoming> incoming;
   bool draining = false;
 
-  // The KOR resources kept from the last run, for a state made anew.
-  bool hasKorSeed = false;
-  proto::KorImage korSeed;
 
   std::vector<Deadline> reportedDeadlines;
   uint64_t reportedEpoch = std::numeric_limits<uint64_t>::max();
@@ -146,8 +143,10 @@ void Replica::Impl::handleView(const View& v) {
     // Some buses learn their node number only when they join.
     if (bus->selfNode() != self) {
       self = bus->selfNode();
+      // The KOR resources kept from the last run go over to the new state.
+      proto::KorImage kept = state->kor().image();
       state = std::make_unique<ClusterState>(self, version, limits, sink);
-      if (hasKorSeed) state->seedKor(korSeed);
+      state->seedKor(&kept);
     }
     claim = {self};
   } else if (synced) {
@@ -176,7 +175,7 @@ void Replica::Impl::handleView(const View& v) {
   report(false);
 
   snapshotPending = false;
-  snapshotOut.clear();
+  std::string().swap(snapshotOut);  // a snapshot may be tens of megabytes: let it go
   if (!claim.empty() && claim.front() == self) {
     proto::BusMessage m;
     m.set_version(proto::WIRE_VERSION_1);
@@ -202,7 +201,7 @@ void Replica::Impl::handleMessage(uint32_t from, const std::string& bytes) {
     return;
   }
   if (m.body_case() == proto::BusMessage::kSnapshot) {
-    handleSnapshot(m.snapshot());
+    handleSnapshot(m.mutable_snapshot());
     return;
   }
   if (!synced) {
@@ -213,25 +212,27 @@ void Replica::Impl::handleMessage(uint32_t from, const std::string& bytes) {
   report(false);
 }
 
-void Replica::Impl::handleSnapshot(const proto::Snapshot& s) {
+void Replica::Impl::handleSnapshot(proto::Snapshot* s) {
   // Late snapshots of an earlier view change, and repeats, are ignored.
-  if (synced || s.view_id() != view.id) return;
+  if (synced || s->view_id() != view.id) return;
   proto::Snapshot taken;
-  taken.set_view_id(s.view_id());
-  for (uint32_t n : s.covers()) {
+  taken.set_view_id(s->view_id());
+  for (uint32_t n : s->covers()) {
     if (covered.count(n) != 0) continue;
     if (!std::binary_search(view.members.begin(), view.members.end(), n)) continue;
     covered.insert(n);
     taken.add_covers(n);
   }
   if (taken.covers_size() == 0) return;
-  *taken.mutable_state() = s.state();
+  // The state is taken over, not copied: at the largest sizes it is tens
+  // of megabytes.
+  taken.mutable_state()->Swap(s->mutable_state());
   snapshots.push_back(std::move(taken));
   if (covered.size() == view.members.size()) complete();
 }
 
 void Replica::Impl::complete() {
-  state->adopt(snapshots);
+  state->adopt(std::move(snapshots));
   snapshots.clear();
   covered.clear();
   synced = true;
@@ -310,7 +311,7 @@ int Replica::Impl::flushOutgoing() {
     int rc = bus->multicast(snapshotOut);
     if (rc != 0) return rc;  // tried again on the next event or flushPending
     snapshotPending = false;
-    snapshotOut.clear();
+    std::string().swap(snapshotOut);
   }
   while (sendNext < unacked.size()) {
     int rc = bus->multicast(unacked[sendNext].bytes);
@@ -362,6 +363,15 @@ void Replica::onView(const View& view) {
 }
 
 void Replica::onMessage(uint32_t from, const std::string& bytes) {
+  // With nothing waiting before it the message is handled where it lies:
+  // a snapshot may be tens of megabytes, not to be copied for the queue.
+  if (!impl_->draining && impl_->incoming.empty()) {
+    impl_->draining = true;
+    impl_->handleMessage(from, bytes);
+    impl_->draining = false;
+    impl_->drain();
+    return;
+  }
   Impl::Incoming in;
   in.from = from;
   in.bytes = bytes;
@@ -440,11 +450,7 @@ int Replica::reportInterface(const proto::InterfaceUpdate& update) {
   return impl_->sendOwn(&m);
 }
 
-void Replica::seedKor(const proto::KorImage& image) {
-  impl_->hasKorSeed = true;
-  impl_->korSeed = image;
-  impl_->state->seedKor(image);
-}
+void Replica::seedKor(proto::KorImage image) { impl_->state->seedKor(&image); }
 
 const KorResources& Replica::kor() const { return impl_->state->kor(); }
 

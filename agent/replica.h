@@ -117,7 +117,7 @@ class Replica : public BusHandler {
   int reportInterface(const proto::InterfaceUpdate& update);
   // The KOR resources this agent kept from its last run, taken before it
   // joins: what it offers the cluster in its first snapshot. Tells nobody.
-  void seedKor(const proto::KorImage& image);
+  void seedKor(proto::KorImage image);
   // Sends what the bus refused earlier (EAGAIN): this node's snapshot, or
   // requests queued behind one it refused. Every call into the replica
   // tries too, but a quiet cluster makes none: while this returns non-zero
