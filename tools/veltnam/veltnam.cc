@@ -4,14 +4,12 @@
 // appears or changes, until it is stopped or the daemon goes away.
 #include <arpa/inet.h>
 #include <errno.h>
-#include <getopt.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/signalfd.h>
-#include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -20,6 +18,7 @@
 #include <tuple>
 #include <vector>
 
+#include "tool_options.h"
 #include "velt_nam_api.h"
 
 namespace {
@@ -50,10 +49,8 @@ const char kUsage[] =
     "permission: the socket admits root only), 2 for usage errors, 3 when the daemon\n"
     "is not running or goes away.\n";
 
-struct Invocation {
-  std::string socketPath;
-  bool json = false;
-  int timeoutSeconds = 10;
+// The common options (socket, json, timeout, words) and the command.
+struct Invocation : velt::tools::ToolOptions {
   bool watch = false;
 };
 
@@ -68,54 +65,15 @@ int fail(int code, const std::string& why) {
 }
 
 int parseArguments(int argc, char** argv, Invocation* inv, bool* helpOnly) {
-  enum { kOptSocket = 256, kOptJson, kOptTimeout };
-  static const struct option kLong[] = {
-      {"socket", required_argument, nullptr, kOptSocket},
-      {"json", no_argument, nullptr, kOptJson},
-      {"timeout", required_argument, nullptr, kOptTimeout},
-      {"help", no_argument, nullptr, 'h'},
-      {nullptr, 0, nullptr, 0},
-  };
-  const char* env = getenv(VELT_NAM_SOCKET_ENV);
-  inv->socketPath = env != nullptr && env[0] != '\0' ? env : VELT_NAM_DEFAULT_SOCKET;
-  opterr = 0;
-  int c;
-  while ((c = getopt_long(argc, argv, ":h", kLong, nullptr)) != -1) {
-    switch (c) {
-      case 'h':
-        *helpOnly = true;
-        return kExitOk;
-      case kOptSocket:
-        inv->socketPath = optarg;
-        break;
-      case kOptJson:
-        inv->json = true;
-        break;
-      case kOptTimeout: {
-        char* end = nullptr;
-        errno = 0;
-        long v = strtol(optarg, &end, 10);
-        if (errno != 0 || end == optarg || *end != '\0' || v < 1 || v > 3600) {
-          return usageError(std::string("--timeout: \"") + optarg + "\" is not a number of seconds (1..3600)");
-        }
-        inv->timeoutSeconds = static_cast<int>(v);
-        break;
-      }
-      case ':':
-        return usageError(std::string("option ") + argv[optind - 1] + " needs a value");
-      default:
-        return usageError(std::string("unknown option ") + argv[optind - 1]);
-    }
-  }
-  if (inv->socketPath.empty()) return usageError("the socket path is empty");
-  if (inv->socketPath.size() >= sizeof(sockaddr_un{}.sun_path)) {
-    return usageError("the socket path has " + std::to_string(inv->socketPath.size()) + " characters, at most " +
-                      std::to_string(sizeof(sockaddr_un{}.sun_path) - 1) + " fit");
-  }
-  if (optind >= argc) return usageError("no command");
-  std::string cmd = argv[optind];
+  std::string wrong =
+      velt::tools::parseToolOptions(argc, argv, VELT_NAM_SOCKET_ENV, VELT_NAM_DEFAULT_SOCKET, inv);
+  if (!wrong.empty()) return usageError(wrong);
+  *helpOnly = inv->help;
+  if (inv->help) return kExitOk;
+  if (inv->words.empty()) return usageError("no command");
+  const std::string& cmd = inv->words[0];
   if (cmd != "show" && cmd != "watch") return usageError("unknown command \"" + cmd + "\"");
-  if (optind + 1 < argc) return usageError(cmd + " takes no arguments");
+  if (inv->words.size() > 1) return usageError(cmd + " takes no arguments");
   inv->watch = cmd == "watch";
   return kExitOk;
 }
@@ -419,5 +377,7 @@ int main(int argc, char** argv) {
   Viewer viewer(inv);
   code = viewer.start();
   if (code != kExitOk) return code;
-  return inv.watch ? viewer.watch() : viewer.show();
+  code = inv.watch ? viewer.watch() : viewer.show();
+  if (code == kExitOk && fflush(stdout) != 0) return fail(kExitFailed, std::string("cannot write the output: ") + strerror(errno));
+  return code;
 }

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace nam_test {
 
@@ -47,6 +48,23 @@ std::string wireRecord(const WireAdapter& a) {
 }
 
 }  // namespace
+
+WireAdapter wireAdapter(uint32_t node, const std::string& iface, uint8_t status, const std::string& ipv4) {
+  WireAdapter a;
+  a.node = node;
+  a.iface = iface;
+  a.status = status;
+  a.ipv4 = ipv4;
+  a.device = "/dev/" + iface;
+  return a;
+}
+
+WireNetwork wireNetwork(uint64_t id, std::vector<WireAdapter> adapters) {
+  WireNetwork n;
+  n.id = id;
+  n.adapters = std::move(adapters);
+  return n;
+}
 
 std::string wireHeader(int32_t type, int32_t length) {
   std::string h(8, '\0');

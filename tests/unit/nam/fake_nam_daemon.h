@@ -48,6 +48,11 @@ struct WireNetwork {
   int64_t numDown = -1;
 };
 
+// An adapter with its device named after its interface.
+WireAdapter wireAdapter(uint32_t node, const std::string& iface, uint8_t status,
+                        const std::string& ipv4 = "10.0.0.1");
+WireNetwork wireNetwork(uint64_t id, std::vector<WireAdapter> adapters);
+
 // The 8-byte header.
 std::string wireHeader(int32_t type, int32_t length);
 // The daemon's init answer, header included.

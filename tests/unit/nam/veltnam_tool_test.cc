@@ -136,24 +136,11 @@ class ToolRun {
   std::string errBuf_;
 };
 
-WireAdapter adapter(uint32_t node, const std::string& iface, uint8_t status, const std::string& ip) {
-  WireAdapter a;
-  a.node = node;
-  a.iface = iface;
-  a.status = status;
-  a.ipv4 = ip;
-  a.device = "/dev/" + iface;
-  return a;
-}
-
 std::string fullTable() {
-  WireNetwork sxn;
-  sxn.id = 0x11;
-  sxn.adapters = {adapter(1, "sxn0", 1, "10.1.0.1"), adapter(2, "sxn0", 1, "10.1.0.2"),
-                  adapter(3, "sxn0", 0, "10.1.0.3")};
-  WireNetwork ib;
-  ib.id = 0xfe80000000000022ull;
-  ib.adapters = {adapter(1, "ib0", 1, "10.2.0.1"), adapter(2, "ib0", 2, "10.2.0.2")};
+  WireNetwork sxn = wireNetwork(0x11, {wireAdapter(1, "sxn0", 1, "10.1.0.1"), wireAdapter(2, "sxn0", 1, "10.1.0.2"),
+                                       wireAdapter(3, "sxn0", 0, "10.1.0.3")});
+  WireNetwork ib =
+      wireNetwork(0xfe80000000000022ull, {wireAdapter(1, "ib0", 1, "10.2.0.1"), wireAdapter(2, "ib0", 2, "10.2.0.2")});
   ib.adapters[0].gid = {0xfe, 0x80, 0x00, 0x01};
   ib.adapters[0].lid = 7;
   ib.adapters[0].spigot = 1;
@@ -161,10 +148,7 @@ std::string fullTable() {
 }
 
 std::string nodeTwoDown() {
-  WireNetwork sxn;
-  sxn.id = 0x11;
-  sxn.adapters = {adapter(2, "sxn0", 0, "10.1.0.2")};
-  return wireUpdate({sxn});
+  return wireUpdate({wireNetwork(0x11, {wireAdapter(2, "sxn0", 0, "10.1.0.2")})});
 }
 
 const std::regex kTimestamp("^\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}Z ");
@@ -241,10 +225,7 @@ TEST_F(VeltnamTool, ShowEscapesNamesItCannotPrint) {
   daemon_.serveOne(wireInitAnswer());
   ToolRun run({"--socket", daemon_.socketPath(), "--json", "show"});
   ASSERT_TRUE(daemon_.waitServed());
-  WireNetwork net;
-  net.id = 1;
-  net.adapters = {adapter(1, "a\"b\\c\x01\xe9", 1, "10.0.0.1")};
-  ASSERT_TRUE(daemon_.send(wireUpdate({net})));
+  ASSERT_TRUE(daemon_.send(wireUpdate({wireNetwork(1, {wireAdapter(1, "a\"b\\c\x01\xe9", 1)})})));
   EXPECT_EQ(run.wait(), 0) << run.err();
   EXPECT_NE(run.out().find("\"interface\":\"a\\\"b\\\\c\\u0001\\u00e9\""), std::string::npos) << run.out();
 }
@@ -264,13 +245,9 @@ TEST_F(VeltnamTool, WatchPrintsTheTableThenEachChange) {
   EXPECT_EQ(afterTime(run->line()), "changed network 0x0000000000000011 node 2 sxn0 10.1.0.2 down (was up)");
   // An adapter that moves, one that is new; a record sent again unchanged
   // prints nothing.
-  WireNetwork moved;
-  moved.id = 0x33;
-  moved.adapters = {adapter(3, "sxn0", 1, "10.1.0.3")};
-  WireNetwork again;
-  again.id = 0x11;
-  again.adapters = {adapter(1, "sxn0", 1, "10.1.0.1"), adapter(4, "sxn0", 1, "10.1.0.4")};
-  ASSERT_TRUE(daemon_.send(wireUpdate({again, moved})));
+  ASSERT_TRUE(daemon_.send(
+      wireUpdate({wireNetwork(0x11, {wireAdapter(1, "sxn0", 1, "10.1.0.1"), wireAdapter(4, "sxn0", 1, "10.1.0.4")}),
+                  wireNetwork(0x33, {wireAdapter(3, "sxn0", 1, "10.1.0.3")})})));
   EXPECT_EQ(afterTime(run->line()), "added network 0x0000000000000011 node 4 sxn0 10.1.0.4 up");
   EXPECT_EQ(afterTime(run->line()),
             "changed network 0x0000000000000033 node 3 sxn0 10.1.0.3 up (was down) (from network 0x0000000000000011)");
