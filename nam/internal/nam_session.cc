@@ -35,14 +35,22 @@ int remainingMs(int timeoutMs, int64_t startMs) {
   return left > 0 ? static_cast<int>(left) : 0;
 }
 
-// Waits until fd is ready for events or the time is up. 1 ready, 0 time
-// up, -1 poll failed (errno).
-int waitFor(int fd, short events, int timeoutMs, int64_t startMs) {
+// Waits until fd is ready for events within what is left of the wait.
+// VELT_NAM_OK when it is; otherwise the code, and in *why what did not come
+// (waitingFor) or why the wait failed.
+int waitReady(int fd, short events, int timeoutMs, int64_t startMs, const char* waitingFor, std::string* why) {
   while (true) {
     struct pollfd p = {fd, events, 0};
     int n = poll(&p, 1, remainingMs(timeoutMs, startMs));
-    if (n >= 0) return n > 0 ? 1 : 0;
-    if (errno != EINTR) return -1;
+    if (n > 0) return VELT_NAM_OK;
+    if (n == 0) {
+      *why = std::string(waitingFor) + " within " + std::to_string(timeoutMs) + " ms";
+      return VELT_NAM_SOCKET_INIT_FAILED;
+    }
+    if (errno != EINTR) {
+      *why = "cannot wait for the daemon's socket: " + errnoText(errno);
+      return VELT_NAM_POLL_ERROR;
+    }
   }
 }
 
@@ -127,15 +135,8 @@ int Session::sendInit(int timeoutMs, int64_t startMs, std::string* why) {
     int err = errno;
     if (err == EINTR) continue;
     if (err == EAGAIN || err == EWOULDBLOCK) {
-      int ready = waitFor(fd_, POLLOUT, timeoutMs, startMs);
-      if (ready < 0) {
-        *why = "cannot wait for the daemon's socket: " + errnoText(errno);
-        return VELT_NAM_POLL_ERROR;
-      }
-      if (ready == 0) {
-        *why = "the daemon took no init message within " + std::to_string(timeoutMs) + " ms";
-        return VELT_NAM_SOCKET_INIT_FAILED;
-      }
+      int rc = waitReady(fd_, POLLOUT, timeoutMs, startMs, "the daemon took no init message", why);
+      if (rc != VELT_NAM_OK) return rc;
       continue;
     }
     if (err == EPIPE || err == ECONNRESET) {
@@ -158,18 +159,10 @@ int Session::awaitConfig(int timeoutMs, int64_t startMs, std::string* why) {
         break;
       case Step::kFailed:
         return rc;
-      case Step::kWouldBlock: {
-        int ready = waitFor(fd_, POLLIN, timeoutMs, startMs);
-        if (ready < 0) {
-          *why = "cannot wait for the daemon's socket: " + errnoText(errno);
-          return VELT_NAM_POLL_ERROR;
-        }
-        if (ready == 0) {
-          *why = "no answer from the daemon within " + std::to_string(timeoutMs) + " ms";
-          return VELT_NAM_SOCKET_INIT_FAILED;
-        }
+      case Step::kWouldBlock:
+        rc = waitReady(fd_, POLLIN, timeoutMs, startMs, "no answer from the daemon", why);
+        if (rc != VELT_NAM_OK) return rc;
         break;
-      }
     }
   }
   return VELT_NAM_OK;
