@@ -103,7 +103,8 @@ int velt_nam_get_fd(velt_nam_handle_t handle, int* fd);
  * VELT_NAM_DAEMON_DISCONNECTED: the daemon has gone (updates that came
  * before are applied first and reported by an earlier VELT_NAM_OK).
  * VELT_NAM_READSOCK_ERROR: the daemon sent what this library cannot read,
- * or the socket failed. After either of the last two the session stays
+ * or the socket failed (updates before it in the same call stay applied, as
+ * mod_seq_num shows). After either of the last two the session stays
  * broken (every later update gives the same code) but its table stays
  * readable as it last was; end the session and open a new one. */
 int velt_nam_update(velt_nam_handle_t handle);

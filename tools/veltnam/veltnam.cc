@@ -199,7 +199,9 @@ class Viewer {
   int apply() {
     int rc = velt_nam_update(handle_);
     if (rc == VELT_NAM_NO_NEW_DATA && table_ != nullptr) return kExitOk;
-    if (rc == VELT_NAM_DAEMON_DISCONNECTED) return fail(kExitNoDaemon, velt_nam_last_error());
+    if (rc == VELT_NAM_DAEMON_DISCONNECTED) {
+      return fail(kExitNoDaemon, "the daemon at " + inv_.socketPath + " closed the connection");
+    }
     if (rc != VELT_NAM_OK && rc != VELT_NAM_NO_NEW_DATA) return fail(kExitFailed, velt_nam_last_error());
     velt_nam_node_adap_info* copy = nullptr;
     if (velt_nam_get_node_adap_info(handle_, VELT_NAM_ALL_NODES, &copy) != VELT_NAM_OK) {

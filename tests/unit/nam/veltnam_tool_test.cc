@@ -255,7 +255,7 @@ TEST_F(VeltnamTool, WatchPrintsTheTableThenEachChange) {
   daemon_.hangUp();
   EXPECT_EQ(run->wait(), 3);
   EXPECT_EQ(run->out(), "");
-  EXPECT_EQ(run->err(), "veltnam: velt_nam_update: the daemon closed the connection\n");
+  EXPECT_EQ(run->err(), "veltnam: the daemon at " + daemon_.socketPath() + " closed the connection\n");
 }
 
 TEST_F(VeltnamTool, WatchJsonIsOneObjectPerChangeAndEndsOnSigterm) {
