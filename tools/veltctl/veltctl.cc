@@ -3,7 +3,6 @@
 // one query, the answer) and prints text, or JSON for scripts.
 #include <arpa/inet.h>
 #include <errno.h>
-#include <getopt.h>
 #include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -19,6 +18,7 @@
 
 #include "frame_io.h"
 #include "kor_types.h"
+#include "tool_options.h"
 #include "velt.pb.h"
 
 namespace {
@@ -54,10 +54,8 @@ const char kUsage[] =
     "exit status: 0 on success, 1 when the agent cannot answer (not running, permission,\n"
     "unknown group, ...), 2 for usage errors.\n";
 
-struct Invocation {
-  std::string socketPath;
-  bool json = false;
-  int timeoutSeconds = 10;
+// The common options (socket, json, timeout, words) and the request.
+struct Invocation : velt::tools::ToolOptions {
   velt::proto::Query query;
   // resources: one KOR query per class, in order.
   std::vector<std::string> korClasses;
@@ -79,54 +77,11 @@ std::string errnoText(int err) {
 }
 
 int parseArguments(int argc, char** argv, Invocation* inv, bool* helpOnly) {
-  enum { kOptSocket = 256, kOptJson, kOptTimeout };
-  static const struct option kLong[] = {
-      {"socket", required_argument, nullptr, kOptSocket},
-      {"json", no_argument, nullptr, kOptJson},
-      {"timeout", required_argument, nullptr, kOptTimeout},
-      {"help", no_argument, nullptr, 'h'},
-      {nullptr, 0, nullptr, 0},
-  };
-  const char* env = getenv("VELT_AGENT_SOCKET");
-  inv->socketPath = env != nullptr && env[0] != '\0' ? env : kDefaultSocket;
-  opterr = 0;
-  optind = 1;
-  int c;
-  while ((c = getopt_long(argc, argv, ":h", kLong, nullptr)) != -1) {
-    switch (c) {
-      case 'h':
-        *helpOnly = true;
-        return kExitOk;
-      case kOptSocket:
-        inv->socketPath = optarg;
-        break;
-      case kOptJson:
-        inv->json = true;
-        break;
-      case kOptTimeout: {
-        char* end = nullptr;
-        errno = 0;
-        long v = strtol(optarg, &end, 10);
-        if (errno != 0 || end == optarg || *end != '\0' || v < 1 || v > 3600) {
-          return usageError(std::string("--timeout: \"") + optarg +
-                            "\" is not a number of seconds (1..3600)");
-        }
-        inv->timeoutSeconds = static_cast<int>(v);
-        break;
-      }
-      case ':':
-        return usageError(std::string("option ") + argv[optind - 1] + " needs a value");
-      default:
-        return usageError(std::string("unknown option ") + argv[optind - 1]);
-    }
-  }
-  if (inv->socketPath.empty()) return usageError("the socket path is empty");
-  if (inv->socketPath.size() >= sizeof(sockaddr_un{}.sun_path)) {
-    return usageError("the socket path is " + std::to_string(inv->socketPath.size()) +
-                      " characters long, at most " +
-                      std::to_string(sizeof(sockaddr_un{}.sun_path) - 1) + " fit");
-  }
-  std::vector<std::string> words(argv + optind, argv + argc);
+  std::string wrong = velt::tools::parseToolOptions(argc, argv, "VELT_AGENT_SOCKET", kDefaultSocket, inv);
+  if (!wrong.empty()) return usageError(wrong);
+  *helpOnly = inv->help;
+  if (inv->help) return kExitOk;
+  const std::vector<std::string>& words = inv->words;
   if (words.empty()) return usageError("no command");
   const std::string& cmd = words[0];
   if (cmd == "status" || cmd == "groups") {

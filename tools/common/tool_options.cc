@@ -1,0 +1,63 @@
+#include "tool_options.h"
+
+#include <errno.h>
+#include <getopt.h>
+#include <stdlib.h>
+#include <sys/un.h>
+
+namespace velt {
+namespace tools {
+
+std::string parseToolOptions(int argc, char** argv, const char* socketEnv, const char* defaultSocket,
+                             ToolOptions* out) {
+  enum { kOptSocket = 256, kOptJson, kOptTimeout };
+  static const struct option kLong[] = {
+      {"socket", required_argument, nullptr, kOptSocket},
+      {"json", no_argument, nullptr, kOptJson},
+      {"timeout", required_argument, nullptr, kOptTimeout},
+      {"help", no_argument, nullptr, 'h'},
+      {nullptr, 0, nullptr, 0},
+  };
+  const char* env = getenv(socketEnv);
+  out->socketPath = env != nullptr && env[0] != '\0' ? env : defaultSocket;
+  opterr = 0;
+  optind = 1;
+  int c;
+  while ((c = getopt_long(argc, argv, ":h", kLong, nullptr)) != -1) {
+    switch (c) {
+      case 'h':
+        out->help = true;
+        return "";
+      case kOptSocket:
+        out->socketPath = optarg;
+        break;
+      case kOptJson:
+        out->json = true;
+        break;
+      case kOptTimeout: {
+        char* end = nullptr;
+        errno = 0;
+        long v = strtol(optarg, &end, 10);
+        if (errno != 0 || end == optarg || *end != '\0' || v < 1 || v > 3600) {
+          return std::string("--timeout: \"") + optarg + "\" is not a number of seconds (1..3600)";
+        }
+        out->timeoutSeconds = static_cast<int>(v);
+        break;
+      }
+      case ':':
+        return std::string("option ") + argv[optind - 1] + " needs a value";
+      default:
+        return std::string("unknown option ") + argv[optind - 1];
+    }
+  }
+  if (out->socketPath.empty()) return "the socket path is empty";
+  if (out->socketPath.size() >= sizeof(sockaddr_un{}.sun_path)) {
+    return "the socket path is " + std::to_string(out->socketPath.size()) + " characters long, at most " +
+           std::to_string(sizeof(sockaddr_un{}.sun_path) - 1) + " fit";
+  }
+  out->words.assign(argv + optind, argv + argc);
+  return "";
+}
+
+}  // namespace tools
+}  // namespace velt
