@@ -27,6 +27,7 @@
 #include "NAMClient.h"
 #include "NAMServer.h"
 #include "TraceStream.h"
+#include "monitor_test_support.h"
 #include "sw_NAM_calls.h"
 #include "table_test_support.h"
 #include "veltnam_utils.h"
@@ -35,26 +36,33 @@ namespace {
 
 using table_test::makeInterface;
 
-constexpr std::chrono::milliseconds kBound{10000};
+using monitor_test::countOf;
+using monitor_test::kBound;
+using monitor_test::readFile;
+using monitor_test::waitUntil;
+
 constexpr int kNode = 7;
 constexpr int kHdr = static_cast<int>(sizeof(velt_nam_msg_hdr));
 constexpr int kNet = static_cast<int>(sizeof(velt_nam_connect_net_info));
 constexpr int kRec = static_cast<int>(sizeof(velt_nam_connect));
 
-bool waitUntil(const std::function<bool()>& pred, std::chrono::milliseconds bound = kBound) {
-  auto until = std::chrono::steady_clock::now() + bound;
-  while (!pred()) {
-    if (std::chrono::steady_clock::now() > until) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
+struct sockaddr_un addressOf(const std::string& path) {
+  struct sockaddr_un addr;
+  memset(&addr, 0, sizeof addr);
+  addr.sun_family = AF_UNIX;
+  strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
+  return addr;
 }
 
-std::string readAll(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
+// A socket bound at path (not listening); -1 on failure.
+int boundSocket(const std::string& path) {
+  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  struct sockaddr_un addr = addressOf(path);
+  if (bind(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) != 0) {
+    close(fd);
+    return -1;
+  }
+  return fd;
 }
 
 int32_t i32At(const std::string& b, size_t off) {
@@ -83,10 +91,7 @@ class RawClient {
  public:
   explicit RawClient(const std::string& path) {
     fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    struct sockaddr_un addr;
-    memset(&addr, 0, sizeof addr);
-    addr.sun_family = AF_UNIX;
-    strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
+    struct sockaddr_un addr = addressOf(path);
     connected_ = connect(fd_, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) == 0;
   }
   ~RawClient() { closeNow(); }
@@ -226,7 +231,7 @@ class NamServer : public ::testing::Test {
     unsetenv("TOLKVASK_SERVER_SOCKET");
     if (HasFailure()) {
       traceMarket->drainAllLogs();
-      std::string log = readAll(logFile_);
+      std::string log = readFile(logFile_);
       if (log.size() > 12000) log = log.substr(log.size() - 12000);
       std::cerr << "---- log tail ----\n" << log << std::endl;
     }
@@ -260,17 +265,12 @@ class NamServer : public ::testing::Test {
 
   std::string log() {
     traceMarket->drainAllLogs();
-    return readAll(logFile_);
+    return readFile(logFile_);
   }
   bool logHas(const std::string& text) {
     return waitUntil([&] { return log().find(text) != std::string::npos; });
   }
-  int count(const std::string& text) {
-    std::string all = log();
-    int n = 0;
-    for (size_t at = all.find(text); at != std::string::npos; at = all.find(text, at + 1)) ++n;
-    return n;
-  }
+  int count(const std::string& text) { return countOf(log(), text); }
 
   // The session that announced pid, under the list's lock.
   int queuedFor(int pid) {
@@ -646,12 +646,8 @@ TEST_F(NamServer, TheDaemonsExitStopsTheServerWithoutWaitingForAClient) {
 // ---------------------------------------------------- the socket's path
 
 TEST_F(NamServer, AStaleSocketFileFromAnEarlierRunIsRemoved) {
-  int old = socket(AF_UNIX, SOCK_STREAM, 0);
-  struct sockaddr_un addr;
-  memset(&addr, 0, sizeof addr);
-  addr.sun_family = AF_UNIX;
-  strncpy(addr.sun_path, socketPath_.c_str(), sizeof addr.sun_path - 1);
-  ASSERT_EQ(0, bind(old, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr));
+  int old = boundSocket(socketPath_);
+  ASSERT_GE(old, 0);
   close(old);  // the file stays, nobody listens
   startServer();
   EXPECT_TRUE(logHas("Removed the stale client socket " + socketPath_));
@@ -660,12 +656,8 @@ TEST_F(NamServer, AStaleSocketFileFromAnEarlierRunIsRemoved) {
 }
 
 TEST_F(NamServer, ASocketAnotherDaemonServesOnIsLeftToIt) {
-  int live = socket(AF_UNIX, SOCK_STREAM, 0);
-  struct sockaddr_un addr;
-  memset(&addr, 0, sizeof addr);
-  addr.sun_family = AF_UNIX;
-  strncpy(addr.sun_path, socketPath_.c_str(), sizeof addr.sun_path - 1);
-  ASSERT_EQ(0, bind(live, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr));
+  int live = boundSocket(socketPath_);
+  ASSERT_GE(live, 0);
   ASSERT_EQ(0, listen(live, 5));
   struct stat before;
   ASSERT_EQ(0, lstat(socketPath_.c_str(), &before));
@@ -691,7 +683,7 @@ TEST_F(NamServer, APathThatIsNotASocketIsLeftAlone) {
   started_ = true;
   EXPECT_TRUE(serverEnded());
   EXPECT_TRUE(logHas("is taken by a file that is not a socket"));
-  EXPECT_EQ("keep me", readAll(socketPath_));
+  EXPECT_EQ("keep me", readFile(socketPath_));
 }
 
 TEST_F(NamServer, WithoutTheSocketVariableTheServerEndsCleanly) {
