@@ -566,16 +566,22 @@ TEST_F(NamServer, TheEleventhQueuedRecordCutsOffAClientThatDoesNotReadAndNoOther
   ASSERT_TRUE(idle.handshake(300));
   ASSERT_TRUE(reader.handshake(301));
 
-  // The reader takes every update as it comes.
+  // The reader takes every update as it comes, however the stream is cut
+  // into reads.
   std::atomic<int> received{0};
   std::atomic<bool> readerFailed{false};
   std::atomic<bool> stop{false};
   std::thread readerThread([&] {
+    std::string pending;
     while (!stop.load()) {
-      std::string m = reader.recvMessage(std::chrono::milliseconds(200));
-      if (m.empty()) continue;
-      if (i32At(m, 0) != VELT_NAM_DAEMON_UPDATE_MSG) readerFailed = true;
-      received.fetch_add(1);
+      std::string more = reader.recvBytes(65536, std::chrono::milliseconds(100));
+      pending += more;
+      while (pending.size() >= static_cast<size_t>(kHdr) &&
+             pending.size() >= static_cast<size_t>(kHdr) + static_cast<size_t>(i32At(pending, 4))) {
+        if (i32At(pending, 0) != VELT_NAM_DAEMON_UPDATE_MSG || i32At(pending, 4) < 0) readerFailed = true;
+        pending.erase(0, static_cast<size_t>(kHdr) + static_cast<size_t>(std::max(0, i32At(pending, 4))));
+        received.fetch_add(1);
+      }
     }
   });
 
