@@ -185,3 +185,14 @@ TEST_F(NamSocketDaemon, WithoutTheSocketVariableTheDaemonRunsOnAndServesNoClient
   kill(daemon->pid(), SIGTERM);
   EXPECT_TRUE(daemon->waitExit(30));
 }
+
+TEST_F(NamSocketDaemon, OutsideTheClusterDomainTypeNoClientIsServed) {
+  env_["HA_DOMAIN_TYPE"] = "QUIL";
+  auto daemon = startDaemon(env_);
+  ASSERT_TRUE(daemon->waitForLog("Start to roll the protocols..", 30)) << daemon->log();
+  EXPECT_EQ(std::string::npos, daemon->log().find(" NAMServer run thread started.")) << daemon->log();
+  struct stat st;
+  EXPECT_NE(0, lstat(socketPath_.c_str(), &st));
+  kill(daemon->pid(), SIGTERM);
+  EXPECT_TRUE(daemon->waitExit(30));
+}
