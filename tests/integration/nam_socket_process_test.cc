@@ -186,7 +186,7 @@ TEST_F(NamSocketDaemon, WithoutTheSocketVariableTheDaemonRunsOnAndServesNoClient
   EXPECT_TRUE(daemon->waitExit(30));
 }
 
-TEST_F(NamSocketDaemon, OutsideTheClusterDomainTypeNoClientIsServed) {
+TEST_F(NamSocketDaemon, InTheQuilDomainTypeNoClientIsServed) {
   env_["HA_DOMAIN_TYPE"] = "QUIL";
   auto daemon = startDaemon(env_);
   ASSERT_TRUE(daemon->waitForLog("Start to roll the protocols..", 30)) << daemon->log();
