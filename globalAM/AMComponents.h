@@ -32,22 +32,9 @@ class AMAggregator : public GSThread {
 // The cluster configuration monitor (AMCfgMonitor.h).
 class AMCfgMonitor;
 
-class NAMServer : public GSThread {};
-
-// A local client's session thread (what the controller's client list and
-// the change publisher ask of it). Thread-safe: the server, the publisher
-// and the session itself call it.
-class NAMClient : public GSThread {
- public:
-  // The client's connected socket; -1 once closed. The session closes it
-  // while the server and the controller read it.
-  std::atomic<int> sock_fd{-1};
-  // Wakes the session with a velt_nam_event code.
-  virtual void wakeup(int event) = 0;
-  // Queues one update built from the delta table; -1 when the session was
-  // dropped for not reading. Called with veltnamSyncLock held.
-  virtual int queueEvent() = 0;
-};
+// The client server and the sessions of local clients.
+#include "NAMClient.h"
+#include "NAMServer.h"
 
 #include "AMMediator.h"
 

@@ -80,10 +80,10 @@ AMController::AMController() : GSController(kGsInterfaceWord), AMSRCDriver() {
 
   propagator = new AMPropagator();
 
-  // The configuration monitor; the start-up starts it in the cluster
-  // domain type only. The client server is created here once it is built;
-  // until then its place stays empty.
+  // The configuration monitor and the client server; the start-up starts
+  // them in the cluster domain type only.
   cfgMonitor = new AMCfgMonitor();
+  namServer = new NAMServer();
 
   AM_TRACE(TRACE_FYI) << "AMController is created, domainType=" << static_cast<long>(domainType)
                       << ", SW_HERDLET_NAM_LOCAL_VIEW = " << has_NAM_LocalView_Adapters << endl;
@@ -223,6 +223,7 @@ void AMController::RequestToExit() {
     wakeupAllAggregators(0);
     wakeupPropagator(0);
     wakeupCfgMonitor(0);
+    if (namServer) namServer->wakeup();
   }
 }
 
@@ -255,8 +256,7 @@ void AMController::performSRCRefresh() {
   TraceBlock tb(TraceLevel(TRACE_BLOCK), "AMController::performSRCRefresh()");
   if (pGAdapterCfgTbl) pGAdapterCfgTbl->refreshLocalTable(0);
   if (propagator) propagator->refreshRequested();
-  // In the cluster domain type the client server's adapter information is
-  // rebuilt here once the client server exists.
+  if (domainType == kCLUSTER && namServer && pGAdapterCfgTbl) pGAdapterCfgTbl->repopulateAllNAMInfoWithLock();
   if (domainType == kCLUSTER && isML0ForIBSupported()) {
     if (cfgMonitor) cfgMonitor->harvestGblNetworkInterfaces(1);
     for (int i = 0; i < mediators.count(); ++i) {
