@@ -1303,4 +1303,100 @@ TEST_F(ClusterDomain, KorEventSessionMovesWithTheConfigurationGroupsLeadership) 
       << "new leader " << next;
 }
 
+// ------------------------------------------- the daemon's local clients
+
+// What `veltnam show --json` on a node reports, as "NODE/IFNAME" -> status
+// ("up", "down", ...); empty when it fails.
+std::map<std::string, std::string> clientTable(int node) {
+  std::map<std::string, std::string> rows;
+  Result r = inNode(node, {"veltnam", "--json", "show"});
+  if (r.status != 0) return rows;
+  std::regex re("\"node\":([0-9]+),\"interface\":\"([^\"]+)\"[^}]*\"status\":\"([a-z]+)\"");
+  for (std::sregex_iterator it(r.out.begin(), r.out.end(), re), end; it != end; ++it) {
+    rows[(*it)[1].str() + "/" + (*it)[2].str()] = (*it)[3];
+  }
+  return rows;
+}
+
+bool allClientRowsUp(const std::map<std::string, std::string>& rows) {
+  if (rows.size() != 6) return false;
+  for (int n = 1; n <= kNodes; ++n) {
+    for (const char* i : {"sxn0", "sxn1"}) {
+      auto it = rows.find(std::to_string(n) + "/" + i);
+      if (it == rows.end() || it->second != "up") return false;
+    }
+  }
+  return true;
+}
+
+std::string describeRows(const std::map<std::string, std::string>& rows) {
+  std::string s;
+  for (const auto& e : rows) s += e.first + "=" + e.second + " ";
+  return s;
+}
+
+TEST_F(ClusterDomain, EveryNodesLocalClientsReadAllSixAdaptersUp) {
+  startDaemons({1, 2, 3});
+  if (HasFatalFailure()) return;
+  for (int n = 1; n <= kNodes; ++n) {
+    std::map<std::string, std::string> rows;
+    EXPECT_TRUE(waitUntil([&] { return allClientRowsUp(rows = clientTable(n)); }, kAgentMs))
+        << "node " << n << ": " << describeRows(rows) << "\n"
+        << describe(inNode(n, {"veltnam", "show"}));
+  }
+}
+
+TEST_F(ClusterDomain, AWatchingClientSeesAFailedAdapterDownAfterTheDownDelayAndUpAfterHeal) {
+  startDaemons({1, 2, 3});
+  if (HasFatalFailure()) return;
+  ASSERT_TRUE(waitUntil([] { return allClientRowsUp(clientTable(1)); }, kAgentMs));
+  NodeProcess watch(1, {"veltnam", "watch"});
+  ASSERT_NE("", watch.waitLine({"initial", "node 3 sxn1", " up"})) << watch.transcript();
+  auto failed = Clock::now();
+  ASSERT_EQ(0, cluster({"fail", "3", "sxn1"}).status);
+  std::string down = watch.waitLine({"changed", "node 3 sxn1", "down (was up)"}, kLinkMs + kAgentMs);
+  auto seen = Clock::now();
+  ASSERT_NE("", down) << watch.transcript();
+  // The daemon holds a down back for the down delay (2 s here) from when
+  // it learns of it, which is after the failure.
+  EXPECT_GE(std::chrono::duration_cast<milliseconds>(seen - failed).count(), 2000) << watch.transcript();
+  // Nothing else changed.
+  EXPECT_EQ(1u, watch.linesAfter(0, {"changed"}).size()) << watch.transcript();
+  ASSERT_EQ(0, cluster({"heal", "3", "sxn1"}).status);
+  EXPECT_NE("", watch.waitLine({"changed", "node 3 sxn1", "up (was down)"}, kLinkMs + kAgentMs))
+      << watch.transcript();
+}
+
+// A client that stops reading is cut off once eleven updates wait for it;
+// another client of the same daemon goes on. Each refresh sends every
+// client the whole table, so refreshes fill the silent client's socket and
+// then its queue.
+TEST_F(ClusterDomain, AClientThatStopsReadingIsCutOffWhileAnotherKeepsReceiving) {
+  startDaemons({1, 2, 3});
+  if (HasFatalFailure()) return;
+  ASSERT_TRUE(waitUntil([] { return allClientRowsUp(clientTable(1)); }, kAgentMs));
+  NodeProcess watch(1, {"veltnam", "watch"});
+  ASSERT_NE("", watch.waitLine({"initial", "node 3 sxn1", " up"})) << watch.transcript();
+  NodeProcess silent(1, {"nam_silent_client"});
+  ASSERT_NE("", silent.waitLine({"connected node=1"})) << silent.transcript();
+  int refreshes = 0;
+  std::string cut;
+  while (refreshes < 600) {
+    Result r = inNode(1, {"srcctl", "-s", "tolkvaskd", "refresh"});
+    ASSERT_EQ(0, r.status) << describe(r);
+    ++refreshes;
+    if (!(cut = silent.waitLine({"cut off"}, 20)).empty()) break;
+  }
+  if (cut.empty()) cut = silent.waitLine({"cut off"}, kAgentMs);
+  ASSERT_NE("", cut) << "after " << refreshes << " refreshes:\n" << silent.transcript();
+  printf("the silent client was cut off after %d refreshes\n", refreshes);
+  std::string log = logOf(1, "tolkvaskd.log");
+  EXPECT_NE(std::string::npos, log.find("eventList.size() > MAX_QUEUED_EVENTS. Wake up the thread and exit."));
+  // The watching client is still served.
+  ASSERT_EQ(0, cluster({"fail", "3", "sxn1"}).status);
+  EXPECT_NE("", watch.waitLine({"changed", "node 3 sxn1", "down (was up)"}, kLinkMs + kAgentMs))
+      << watch.transcript();
+  ASSERT_EQ(0, cluster({"heal", "3", "sxn1"}).status);
+}
+
 }  // namespace
