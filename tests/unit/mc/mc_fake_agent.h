@@ -283,6 +283,9 @@ class OnScopeExitHangUp {
   ~OnScopeExitHangUp() {
     release_.raise();
     agent_.hangUp();
+    // The script may still be inside release_.wait(), which the test
+    // declared and is about to destroy: let it leave first.
+    agent_.finished();
   }
   OnScopeExitHangUp(const OnScopeExitHangUp&) = delete;
   OnScopeExitHangUp& operator=(const OnScopeExitHangUp&) = delete;
