@@ -70,6 +70,7 @@
 
 #include "AMCfgMonitor.h"
 #include "AMController.h"
+#include "bench_figures.h"
 #include "AMNetIf.h"
 #include "NAMServer.h"
 #include "sw_NAM_calls.h"
@@ -77,6 +78,12 @@
 #include "velt_nam_api.h"
 
 namespace {
+
+using bench::numberArg;
+using bench::Spread;
+using bench::spreadOf;
+using bench::statusFieldKiB;
+using bench::verdict;
 
 constexpr int kFullNodes = 2048;
 constexpr int kInterfaces = MaxAdaptersOnNode;  // 48 per node
@@ -189,23 +196,6 @@ bool recvMessage(int fd, Message* m, int boundMs, std::string* why) {
     return false;
   }
   return true;
-}
-
-long statusFieldKiB(const char* pidText, const char* field) {
-  std::string path = std::string("/proc/") + pidText + "/status";
-  FILE* f = fopen(path.c_str(), "r");
-  if (f == nullptr) return -1;
-  char line[256];
-  long kib = -1;
-  const size_t len = strlen(field);
-  while (fgets(line, sizeof line, f) != nullptr) {
-    if (strncmp(line, field, len) == 0 && line[len] == ':') {
-      kib = strtol(line + len + 1, nullptr, 10);
-      break;
-    }
-  }
-  fclose(f);
-  return kib;
 }
 
 // ------------------------------------------------------------- the client
@@ -502,23 +492,6 @@ bool expectAnswer(const Child& child, int32_t kind, Message* m, std::string* why
 
 // ----------------------------------------------------------------- figures
 
-struct Spread {
-  double min = 0, median = 0, max = 0;
-};
-
-Spread spreadOf(std::vector<double> ms) {
-  Spread s;
-  if (ms.empty()) return s;
-  std::sort(ms.begin(), ms.end());
-  s.min = ms.front();
-  s.max = ms.back();
-  size_t n = ms.size();
-  s.median = n % 2 ? ms[n / 2] : (ms[n / 2 - 1] + ms[n / 2]) / 2;
-  return s;
-}
-
-const char* verdict(bool met) { return met ? "met" : "MISSED"; }
-
 // The target is met when the median is under it; the maximum is printed
 // beside it, and a maximum over the target is named.
 void printSpread(const char* what, const std::vector<double>& ms, double targetMs, const std::string& note) {
@@ -552,14 +525,6 @@ int usage() {
   fprintf(stderr, "usage: nam_bench [--nodes 1..%d] [--clients 1..%d] [--rounds 1..100]\n", kFullNodes,
           kFullClients);
   return 2;
-}
-
-bool numberArg(const char* text, int lo, int hi, int* out) {
-  char* end = nullptr;
-  long v = strtol(text, &end, 10);
-  if (end == text || *end != '\0' || v < lo || v > hi) return false;
-  *out = static_cast<int>(v);
-  return true;
 }
 
 // A private directory with the socket's path; false with *why.
