@@ -51,6 +51,7 @@
 
 #include "AMCfgMonitor.h"
 #include "AMController.h"
+#include "bench_figures.h"
 #include "AMNetIf.h"
 #include "kor_resources.h"
 #include "kor_store.h"
@@ -59,6 +60,11 @@
 #include "vx_mc.h"
 
 namespace {
+
+using bench::numberArg;
+using bench::Spread;
+using bench::spreadOf;
+using bench::verdict;
 
 using Clock = std::chrono::steady_clock;
 
@@ -321,22 +327,9 @@ class AgentProcess {
   long statusKiB(const char* field) const { return statusFieldKiB(pid_, field); }
 
   static long statusFieldKiB(pid_t pid, const char* field) {
-    if (pid <= 0) return -1;
-    std::string path = "/proc/" + std::to_string(pid) + "/status";
-    FILE* f = fopen(path.c_str(), "r");
-    if (f == nullptr) return -1;
-    char line[256];
-    long kib = -1;
-    const size_t len = strlen(field);
-    while (fgets(line, sizeof line, f) != nullptr) {
-      if (strncmp(line, field, len) == 0 && line[len] == ':') {
-        kib = strtol(line + len + 1, nullptr, 10);
-        break;
-      }
-    }
-    fclose(f);
-    return kib;
+    return pid <= 0 ? -1 : bench::statusFieldKiB(std::to_string(pid), field);
   }
+
 
   // The processor time veltd used so far (user and system), in ms; -1
   // when unreadable.
@@ -429,23 +422,6 @@ std::string checkInterfaceAnswer(const mc_query_rsp_t* rsp, uint32_t count, int 
 
 // ----------------------------------------------------------------- figures
 
-struct Spread {
-  double min = 0, median = 0, max = 0;
-};
-
-Spread spreadOf(std::vector<double> ms) {
-  Spread s;
-  if (ms.empty()) return s;
-  std::sort(ms.begin(), ms.end());
-  s.min = ms.front();
-  s.max = ms.back();
-  size_t n = ms.size();
-  s.median = n % 2 ? ms[n / 2] : (ms[n / 2 - 1] + ms[n / 2]) / 2;
-  return s;
-}
-
-const char* verdict(bool met) { return met ? "met" : "MISSED"; }
-
 void printSpread(const char* what, const std::vector<double>& ms, double targetMs, const std::string& note) {
   Spread s = spreadOf(ms);
   if (targetMs > 0) {
@@ -490,14 +466,6 @@ int configuredRows(AMGlobalAdapterTable* table, int nodes, std::string* wrong) {
 int usage() {
   fprintf(stderr, "usage: kor_bench [--nodes 1..%d] [--rounds 1..100]\n", kFullNodes);
   return 2;
-}
-
-bool numberArg(const char* text, int lo, int hi, int* out) {
-  char* end = nullptr;
-  long v = strtol(text, &end, 10);
-  if (end == text || *end != '\0' || v < lo || v > hi) return false;
-  *out = static_cast<int>(v);
-  return true;
 }
 
 // The whole run; its exit status. The agent is stopped and its directory

@@ -6,13 +6,19 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <chrono>
+#include <map>
 #include <memory>
+#include <vector>
 
 #include "AMController.h"
+#include "AMNetIf.h"
 #include "NAMServer.h"
 #include "TraceStream.h"
 #include "brel_signal.h"
@@ -60,7 +66,85 @@ char* packRecords(const veltnamNetAdaptInfo& net, int status, bool others, char*
   return out;
 }
 
+void traceUpdateCounts(size_t networks, size_t adapters) {
+  AMtracef(TRACE_FYI, "in packMsg(), _update_msg->num_networks = %u, _update_msg->num_adapter_info= %u\n",
+           static_cast<unsigned>(networks), static_cast<unsigned>(adapters));
+}
+
+void traceNetworkCounts(const velt_nam_connect_net_info& info) {
+  AMtracef(TRACE_FYI, "in packMsg(), network_id = %llx, num_connect = %u,num_up = %u, num_down = %u\n",
+           static_cast<unsigned long long>(info.network_id), info.num_connect, info.num_up, info.num_down);
+}
+
+// A record keeps this many characters of an interface name.
+constexpr size_t kNameKept = sizeof(velt_nam_connect::interface_name) - 1;
+
+// The place of a record within its network: UP, DOWN, the others.
+int groupOf(uint8_t status) {
+  return status == VELT_NAM_CONNECT_UP ? 0 : status == VELT_NAM_CONNECT_DOWN ? 1 : 2;
+}
+
+// One row of a node, with the network it is listed under.
+struct NodeRow {
+  const AMAdapterItem* row;
+  uint64_t network;
+};
+
+bool nodeRowLess(const NodeRow& a, const NodeRow& b) {
+  if (a.network != b.network) return a.network < b.network;
+  return strncmp(a.row->interfacename, b.row->interfacename, kNameKept) < 0;
+}
+
+// Calls visit(row, network) for every adapter a copy of the table made with
+// add_velt_nam_conn_item would hold, node by node and, within a node, by
+// network and name; of rows with the same node, network and name only the
+// last (the one whose record a copy keeps). False, before visiting
+// anything of it, as soon as a node comes after a higher one: the rows'
+// order then is not the records' order.
+template <typename Visit>
+bool forEachRecordedRow(AdapterItemCollection& rows, Visit visit) {
+  std::vector<NodeRow> node;
+  node.reserve(MaxAdaptersOnNode);
+  auto flush = [&]() {
+    std::stable_sort(node.begin(), node.end(), nodeRowLess);
+    for (size_t i = 0; i < node.size(); ++i) {
+      if (i + 1 < node.size() && !nodeRowLess(node[i], node[i + 1])) continue;  // a later row replaces it
+      visit(*node[i].row, node[i].network);
+    }
+    node.clear();
+  };
+  uint32_t current = 0;
+  for (auto& entry : rows) {
+    const AMAdapterItem* row = entry.second;
+    const uint32_t number = static_cast<uint32_t>(row->nodenumber);
+    if (!node.empty() && number != current) {
+      if (number < current) return false;
+      flush();
+    }
+    current = number;
+    node.push_back({row, row->networkId64});
+  }
+  flush();
+  return true;
+}
+
 }  // namespace
+
+bool MappedBody::allocate(size_t length) {
+  release();
+  if (length == 0) return true;
+  void* base = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (base == MAP_FAILED) return false;
+  base_ = base;
+  length_ = length;
+  return true;
+}
+
+void MappedBody::release() {
+  if (base_ != nullptr) munmap(base_, length_);
+  base_ = nullptr;
+  length_ = 0;
+}
 
 NAMClient::NAMClient() = default;
 
@@ -152,17 +236,22 @@ bool NAMClient::sendInitialMessages() {
   // The whole table is read after the queue is emptied, so that it already
   // holds every change queued so far and no older record follows it.
   checkAndEmptyEventList();
-  veltnamNetInfoList table;
-  AMController* ctl = amController();
-  if (ctl) ctl->obtainAdapterInfoFromGlobalTable(table, 0);
   AM_TRACE(TRACE_FYI) << "packMsg() to send to the lib the initial  adapter table." << endl;
   velt_nam_msg_hdr updateHdr = {0, 0};
+  MappedBody packed;
   char* updateMsgBody = nullptr;
-  packMsg(&updateHdr, &updateMsgBody, table);
-  clear_net_adapter_table(table);
-  rc = writeSock(updateHdr, updateMsgBody, errCode);
+  AMGlobalAdapterTable* adapters = AMController::pGAdapterCfgTbl;
+  if (adapters == nullptr || packAdapterTable(adapters, &updateHdr, &packed) < 0) {
+    veltnamNetInfoList table;
+    AMController* ctl = amController();
+    if (ctl) ctl->obtainAdapterInfoFromGlobalTable(table, 0);
+    packMsg(&updateHdr, &updateMsgBody, table);
+    clear_net_adapter_table(table);
+  }
+  rc = writeSock(updateHdr, updateMsgBody != nullptr ? updateMsgBody : packed.data(), errCode);
   AM_TRACE(TRACE_DEBUG) << "delete[] updateMsgBody" << endl;
   delete[] updateMsgBody;
+  packed.release();
   if (rc <= 0) {
     AM_TRACE(TRACE_FYI) << "errCode = " << errCode << " and so close the socket." << endl;
     closeSocket();
@@ -452,8 +541,7 @@ int NAMClient::packMsg(velt_nam_msg_hdr* hdr, char** body, const veltnamNetInfoL
   counts.num_networks = static_cast<int32_t>(table.size());
   counts.num_adapter_info = static_cast<int32_t>(adapters);
   memcpy(*body, &counts, sizeof counts);
-  AMtracef(TRACE_FYI, "in packMsg(), _update_msg->num_networks = %u, _update_msg->num_adapter_info= %u\n",
-           static_cast<unsigned>(counts.num_networks), static_cast<unsigned>(counts.num_adapter_info));
+  traceUpdateCounts(table.size(), adapters);
 
   char* out = *body + sizeof counts;
   for (const auto& entry : table) {
@@ -468,8 +556,7 @@ int NAMClient::packMsg(velt_nam_msg_hdr* hdr, char** body, const veltnamNetInfoL
       if (rec->status == VELT_NAM_CONNECT_UP) info.num_up++;
       if (rec->status == VELT_NAM_CONNECT_DOWN) info.num_down++;
     }
-    AMtracef(TRACE_FYI, "in packMsg(), network_id = %llx, num_connect = %u,num_up = %u, num_down = %u\n",
-             static_cast<unsigned long long>(info.network_id), info.num_connect, info.num_up, info.num_down);
+    traceNetworkCounts(info);
     memcpy(out, &info, sizeof info);
     out += sizeof info;
     // Clients read a network's records as UP, then DOWN, then the others.
@@ -477,5 +564,57 @@ int NAMClient::packMsg(velt_nam_msg_hdr* hdr, char** body, const veltnamNetInfoL
     out = packRecords(net, VELT_NAM_CONNECT_DOWN, false, out);
     out = packRecords(net, 0, true, out);
   }
+  return static_cast<int>(length);
+}
+
+int NAMClient::packAdapterTable(AMGlobalAdapterTable* table, velt_nam_msg_hdr* hdr, MappedBody* body) {
+  GSReadGuard hold(*table);
+  AdapterItemCollection& rows = table->getAdapterItemList();
+  // First the counts of every network, UP, DOWN and the others apart: they
+  // give each record its place in the body.
+  std::map<uint64_t, std::array<size_t, 3>> counts;
+  size_t adapters = 0;
+  bool ordered = forEachRecordedRow(rows, [&](const AMAdapterItem& row, uint64_t network) {
+    counts[network][groupOf(static_cast<uint8_t>(velt_nam_status_of(row)))]++;
+    ++adapters;
+  });
+  if (!ordered) return -1;
+  const size_t length = 12 + sizeof(velt_nam_connect_net_info) * counts.size() + sizeof(velt_nam_connect) * adapters;
+  if (!body->allocate(length)) return -1;
+  hdr->msg_type = VELT_NAM_DAEMON_UPDATE_MSG;
+  hdr->msg_length = static_cast<int32_t>(length);
+
+  velt_nam_daemon_update_msg header;
+  header.num_networks = static_cast<int32_t>(counts.size());
+  header.num_adapter_info = static_cast<int32_t>(adapters);
+  memcpy(body->data(), &header, sizeof header);
+  traceUpdateCounts(counts.size(), adapters);
+  std::map<uint64_t, std::array<char*, 3>> next;
+  char* out = body->data() + sizeof header;
+  for (const auto& entry : counts) {
+    velt_nam_connect_net_info info;
+    memset(&info, 0, sizeof info);
+    info.network_id = entry.first;
+    info.num_up = static_cast<uint32_t>(entry.second[0]);
+    info.num_down = static_cast<uint32_t>(entry.second[1]);
+    info.num_connect = static_cast<uint32_t>(entry.second[0] + entry.second[1] + entry.second[2]);
+    traceNetworkCounts(info);
+    memcpy(out, &info, sizeof info);
+    out += sizeof info;
+    std::array<char*, 3>& at = next[entry.first];
+    for (int g = 0; g < 3; ++g) {
+      at[g] = out;
+      out += sizeof(velt_nam_connect) * entry.second[g];
+    }
+  }
+  // Then the records, each at the next place of its group; the rows are
+  // read under the same lock, so they are what was counted.
+  forEachRecordedRow(rows, [&](const AMAdapterItem& row, uint64_t network) {
+    velt_nam_connect rec;
+    build_velt_nam_conn_item(row, &rec);
+    char*& at = next[network][groupOf(rec.status)];
+    memcpy(at, &rec, sizeof rec);
+    at += sizeof rec;
+  });
   return static_cast<int>(length);
 }

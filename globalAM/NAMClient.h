@@ -23,7 +23,30 @@
 #include "velt_nam.h"
 #include "veltnam_utils.h"
 
+class AMGlobalAdapterTable;
 class NAMServer;
+
+// A message body in an anonymous mapping of its own, zero-filled. A whole
+// cluster's table is megabytes held only while one session writes it; a
+// mapping goes back to the system when the write is done instead of staying
+// in the session thread's malloc arena. Thread-compatible.
+class MappedBody {
+ public:
+  MappedBody() = default;
+  ~MappedBody() { release(); }
+  MappedBody(const MappedBody&) = delete;
+  MappedBody& operator=(const MappedBody&) = delete;
+
+  // False when no memory could be mapped.
+  bool allocate(size_t length);
+  void release();
+  char* data() const { return static_cast<char*>(base_); }
+  size_t size() const { return length_; }
+
+ private:
+  void* base_ = nullptr;
+  size_t length_ = 0;
+};
 
 // Records queued for one client at most; the one after them finds the client
 // not reading, and the client is cut off.
@@ -121,6 +144,13 @@ class NAMClient : public GSThread {
   // the previous buffer) with a new zero-filled buffer of the message's
   // length and returns that length.
   static int packMsg(velt_nam_msg_hdr* hdr, char** body, const veltnamNetInfoList& table);
+  // Packs every row of the adapter table into the update a new client is
+  // sent, byte for byte what packMsg makes of
+  // obtainAdapterInfoFromGlobalTable's copy, but straight from the rows
+  // into body. Takes the table's read lock. Returns the body's length, or -1
+  // when the rows are not in ascending node order (the caller then packs the
+  // copy) or memory ran out.
+  static int packAdapterTable(AMGlobalAdapterTable* table, velt_nam_msg_hdr* hdr, MappedBody* body);
 
   // The client's connected socket; -1 once closed. The server and the
   // controller read it to find and watch the session.

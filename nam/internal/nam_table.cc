@@ -29,8 +29,6 @@ struct NetworkCopy {
   std::vector<const velt_nam_connect*> records;
 };
 
-bool isOther(uint8_t status) { return status != VELT_NAM_CONNECT_UP && status != VELT_NAM_CONNECT_DOWN; }
-
 }  // namespace
 
 int refuseMessage(std::string* why, const char* fmt, ...) {
@@ -155,7 +153,8 @@ int AdapterTable::parseUpdate(const uint8_t* body, size_t length, std::vector<In
 int AdapterTable::checkMergeLimits(const std::vector<Incoming>& incoming, std::string* why) const {
   // Where each adapter of the update ends up (a later record wins), and
   // how that changes the size of each network.
-  std::map<AdapterKey, uint64_t> destination;
+  std::unordered_map<AdapterKey, uint64_t, AdapterKeyHash> destination;
+  destination.reserve(incoming.size());
   for (const Incoming& in : incoming) destination[AdapterKey(in.record)] = in.networkId;
   uint64_t adapters = networkOf_.size();
   std::map<uint64_t, int64_t> growth;
@@ -193,16 +192,36 @@ int AdapterTable::applyUpdate(const uint8_t* body, size_t length, std::string* w
   int rc = parseUpdate(body, length, &incoming, why);
   if (rc == VELT_NAM_OK) rc = checkMergeLimits(incoming, why);
   if (rc != VELT_NAM_OK) return rc;
+  if (networkOf_.empty()) networkOf_.reserve(incoming.size());
+  // The daemon sends each network's records together, each status in key
+  // order, so the place after the last record inserted is usually the
+  // right one for the next.
+  Records* records = nullptr;
+  uint64_t recordsOf = 0;
+  Records::iterator hint;
   for (const Incoming& in : incoming) {
     AdapterKey key(in.record);
     auto was = networkOf_.find(key);
     if (was != networkOf_.end() && was->second != in.networkId) {
       auto oldNet = networks_.find(was->second);
       oldNet->second.erase(key);
-      if (oldNet->second.empty()) networks_.erase(oldNet);
+      if (oldNet->second.empty()) {
+        if (records == &oldNet->second) records = nullptr;
+        networks_.erase(oldNet);
+      }
     }
-    networks_[in.networkId][key] = in.record;
-    networkOf_[key] = in.networkId;
+    if (records == nullptr || recordsOf != in.networkId) {
+      records = &networks_[in.networkId];
+      recordsOf = in.networkId;
+      hint = records->end();
+    }
+    hint = records->insert_or_assign(hint, key, in.record);
+    ++hint;
+    if (was == networkOf_.end()) {
+      networkOf_.emplace(key, in.networkId);
+    } else {
+      was->second = in.networkId;
+    }
   }
   modSeqNum_ = modSeqNum_ == INT_MAX ? 1 : modSeqNum_ + 1;
   return VELT_NAM_OK;
@@ -216,22 +235,36 @@ namespace {
 template <typename Networks>
 std::vector<NetworkCopy> chooseRecords(const Networks& networks, int node) {
   std::vector<NetworkCopy> out;
+  // One walk over each network, sorting into the three groups; the records
+  // of one node are found from its first key on.
+  std::vector<const velt_nam_connect*> down;
+  std::vector<const velt_nam_connect*> others;
   for (const auto& net : networks) {
     NetworkCopy copy{};
     copy.info.network_id = net.first;
-    for (int pass = 0; pass < 3; ++pass) {
-      for (const auto& r : net.second) {
-        const velt_nam_connect& rec = r.second;
-        if (node != VELT_NAM_ALL_NODES && rec.node_number != static_cast<uint32_t>(node)) continue;
-        bool wanted = pass == 0   ? rec.status == VELT_NAM_CONNECT_UP
-                      : pass == 1 ? rec.status == VELT_NAM_CONNECT_DOWN
-                                  : isOther(rec.status);
-        if (!wanted) continue;
+    down.clear();
+    others.clear();
+    auto r = net.second.begin();
+    if (node != VELT_NAM_ALL_NODES) {
+      velt_nam_connect first{};
+      first.node_number = static_cast<uint32_t>(node);
+      r = net.second.lower_bound(AdapterKey(first));
+    }
+    for (; r != net.second.end(); ++r) {
+      const velt_nam_connect& rec = r->second;
+      if (node != VELT_NAM_ALL_NODES && rec.node_number != static_cast<uint32_t>(node)) break;
+      if (rec.status == VELT_NAM_CONNECT_UP) {
         copy.records.push_back(&rec);
-        if (pass == 0) ++copy.info.num_up;
-        if (pass == 1) ++copy.info.num_down;
+      } else if (rec.status == VELT_NAM_CONNECT_DOWN) {
+        down.push_back(&rec);
+      } else {
+        others.push_back(&rec);
       }
     }
+    copy.info.num_up = static_cast<uint32_t>(copy.records.size());
+    copy.info.num_down = static_cast<uint32_t>(down.size());
+    copy.records.insert(copy.records.end(), down.begin(), down.end());
+    copy.records.insert(copy.records.end(), others.begin(), others.end());
     copy.info.num_connect = static_cast<uint32_t>(copy.records.size());
     if (copy.info.num_connect > 0) out.push_back(std::move(copy));
   }

@@ -9,6 +9,7 @@
 
 #include <map>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "velt_nam.h"
@@ -36,17 +37,33 @@ uint64_t updateBodyLength(uint64_t networks, uint64_t adapters);
 
 // An adapter: node number, then interface name. The daemon orders records
 // this way (unsigned node numbers, then strcmp of the names), and nothing
-// else takes part in an adapter's identity.
+// else takes part in an adapter's identity. The name is kept up to its
+// first NUL and zero-filled after it, so that comparing all its bytes
+// orders keys as strcmp would and a whole cluster's table is keyed without
+// a string comparison per step.
 struct AdapterKey {
   uint32_t node;
   char name[sizeof(velt_nam_connect{}.interface_name)];
 
   explicit AdapterKey(const velt_nam_connect& rec) : node(rec.node_number) {
-    memcpy(name, rec.interface_name, sizeof name);
+    size_t length = strnlen(rec.interface_name, sizeof name);
+    memcpy(name, rec.interface_name, length);
+    memset(name + length, 0, sizeof name - length);
   }
   bool operator<(const AdapterKey& other) const {
     if (node != other.node) return node < other.node;
-    return strncmp(name, other.name, sizeof name) < 0;
+    return memcmp(name, other.name, sizeof name) < 0;
+  }
+  bool operator==(const AdapterKey& other) const {
+    return node == other.node && memcmp(name, other.name, sizeof name) == 0;
+  }
+};
+
+struct AdapterKeyHash {
+  size_t operator()(const AdapterKey& key) const {
+    uint64_t h = 1469598103934665603ull ^ key.node;  // FNV-1a
+    for (char c : key.name) h = (h ^ static_cast<unsigned char>(c)) * 1099511628211ull;
+    return static_cast<size_t>(h ^ (h >> 29));
   }
 };
 
@@ -96,8 +113,9 @@ class AdapterTable {
   Limits limits_;
   int modSeqNum_ = 0;
   std::map<uint64_t, Records> networks_;
-  // Which network each adapter is in.
-  std::map<AdapterKey, uint64_t> networkOf_;
+  // Which network each adapter is in; looked up once per record of every
+  // update, so hashed.
+  std::unordered_map<AdapterKey, uint64_t, AdapterKeyHash> networkOf_;
 };
 
 }  // namespace internal

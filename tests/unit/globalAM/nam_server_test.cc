@@ -27,6 +27,7 @@
 #include "NAMClient.h"
 #include "NAMServer.h"
 #include "TraceStream.h"
+#include "sw_adapter_info.h"
 #include "monitor_test_support.h"
 #include "sw_NAM_calls.h"
 #include "table_test_support.h"
@@ -411,6 +412,44 @@ TEST_F(NamServer, ANewClientReceivesEveryRowOfTheTable) {
   EXPECT_EQ(0xB1u, u64At(full, 16 + kNet + kRec));
   EXPECT_EQ(3u, u32At(full, 16 + kNet + kRec + kNet));
   EXPECT_TRUE(logHas("packMsg() to send to the lib the initial  adapter table."));
+}
+
+TEST_F(NamServer, TheWholeTableIsPackedStraightFromTheRowsByteForByteAsFromACopy) {
+  AMGlobalAdapterTable* table = AMController::pGAdapterCfgTbl;
+  // Names whose text order is not the order of their indexes, networks not
+  // in the order of the names, and every status.
+  const char* names[] = {"sxn0", "sxn2", "sxn10", "sxn1", "ib3"};
+  for (int node = 1; node <= 6; ++node) {
+    for (int i = 0; i < 5; ++i) {
+      std::string ip = "10." + std::to_string(i) + ".0." + std::to_string(node);
+      table->setAdapterDefinedWithLock(makeInterface(node, names[i], ip.c_str(), 0xB0 + (4 - i) % 3));
+    }
+  }
+  table_test::Members up;
+  for (int node = 1; node <= 6; ++node) {
+    for (int i = 0; i < 5; i += 2) up.add(node, _idxFromInterfaceName(names[i]));
+  }
+  table->updateAdapterStateWithLock(1, up.get(), 0);
+  table->setAllAdapterUndefinedOnNodeWithLock(4);
+  table->setAllAdapterStoppedOnNodeWithLock(5);
+  // Two rows of one node that were never defined: no name, one record.
+  table->updateAdapterStateWithLock(1, table_test::Members().add(2, 40).add(2, 41).get(), 0);
+  reflect_NAM_changes();
+
+  veltnamNetInfoList copy;
+  ASSERT_EQ(0, ctl_->obtainAdapterInfoFromGlobalTable(copy, 0));
+  velt_nam_msg_hdr fromCopy = {0, 0};
+  char* copyBody = nullptr;
+  NAMClient::packMsg(&fromCopy, &copyBody, copy);
+  clear_net_adapter_table(copy);
+  velt_nam_msg_hdr straight = {0, 0};
+  MappedBody body;
+  ASSERT_EQ(fromCopy.msg_length, NAMClient::packAdapterTable(table, &straight, &body));
+  EXPECT_EQ(fromCopy.msg_type, straight.msg_type);
+  EXPECT_EQ(fromCopy.msg_length, straight.msg_length);
+  EXPECT_EQ(12 + 4 * kNet + 31 * kRec, straight.msg_length);  // the unnamed row on network 0
+  EXPECT_EQ(std::string(copyBody, fromCopy.msg_length), std::string(body.data(), straight.msg_length));
+  delete[] copyBody;
 }
 
 // ------------------------------------------------------------ life cycle

@@ -1,0 +1,64 @@
+// What the benchmarks share in taking and printing their figures: the
+// spread of a series of rounds, the verdict beside a target, their number
+// options and a process's memory from /proc.
+#ifndef VELT_BENCH_BENCH_FIGURES_H_
+#define VELT_BENCH_BENCH_FIGURES_H_
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+namespace bench {
+
+struct Spread {
+  double min = 0, median = 0, max = 0;
+};
+
+inline Spread spreadOf(std::vector<double> ms) {
+  Spread s;
+  if (ms.empty()) return s;
+  std::sort(ms.begin(), ms.end());
+  s.min = ms.front();
+  s.max = ms.back();
+  size_t n = ms.size();
+  s.median = n % 2 ? ms[n / 2] : (ms[n / 2 - 1] + ms[n / 2]) / 2;
+  return s;
+}
+
+inline const char* verdict(bool met) { return met ? "met" : "MISSED"; }
+
+// A whole decimal number from lo to hi; false for anything else.
+inline bool numberArg(const char* text, int lo, int hi, int* out) {
+  char* end = nullptr;
+  long v = strtol(text, &end, 10);
+  if (end == text || *end != '\0' || v < lo || v > hi) return false;
+  *out = static_cast<int>(v);
+  return true;
+}
+
+// A line of /proc/<pid>/status ("VmHWM") in KiB, pid a number or "self";
+// -1 when unreadable.
+inline long statusFieldKiB(const std::string& pid, const char* field) {
+  std::string path = "/proc/" + pid + "/status";
+  FILE* f = fopen(path.c_str(), "r");
+  if (f == nullptr) return -1;
+  char line[256];
+  long kib = -1;
+  const size_t len = strlen(field);
+  while (fgets(line, sizeof line, f) != nullptr) {
+    if (strncmp(line, field, len) == 0 && line[len] == ':') {
+      kib = strtol(line + len + 1, nullptr, 10);
+      break;
+    }
+  }
+  fclose(f);
+  return kib;
+}
+
+}  // namespace bench
+
+#endif  // VELT_BENCH_BENCH_FIGURES_H_
