@@ -6,10 +6,12 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <regex>
 #include <thread>
 
 #include "daemon_harness.h"
+#include "internal/src_wire.h"
 
 using velt_test::CommandResult;
 using velt_test::Daemon;
@@ -439,6 +441,45 @@ TEST_F(RunningDaemon, MalformedRequestDatagramsNeverStopTheDaemon) {
   CommandResult r = daemon_->srcctl({"status", "-l"});
   EXPECT_EQ(0, r.status) << r.err;
   EXPECT_NE(std::string::npos, r.out.find("Status information for subsystem tolkvaskd:")) << r.out;
+  EXPECT_TRUE(daemon_->running());
+}
+
+TEST_F(RunningDaemon, RequesterThatNeverReadsDoesNotHoldOtherOperators) {
+  startDaemon();
+  int s = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  ASSERT_GE(s, 0);
+  struct sockaddr_un self = {};
+  self.sun_family = AF_UNIX;
+  ASSERT_EQ(0, bind(s, reinterpret_cast<sockaddr*>(&self), sizeof(sa_family_t)));
+  struct sockaddr_un addr = {};
+  addr.sun_family = AF_UNIX;
+  std::string path = env_["VELT_SRC_DIR"] + "/tolkvaskd";
+  strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
+  velt_src::Request longStatus;
+  longStatus.action = velt_src::ACT_STATUS;
+  longStatus.flags = 1;
+  std::string request, why;
+  ASSERT_EQ(0, velt_src::encodeRequest(longStatus, &request, &why)) << why;
+  // Far more long status requests than this socket's queue holds replies
+  // for, none of them read; a full daemon queue is waited out (bounded).
+  int sent = 0;
+  for (int tries = 0; sent < 200 && tries < 2000; ++tries) {
+    if (sendto(s, request.data(), request.size(), MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&addr),
+               sizeof addr) == static_cast<ssize_t>(request.size())) {
+      ++sent;
+    } else {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+  }
+  EXPECT_EQ(200, sent);
+  CommandResult r = daemon_->srcctl({"--timeout", "1", "status", "-l"});
+  EXPECT_EQ(0, r.status) << r.err;
+  EXPECT_NE(std::string::npos, r.out.find("Status information for subsystem tolkvaskd:")) << r.out;
+  EXPECT_TRUE(daemon_->waitForLog("] dropped: the requester does not read its replies (no room to send). "
+                                  "SRC replies dropped so far: ",
+                                  10))
+      << daemon_->log();
+  close(s);
   EXPECT_TRUE(daemon_->running());
 }
 
