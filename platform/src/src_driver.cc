@@ -20,6 +20,7 @@
 
 #include "internal/src_wire.h"
 #include "src_client.h"
+#include "vx_cu.h"
 
 using velt_src::Request;
 
@@ -43,14 +44,18 @@ long long monotonicMs() {
 // this the ones below the limit are forgotten first.
 constexpr size_t kMaxTrackedRequesters = 1024;
 
-// Creates dir and its missing parents, each mode 0700. Returns 0, or an
-// errno value.
+// Creates dir and its missing parents, each mode 0700 whatever the umask.
+// Returns 0, or an errno value.
 int makeDirectories(const std::string& dir) {
   size_t pos = 1;
   for (;;) {
     size_t slash = dir.find('/', pos);
     std::string prefix = dir.substr(0, slash);
-    if (mkdir(prefix.c_str(), 0700) != 0 && errno != EEXIST) return errno;
+    if (mkdir(prefix.c_str(), 0700) == 0) {
+      if (chmod(prefix.c_str(), 0700) != 0) return errno;
+    } else if (errno != EEXIST) {
+      return errno;
+    }
     if (slash == std::string::npos) break;
     pos = slash + 1;
   }
@@ -145,6 +150,14 @@ int SRCDriver::InitSRC(int syscall_restarts, const char* excl_file, int excl_id,
   if (int e = makeDirectories(dir)) {
     return failSocket(e, "cannot create the request socket directory " + dir + ": " + errnoText(e),
                       __LINE__);
+  }
+  char unsafe[512];
+  if (cu_check_private_dir(dir.c_str(), geteuid(), unsafe, sizeof unsafe) != 0) {
+    int e = errno;
+    setError(e, (std::string("the request socket directory is not private: ") + unsafe).c_str(),
+             __FILE__, "InitSRC", __LINE__);
+    close(xfd);
+    return velt_src::SRC_DIR_UNSAFE;
   }
   // We hold the exclusive lock, so a socket file left here belongs to a
   // dead instance; anything that is not a socket is not ours to remove.

@@ -47,6 +47,7 @@ enum SRCResult {
   SRC_EXCL_LOCKED = 3,     // another instance holds the exclusive file
   SRC_SOCKET = 4,          // the request socket could not be made
   SRC_ALREADY = 5,         // InitSRC called twice
+  SRC_DIR_UNSAFE = 6,      // the socket directory is not private to us (see InitSRC)
 };
 
 // Replies one requester address may have unread while the socket's output
@@ -79,6 +80,10 @@ class SRCDriver {
 
   // Takes an exclusive lock on excl_file (created if missing; a second
   // instance fails with SRC_EXCL_LOCKED), then opens the request socket.
+  // The socket's directory (created mode 0700 when missing) must be a real
+  // directory owned by root or this process's effective user and not
+  // writable by group or others, else SRC_DIR_UNSAFE: whoever could write
+  // there could replace the socket and answer in the daemon's name.
   // syscall_restarts: non-zero lets interrupted calls restart. excl_id is
   // combined with the file into the "semaphore key" shown in errors.
   // sigdanger_handler is accepted for compatibility and not used.

@@ -3,10 +3,12 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <functional>
 #include <regex>
 #include <thread>
 
@@ -148,6 +150,53 @@ TEST(StartUp, ConfigPathWithoutRunDirectoryFailsAtSrcSetUp) {
   // The start-up checks passed: the SRC set-up was reached.
   EXPECT_NE(std::string::npos, d.out().find("Attempting to initialize the SRC.")) << d.out();
   EXPECT_NE(std::string::npos, d.err().find("SW_HERDLET_RUN_DIR not specified.")) << d.err();
+}
+
+// Starts the daemon on an SRC directory prepared by prepare and expects
+// the SRC set-up to fail with SRC_DIR_UNSAFE as exit status, naming the
+// directory and why.
+void expectUnsafeSrcDirectory(const std::function<void(const std::string& srcDir)>& prepare,
+                              const std::string& why) {
+  TempDir dir;
+  auto env = validEnvironment(dir.path());
+  env.erase("SW_HERDLET_LOGFILE");
+  prepare(env["VELT_SRC_DIR"]);
+  Daemon d(dir.path(), env);
+  ASSERT_TRUE(d.start());
+  ASSERT_TRUE(d.waitExit(30));
+  EXPECT_FALSE(d.signaled()) << d.out();
+  EXPECT_EQ(6, d.exitStatus()) << d.out();
+  EXPECT_NE(std::string::npos, d.out().find("the request socket directory is not private: " + env["VELT_SRC_DIR"] + " " + why)) << d.out();
+  EXPECT_EQ(std::string::npos, d.out().find("Running as daemon.")) << d.out();
+}
+
+TEST(StartUp, SrcDirectoryOfAnotherUserIsRefused) {
+  if (geteuid() != 0) GTEST_SKIP() << "SKIP: needs root to give the SRC directory to uid 65534";
+  expectUnsafeSrcDirectory(
+      [](const std::string& d) {
+        ASSERT_EQ(0, mkdir(d.c_str(), 0700));
+        ASSERT_EQ(0, chown(d.c_str(), 65534, 65534));
+      },
+      "belongs to uid 65534, not to root or uid 0");
+}
+
+TEST(StartUp, WritableSrcDirectoryIsRefused) {
+  expectUnsafeSrcDirectory(
+      [](const std::string& d) {
+        ASSERT_EQ(0, mkdir(d.c_str(), 0700));
+        ASSERT_EQ(0, chmod(d.c_str(), 0777));
+      },
+      "is writable by others (mode 0777)");
+}
+
+TEST(StartUp, SymbolicLinkSrcDirectoryIsRefused) {
+  expectUnsafeSrcDirectory(
+      [](const std::string& d) {
+        std::string real = d + ".real";
+        ASSERT_EQ(0, mkdir(real.c_str(), 0700));
+        ASSERT_EQ(0, symlink(real.c_str(), d.c_str()));
+      },
+      "is a symbolic link; a real directory is required");
 }
 
 TEST(StartUp, InteractiveRunsWithoutRunDirectoryOrSrc) {

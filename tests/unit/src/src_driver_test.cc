@@ -774,6 +774,62 @@ TEST_F(SrcSocketSetup, AFileThatIsNotASocketIsLeftAloneAndReported) {
   EXPECT_EQ(again.InitSRC(1, exclFile_.c_str(), 88, nullptr), 0) << again.getError().text;
 }
 
+// A refused directory gives the exclusive lock back and makes no socket.
+void expectUnsafeDirectory(TestDriver* d, const std::string& exclFile, const std::string& dir,
+                           const std::string& why) {
+  EXPECT_EQ(d->InitSRC(1, exclFile.c_str(), 88, nullptr), velt_src::SRC_DIR_UNSAFE);
+  EXPECT_EQ(d->getError().text, "the request socket directory is not private: " + why);
+  EXPECT_EQ(d->getSRCDescriptor(), -1);
+  struct stat st;
+  EXPECT_NE(lstat((dir + "/" + kName).c_str(), &st), 0);
+  int fd = open(exclFile.c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_GE(fd, 0);
+  EXPECT_EQ(flock(fd, LOCK_EX | LOCK_NB), 0);
+  close(fd);
+}
+
+TEST_F(SrcSocketSetup, DirectoryOfAnotherUserIsRefused) {
+  if (geteuid() != 0) GTEST_SKIP() << "SKIP: needs root to give the directory to uid 65534";
+  ASSERT_EQ(system(("mkdir -p -m 0700 " + srcDir_).c_str()), 0);
+  ASSERT_EQ(chown(srcDir_.c_str(), 65534, 65534), 0);
+  TestDriver d;
+  expectUnsafeDirectory(&d, exclFile_, srcDir_,
+                        srcDir_ + " belongs to uid 65534, not to root or uid 0");
+}
+
+TEST_F(SrcSocketSetup, GroupOrOtherWritableDirectoryIsRefused) {
+  ASSERT_EQ(system(("mkdir -p " + srcDir_).c_str()), 0);
+  ASSERT_EQ(chmod(srcDir_.c_str(), 0770), 0);
+  TestDriver d;
+  expectUnsafeDirectory(&d, exclFile_, srcDir_, srcDir_ + " is writable by its group (mode 0770)");
+  ASSERT_EQ(chmod(srcDir_.c_str(), 01733), 0);
+  TestDriver again;
+  expectUnsafeDirectory(&again, exclFile_, srcDir_, srcDir_ + " is writable by others (mode 1733)");
+}
+
+TEST_F(SrcSocketSetup, SymbolicLinkDirectoryIsRefused) {
+  std::string real = tmp_.path() + "/real";
+  ASSERT_EQ(mkdir(real.c_str(), 0700), 0);
+  ASSERT_EQ(system(("mkdir -p " + tmp_.path() + "/run/velt").c_str()), 0);
+  ASSERT_EQ(symlink(real.c_str(), srcDir_.c_str()), 0);
+  TestDriver d;
+  expectUnsafeDirectory(&d, exclFile_, real,
+                        srcDir_ + " is a symbolic link; a real directory is required");
+}
+
+TEST_F(SrcSocketSetup, CreatedDirectoriesAre0700WhateverTheUmask) {
+  mode_t old = umask(0277);
+  TestDriver d;
+  int rc = d.InitSRC(1, exclFile_.c_str(), 88, nullptr);
+  umask(old);
+  ASSERT_EQ(rc, 0) << d.getError().text;
+  for (const std::string& dir : {tmp_.path() + "/run", tmp_.path() + "/run/velt", srcDir_}) {
+    struct stat st;
+    ASSERT_EQ(stat(dir.c_str(), &st), 0) << dir;
+    EXPECT_EQ(st.st_mode & 07777, 0700u) << dir;
+  }
+}
+
 TEST_F(SrcSocketSetup, RelativeSocketDirectoryIsRefused) {
   setenv("VELT_SRC_DIR", "relative/src", 1);
   TestDriver d;
