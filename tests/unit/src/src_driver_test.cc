@@ -1295,6 +1295,133 @@ TEST_F(Srcctl, UsageErrorsExitWithTwoAndHelpWithZero) {
   EXPECT_EQ(help.out.rfind("usage: srcctl", 0), 0u);
 }
 
+// A process holding the daemon's socket (as a leaked descriptor would) that
+// answers a requester in the daemon's place. Created and waited for by the
+// test's thread.
+class Forger {
+ public:
+  // asNobody: the forger runs as uid 65534. It sends "FORGED\n" (and, when
+  // withEnd, an end marker) once go() is called.
+  Forger(int daemonFd, bool asNobody, bool withEnd) {
+    if (pipe2(go_, O_CLOEXEC) != 0 || pipe2(done_, O_CLOEXEC) != 0) return;
+    pid_ = fork();
+    if (pid_ == 0) {
+      close(go_[1]);
+      close(done_[0]);
+      // Speaks only through done_: 'S' sent, 'U' could not drop privileges,
+      // 'W' no go, 'P' no request to answer, 'C' could not send.
+      char verdict = 'S';
+      char c;
+      if (asNobody && (setgroups(0, nullptr) != 0 || setresgid(65534, 65534, 65534) != 0 ||
+                       setresuid(65534, 65534, 65534) != 0)) {
+        verdict = 'U';
+      } else if (!waitReadable(go_[0]) || read(go_[0], &c, 1) != 1) {
+        verdict = 'W';
+      } else {
+        // The requester's address, from its request left queued for the daemon.
+        struct sockaddr_un from;
+        socklen_t len = sizeof from;
+        char b[velt_src::kMaxRequestSize];
+        if (!waitReadable(daemonFd) ||
+            recvfrom(daemonFd, b, sizeof b, MSG_PEEK, reinterpret_cast<struct sockaddr*>(&from), &len) < 0) {
+          verdict = 'P';
+        } else {
+          std::string forged = velt_src::encodeReply(velt_src::kReplyInform, 0, "FORGED\n", 7);
+          std::string end = velt_src::encodeReply(velt_src::kReplyEnd, 0, nullptr, 0);
+          const struct sockaddr* to = reinterpret_cast<const struct sockaddr*>(&from);
+          if (sendto(daemonFd, forged.data(), forged.size(), 0, to, len) < 0 ||
+              (withEnd && sendto(daemonFd, end.data(), end.size(), 0, to, len) < 0)) {
+            verdict = 'C';
+          }
+        }
+      }
+      if (write(done_[1], &verdict, 1) != 1) _exit(3);
+      _exit(0);
+    }
+    close(go_[0]);
+    close(done_[1]);
+  }
+  ~Forger() {
+    close(go_[1]);
+    close(done_[0]);
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+  }
+  pid_t pid() const { return pid_; }
+  // Lets the forger send and returns its verdict ('S' when it sent).
+  char forge() {
+    char verdict = '?';
+    if (write(go_[1], "g", 1) != 1) return verdict;
+    if (waitReadable(done_[0]) && read(done_[0], &verdict, 1) != 1) verdict = '?';
+    return verdict;
+  }
+
+ private:
+  static bool waitReadable(int fd) {
+    struct pollfd pfd = {fd, POLLIN, 0};
+    return poll(&pfd, 1, kWaitMs) == 1;
+  }
+  int go_[2] = {-1, -1};
+  int done_[2] = {-1, -1};
+  pid_t pid_ = -1;
+};
+
+TEST_F(Srcctl, ForgedReplyFromAnotherUserIsIgnoredAndTheRealReplyTaken) {
+  if (geteuid() != 0) GTEST_SKIP() << "SKIP: needs root to send a forged reply as uid 65534";
+  TestDriver d;
+  init(&d);
+  Forger forger(d.getSRCDescriptor(), true, true);
+  ASSERT_GT(forger.pid(), 0);
+  ToolRun r;
+  std::thread tool([&] { r = srcctl(std::string("-s ") + kName + " --timeout 5 stop"); });
+  // The forgery is in srcctl's queue before the daemon serves the request.
+  char verdict = forger.forge();
+  bool waiting = requestWaiting(d);
+  if (waiting) d.doSRCreq();
+  tool.join();
+  ASSERT_EQ(verdict, 'S') << "U: could not drop privileges, W/P: nothing to answer, C: could not send";
+  ASSERT_TRUE(waiting);
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, std::string(kName) + ": stop normal requested\n");
+  EXPECT_NE(r.err.find("srcctl: warning: ignored a reply datagram from pid " + std::to_string(forger.pid()) +
+                       " uid 65534: neither root, nor this user, nor "),
+            std::string::npos)
+      << r.err;
+  EXPECT_EQ(d.calls(), std::vector<std::string>{"stopNormal()"});
+}
+
+TEST_F(Srcctl, PiecesFromAProcessOtherThanTheAnsweringOneAreIgnored) {
+  TestDriver d;
+  init(&d);
+  int fd = d.getSRCDescriptor();
+  Forger forger(fd, false, false);
+  ASSERT_GT(forger.pid(), 0);
+  ToolRun r;
+  std::thread tool([&] { r = srcctl(std::string("-s ") + kName + " --timeout 5 status"); });
+  // Answer by hand, as the daemon would, with the forger's piece in the middle.
+  bool waiting = requestWaiting(d);
+  struct sockaddr_un from;
+  socklen_t len = sizeof from;
+  char b[velt_src::kMaxRequestSize];
+  bool peeked = waiting && recvfrom(fd, b, sizeof b, MSG_PEEK, reinterpret_cast<struct sockaddr*>(&from), &len) > 0;
+  const struct sockaddr* to = reinterpret_cast<const struct sockaddr*>(&from);
+  std::string first = velt_src::encodeReply(velt_src::kReplyInform, 0, "real one\n", 9);
+  std::string end = velt_src::encodeReply(velt_src::kReplyEnd, 0, nullptr, 0);
+  bool sentFirst = peeked && sendto(fd, first.data(), first.size(), 0, to, len) > 0;
+  char verdict = sentFirst ? forger.forge() : '-';
+  bool sentEnd = peeked && sendto(fd, end.data(), end.size(), 0, to, len) > 0;
+  tool.join();
+  ASSERT_TRUE(sentFirst && sentEnd);
+  ASSERT_EQ(verdict, 'S');
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "real one\n");
+  EXPECT_EQ(r.err, "srcctl: warning: ignored a reply datagram from pid " + std::to_string(forger.pid()) +
+                       " uid " + std::to_string(geteuid()) + ": the reply is coming from pid " +
+                       std::to_string(getpid()) + "\n");
+}
+
 TEST_F(Srcctl, AbsentSubsystemFailsWithAClearMessage) {
   ToolRun r = srcctl("-s nosuchd --timeout 2 status");
   EXPECT_EQ(r.status, 1);
