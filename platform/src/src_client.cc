@@ -247,22 +247,8 @@ int sendRequest(const char* subsystem, const Request& req, int timeoutMs,
       }
       return fail(err, e, "cannot read the reply: " + errnoText(e));
     }
-    bool hasCred = false;
     struct ucred cred;
-    for (struct cmsghdr* c = CMSG_FIRSTHDR(&msg); c != nullptr; c = CMSG_NXTHDR(&msg, c)) {
-      if (c->cmsg_level != SOL_SOCKET) continue;
-      if (c->cmsg_type == SCM_CREDENTIALS && c->cmsg_len >= CMSG_LEN(sizeof(struct ucred))) {
-        memcpy(&cred, CMSG_DATA(c), sizeof cred);
-        hasCred = true;
-      } else if (c->cmsg_type == SCM_RIGHTS) {
-        size_t count = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-        for (size_t i = 0; i < count; ++i) {
-          int passed;
-          memcpy(&passed, CMSG_DATA(c) + i * sizeof(int), sizeof passed);
-          close(passed);
-        }
-      }
-    }
+    bool hasCred = takeCredentials(&msg, &cred);
     if (!hasCred) {
       ignore("ignored a reply datagram that came without credentials");
       continue;

@@ -306,23 +306,10 @@ int SRCDriver::doSRCreq() {
     return -1;
   }
 
-  const struct ucred* cred = nullptr;
+  // Descriptors are not part of a request; takeCredentials closes any we
+  // were sent.
   struct ucred credBuf;
-  for (struct cmsghdr* c = CMSG_FIRSTHDR(&msg); c != nullptr; c = CMSG_NXTHDR(&msg, c)) {
-    if (c->cmsg_level != SOL_SOCKET) continue;
-    if (c->cmsg_type == SCM_CREDENTIALS && c->cmsg_len >= CMSG_LEN(sizeof(struct ucred))) {
-      memcpy(&credBuf, CMSG_DATA(c), sizeof credBuf);
-      cred = &credBuf;
-    } else if (c->cmsg_type == SCM_RIGHTS) {
-      // Descriptors are not part of a request; do not keep any we were sent.
-      size_t count = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-      for (size_t i = 0; i < count; ++i) {
-        int passed;
-        memcpy(&passed, CMSG_DATA(c) + i * sizeof(int), sizeof passed);
-        close(passed);
-      }
-    }
-  }
+  const struct ucred* cred = velt_src::takeCredentials(&msg, &credBuf) ? &credBuf : nullptr;
   // A sender without an address cannot be answered; its request is dropped.
   if (msg.msg_namelen <= sizeof(sa_family_t) || msg.msg_namelen > sizeof from) return 0;
   beginReply(&from, msg.msg_namelen, cred != nullptr ? cred->pid : 0,

@@ -307,19 +307,29 @@ std::string encoded(const Request& r) {
 // A requester that sends raw bytes and reads the reply datagram by
 // datagram, for requests sendRequest would never produce.
 // Thread-compatible.
+// A requester's datagram socket with an autobound address, and in *addr
+// the address of the request socket at path. Returns the socket or -1.
+int requesterSocket(const std::string& path, struct sockaddr_un* addr) {
+  int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  struct sockaddr_un self;
+  memset(&self, 0, sizeof self);
+  self.sun_family = AF_UNIX;
+  memset(addr, 0, sizeof *addr);
+  addr->sun_family = AF_UNIX;
+  snprintf(addr->sun_path, sizeof addr->sun_path, "%s", path.c_str());
+  if (fd >= 0 && bind(fd, reinterpret_cast<struct sockaddr*>(&self), sizeof(sa_family_t)) != 0) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
 class RawRequester {
  public:
   explicit RawRequester(const std::string& path) {
-    fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    struct sockaddr_un self;
-    memset(&self, 0, sizeof self);
-    self.sun_family = AF_UNIX;
     struct sockaddr_un addr;
-    memset(&addr, 0, sizeof addr);
-    addr.sun_family = AF_UNIX;
-    snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
-    ok_ = fd_ >= 0 && bind(fd_, reinterpret_cast<struct sockaddr*>(&self), sizeof(sa_family_t)) == 0 &&
-          connect(fd_, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) == 0;
+    fd_ = requesterSocket(path, &addr);
+    ok_ = fd_ >= 0 && connect(fd_, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) == 0;
   }
   ~RawRequester() { closeSocket(); }
   void closeSocket() {
@@ -1050,18 +1060,11 @@ TEST_F(SrcReplyStall, RequesterThatStopsReadingLosesTheRestAtOnceAndIsCounted) {
 // replies: the daemon must go on answering everyone else at once.
 void floodWithoutReading(const std::string& path, int requests, std::atomic<bool>* stop,
                          std::atomic<int>* sent, bool connected) {
-  int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return;
-  struct sockaddr_un self;
-  memset(&self, 0, sizeof self);
-  self.sun_family = AF_UNIX;
   struct sockaddr_un addr;
-  memset(&addr, 0, sizeof addr);
-  addr.sun_family = AF_UNIX;
-  snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+  int fd = requesterSocket(path, &addr);
+  if (fd < 0) return;
   const struct sockaddr* to = reinterpret_cast<const struct sockaddr*>(&addr);
-  if (bind(fd, reinterpret_cast<struct sockaddr*>(&self), sizeof(sa_family_t)) != 0 ||
-      (connected && connect(fd, to, sizeof addr) != 0)) {
+  if (connected && connect(fd, to, sizeof addr) != 0) {
     close(fd);
     return;
   }
