@@ -28,6 +28,7 @@
 #include "kor_store.h"
 #include "loopback_bus.h"
 #include "node_identity.h"
+#include "vx_cu.h"
 
 #ifndef SO_PEERGROUPS
 #define SO_PEERGROUPS 59
@@ -361,6 +362,13 @@ int Agent::openSocket() {
     int rc = makeDirectories(dir, 0755);
     if (rc != 0) {
       fail("cannot create the socket's directory " + dir + ": " + errnoText(rc));
+      return -1;
+    }
+    // Whoever may write in the directory could replace the socket and
+    // answer clients in the agent's name.
+    char why[512];
+    if (cu_check_private_dir(dir.c_str(), geteuid(), why, sizeof why) != 0) {
+      fail(std::string("the socket's directory is not safe: ") + why);
       return -1;
     }
   }

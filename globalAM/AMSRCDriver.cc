@@ -39,7 +39,15 @@ std::string hexText(int value) {
 
 }  // namespace
 
-AMSRCDriver::AMSRCDriver() : SRCDriver(daemon_name) {}
+AMSRCDriver::AMSRCDriver() : SRCDriver(daemon_name) {
+  // The library never waits for a requester; what it had to drop shows in
+  // the trace, with the running count.
+  setReplyDropObserver([](const velt_src::ReplyDrop& drop) {
+    AM_TRACE(TRACE_FYI) << "SRC reply to requester pid[" << static_cast<long>(drop.pid) << "] uid["
+                        << static_cast<long>(drop.uid) << "] dropped: " << drop.reason.c_str()
+                        << ". SRC replies dropped so far: " << drop.dropped << "." << endl;
+  });
+}
 
 AMSRCDriver::~AMSRCDriver() = default;
 

@@ -1,5 +1,5 @@
-// libvx_cu: clocks, locale preparation, error texts, process names and
-// version comparison.
+// libvx_cu: clocks, locale preparation, error texts, process names,
+// version comparison and the check of private directories.
 #include "vx_cu.h"
 
 #include <errno.h>
@@ -9,6 +9,7 @@
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -231,4 +232,33 @@ void dae_pause_for_debugger(void) {
   // SIGSTOP cannot be caught or blocked, so the stop is certain; the process
   // runs on from here once someone sends SIGCONT.
   raise(SIGSTOP);
+}
+
+int cu_check_private_dir(const char* dir, uid_t owner, char* why, size_t len) {
+  auto refuse = [&](int err, const char* fmt, auto... args) {
+    if (why != nullptr && len > 0) snprintf(why, len, fmt, args...);
+    errno = err;
+    return -1;
+  };
+  if (dir == nullptr || dir[0] == '\0') return refuse(EINVAL, "%s", "no directory given");
+  struct stat st;
+  if (lstat(dir, &st) != 0) {
+    int err = errno;
+    char text[128];
+    return refuse(err, "cannot check %s: %s", dir, cu_strerror(err, text, sizeof text));
+  }
+  if (S_ISLNK(st.st_mode)) {
+    return refuse(ELOOP, "%s is a symbolic link; a real directory is required", dir);
+  }
+  if (!S_ISDIR(st.st_mode)) return refuse(ENOTDIR, "%s is not a directory", dir);
+  if (st.st_uid != 0 && st.st_uid != owner) {
+    return refuse(EPERM, "%s belongs to uid %lu, not to root or uid %lu", dir,
+                  static_cast<unsigned long>(st.st_uid), static_cast<unsigned long>(owner));
+  }
+  if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    return refuse(EPERM, "%s is writable by %s (mode %04o)", dir,
+                  (st.st_mode & S_IWOTH) != 0 ? "others" : "its group",
+                  static_cast<unsigned>(st.st_mode & 07777));
+  }
+  return 0;
 }

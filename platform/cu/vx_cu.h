@@ -1,6 +1,7 @@
 // libvx_cu: the cluster utilities every daemon and tool of the platform uses:
 // clocks (replaceable by tests), locale preparation, error texts, process
-// names and version comparison. Thread-safe unless a function says otherwise.
+// names, version comparison and the check of private directories.
+// Thread-safe unless a function says otherwise.
 #ifndef VELT_PLATFORM_CU_VX_CU_H_
 #define VELT_PLATFORM_CU_VX_CU_H_
 
@@ -62,6 +63,14 @@ int cu_cmp_velt_versions(const uint8_t a[4], const uint8_t b[4]);
 // 0) into out. Returns 0, or -1 for malformed text (out untouched; the
 // failure is recorded with cu_set_error as EINVAL).
 int cu_parse_velt_version(const char* text, uint8_t out[4]);
+
+// Checks that dir is a directory nobody but root and owner can change:
+// dir itself (looked at with lstat, so a symbolic link is refused) must be
+// a directory owned by root or by owner and not writable by group or
+// others. Returns 0, or -1 with the reason (naming dir) in why (cut to
+// len; may be null) and errno set (ELOOP: symbolic link, ENOTDIR, EPERM:
+// owner or mode, or lstat's error).
+int cu_check_private_dir(const char* dir, uid_t owner, char* why, size_t len);
 
 // Stops the calling process until a debugger attaches and sends SIGCONT:
 // prints the pid and the way to continue on standard error, then stops.

@@ -1,15 +1,19 @@
 #include "src_client.h"
 
 #include <errno.h>
+#include <limits.h>
 #include <poll.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
 
 #include "internal/src_wire.h"
+#include "vx_cu.h"
 
 namespace velt_src {
 namespace {
@@ -62,6 +66,12 @@ int waitFor(int fd, short events, int timeoutMs) {
   }
 }
 
+long long nowMs() {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
 std::string secondsText(int ms) {
   char buf[32];
   snprintf(buf, sizeof buf, "%.1f", ms / 1000.0);
@@ -69,6 +79,35 @@ std::string secondsText(int ms) {
 }
 
 }  // namespace
+
+bool trustedReplyUid(const std::string& dir, uid_t* owner, std::string* why) {
+  struct stat st;
+  if (lstat(dir.c_str(), &st) != 0) {
+    *why = "cannot check " + dir + ": " + errnoText(errno);
+    return false;
+  }
+  char text[512];
+  if (cu_check_private_dir(dir.c_str(), st.st_uid, text, sizeof text) != 0) {
+    *why = text;
+    return false;
+  }
+  char real[PATH_MAX];
+  if (realpath(dir.c_str(), real) == nullptr) {
+    *why = "cannot resolve " + dir + ": " + errnoText(errno);
+    return false;
+  }
+  std::string up = real;
+  while (up != "/") {
+    size_t slash = up.rfind('/');
+    up = slash == 0 ? "/" : up.substr(0, slash);
+    if (cu_check_private_dir(up.c_str(), st.st_uid, text, sizeof text) != 0) {
+      *why = text;
+      return false;
+    }
+  }
+  *owner = st.st_uid;
+  return true;
+}
 
 std::string socketPathFor(const char* subsystem) {
   std::string dir = srcDirectory();
@@ -78,7 +117,8 @@ std::string socketPathFor(const char* subsystem) {
 
 int sendRequest(const char* subsystem, const Request& req, int timeoutMs,
                 const std::function<void(bool isError, const std::string& text)>& onText,
-                std::string* err, int* daemonPid) {
+                std::string* err, int* daemonPid,
+                const std::function<void(const std::string& warning)>& onIgnored) {
   if (err != nullptr) err->clear();
   if (timeoutMs <= 0) return fail(err, EINVAL, "the reply time-out must be positive");
   std::string path, why;
@@ -92,8 +132,9 @@ int sendRequest(const char* subsystem, const Request& req, int timeoutMs,
     return fail(err, e, "cannot create a request socket: " + errnoText(e));
   }
   FdCloser closer(fd);
-  // SO_PASSCRED brings the answering process's pid with each reply; the
-  // autobind gives the subsystem an address to answer to.
+  // SO_PASSCRED brings the sender's credentials with each reply, so that
+  // only the subsystem's answer is taken; the autobind gives the subsystem
+  // an address to answer to.
   int on = 1;
   if (setsockopt(fd, SOL_SOCKET, SO_PASSCRED, &on, sizeof on) != 0) {
     int e = errno;
@@ -151,6 +192,23 @@ int sendRequest(const char* subsystem, const Request& req, int timeoutMs,
     return fail(err, e, "cannot send the request to " + path + ": " + errnoText(e));
   }
 
+  // Who may answer besides root and ourselves.
+  uid_t owner = 0;
+  std::string ownerWhy;
+  std::string dir = path.substr(0, path.rfind('/'));
+  bool ownerTrusted = trustedReplyUid(dir.empty() ? "/" : dir, &owner, &ownerWhy);
+  pid_t answering = 0;
+  long ignored = 0;
+  auto ignore = [&](const std::string& why) {
+    ++ignored;
+    if (onIgnored) onIgnored(why);
+  };
+  auto ignoredText = [&]() -> std::string {
+    if (ignored == 0) return "";
+    return " (" + std::to_string(ignored) + " datagram" + (ignored == 1 ? "" : "s") +
+           " from untrusted senders ignored)";
+  };
+
   // One reply datagram at a time into a bounded buffer; anything longer is
   // a broken peer, detected through MSG_TRUNC rather than trusted.
   unsigned char buf[kMaxReplySize];
@@ -158,11 +216,15 @@ int sendRequest(const char* subsystem, const Request& req, int timeoutMs,
     struct cmsghdr align;
     char space[CMSG_SPACE(sizeof(struct ucred))];
   } control;
+  // Only trusted datagrams move the deadline: a stream of forged ones
+  // cannot keep the requester waiting.
+  long long deadline = nowMs() + timeoutMs;
   for (;;) {
-    int ready = waitFor(fd, POLLIN, timeoutMs);
+    long long left = deadline - nowMs();
+    int ready = left > 0 ? waitFor(fd, POLLIN, static_cast<int>(left)) : 0;
     if (ready == 0) {
       return fail(err, ETIMEDOUT, std::string("no reply from subsystem ") + subsystem +
-                                      " within " + secondsText(timeoutMs) + " s");
+                                      " within " + secondsText(timeoutMs) + " s" + ignoredText());
     }
     if (ready < 0) {
       int e = errno;
@@ -185,20 +247,30 @@ int sendRequest(const char* subsystem, const Request& req, int timeoutMs,
       }
       return fail(err, e, "cannot read the reply: " + errnoText(e));
     }
+    struct ucred cred;
+    bool hasCred = takeCredentials(&msg, &cred);
+    if (!hasCred) {
+      ignore("ignored a reply datagram that came without credentials");
+      continue;
+    }
+    std::string from = "pid " + std::to_string(cred.pid) + " uid " + std::to_string(cred.uid);
+    if (cred.uid != 0 && cred.uid != geteuid() && !(ownerTrusted && cred.uid == owner)) {
+      ignore("ignored a reply datagram from " + from + ": neither root, nor this user, nor " +
+             (ownerTrusted ? "the owner of " + dir : "a trusted owner (" + ownerWhy + ")"));
+      continue;
+    }
+    if (answering != 0 && cred.pid != answering) {
+      ignore("ignored a reply datagram from " + from + ": the reply is coming from pid " +
+             std::to_string(answering));
+      continue;
+    }
+    answering = cred.pid;
+    deadline = nowMs() + timeoutMs;
+    if (daemonPid != nullptr) *daemonPid = cred.pid;
     if ((msg.msg_flags & MSG_TRUNC) != 0 || static_cast<size_t>(n) > sizeof buf) {
       return fail(err, EPROTO, "malformed reply from subsystem " + std::string(subsystem) +
                                    ": datagram of " + std::to_string(n) +
                                    " bytes exceeds the largest reply");
-    }
-    if (daemonPid != nullptr) {
-      for (struct cmsghdr* c = CMSG_FIRSTHDR(&msg); c != nullptr; c = CMSG_NXTHDR(&msg, c)) {
-        if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_CREDENTIALS &&
-            c->cmsg_len >= CMSG_LEN(sizeof(struct ucred))) {
-          struct ucred cred;
-          memcpy(&cred, CMSG_DATA(c), sizeof cred);
-          *daemonPid = cred.pid;
-        }
-      }
     }
     Reply reply;
     if (parseReply(buf, static_cast<size_t>(n), &reply, &why) != 0) {

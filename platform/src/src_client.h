@@ -5,6 +5,7 @@
 #define VELT_PLATFORM_SRC_SRC_CLIENT_H_
 
 #include <stddef.h>
+#include <sys/types.h>
 
 #include <functional>
 #include <string>
@@ -49,9 +50,23 @@ constexpr int kRcRejected = 22;  // the request datagram was malformed
 // ETIMEDOUT: no answer, EPROTO: malformed reply, EINVAL: bad arguments).
 // hasParm3 with an empty parm3 is sent as no parm3.
 // daemonPid, when not null, receives the pid of the answering process.
+//
+// Only replies from a trusted sender count: its credentials must show root,
+// this process's effective user, or the owner of the socket's directory
+// when that directory and every one above it are private to root and that
+// owner (see trustedReplyUid); and once a datagram was taken, every later
+// one must come from the same process. Anything else is ignored, told to
+// onIgnored (when given) and does not extend the wait.
 int sendRequest(const char* subsystem, const Request& req, int timeoutMs,
                 const std::function<void(bool isError, const std::string& text)>& onText,
-                std::string* err, int* daemonPid = nullptr);
+                std::string* err, int* daemonPid = nullptr,
+                const std::function<void(const std::string& warning)>& onIgnored = nullptr);
+
+// The owner of dir when replies may be trusted from it: dir is a real
+// directory, and it and every directory above it (symbolic links resolved)
+// are owned by root or that owner and not writable by group or others.
+// Returns false (with *why) otherwise.
+bool trustedReplyUid(const std::string& dir, uid_t* owner, std::string* why);
 
 }  // namespace velt_src
 

@@ -6,18 +6,21 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/file.h>
+#include <sys/ioctl.h>
 #include <sys/ipc.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/un.h>
 #include <time.h>
+#include <linux/sockios.h>
 #include <unistd.h>
 
 #include <algorithm>
 
 #include "internal/src_wire.h"
 #include "src_client.h"
+#include "vx_cu.h"
 
 using velt_src::Request;
 
@@ -31,20 +34,28 @@ std::string errnoText(int err) {
   return strerror_r(err, buf, sizeof buf);
 }
 
-long long monotonicUs() {
+long long monotonicMs() {
   struct timespec ts;
   clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<long long>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+  return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
-// Creates dir and its missing parents, each mode 0700. Returns 0, or an
-// errno value.
+// Requester addresses whose unread replies are remembered at once; beyond
+// this the ones below the limit are forgotten first.
+constexpr size_t kMaxTrackedRequesters = 1024;
+
+// Creates dir and its missing parents, each mode 0700 whatever the umask.
+// Returns 0, or an errno value.
 int makeDirectories(const std::string& dir) {
   size_t pos = 1;
   for (;;) {
     size_t slash = dir.find('/', pos);
     std::string prefix = dir.substr(0, slash);
-    if (mkdir(prefix.c_str(), 0700) != 0 && errno != EEXIST) return errno;
+    if (mkdir(prefix.c_str(), 0700) == 0) {
+      if (chmod(prefix.c_str(), 0700) != 0) return errno;
+    } else if (errno != EEXIST) {
+      return errno;
+    }
     if (slash == std::string::npos) break;
     pos = slash + 1;
   }
@@ -140,6 +151,14 @@ int SRCDriver::InitSRC(int syscall_restarts, const char* excl_file, int excl_id,
     return failSocket(e, "cannot create the request socket directory " + dir + ": " + errnoText(e),
                       __LINE__);
   }
+  char unsafe[512];
+  if (cu_check_private_dir(dir.c_str(), geteuid(), unsafe, sizeof unsafe) != 0) {
+    int e = errno;
+    setError(e, (std::string("the request socket directory is not private: ") + unsafe).c_str(),
+             __FILE__, "InitSRC", __LINE__);
+    close(xfd);
+    return velt_src::SRC_DIR_UNSAFE;
+  }
   // We hold the exclusive lock, so a socket file left here belongs to a
   // dead instance; anything that is not a socket is not ours to remove.
   struct stat st;
@@ -165,6 +184,13 @@ int SRCDriver::InitSRC(int syscall_restarts, const char* excl_file, int excl_id,
     close(fd);
     return failSocket(e, "cannot enable credentials on the request socket: " + errnoText(e),
                       __LINE__);
+  }
+  // Replies are sent without waiting, so a reply must fit the send buffer
+  // ahead of its reader: make it large (beyond net.core.wmem_max only for
+  // root; the default stays when neither is allowed).
+  int sendBuffer = static_cast<int>(velt_src::kReplySendBuffer);
+  if (setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &sendBuffer, sizeof sendBuffer) != 0) {
+    setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof sendBuffer);
   }
   struct sockaddr_un addr;
   memset(&addr, 0, sizeof addr);
@@ -280,26 +306,14 @@ int SRCDriver::doSRCreq() {
     return -1;
   }
 
-  const struct ucred* cred = nullptr;
+  // Descriptors are not part of a request; takeCredentials closes any we
+  // were sent.
   struct ucred credBuf;
-  for (struct cmsghdr* c = CMSG_FIRSTHDR(&msg); c != nullptr; c = CMSG_NXTHDR(&msg, c)) {
-    if (c->cmsg_level != SOL_SOCKET) continue;
-    if (c->cmsg_type == SCM_CREDENTIALS && c->cmsg_len >= CMSG_LEN(sizeof(struct ucred))) {
-      memcpy(&credBuf, CMSG_DATA(c), sizeof credBuf);
-      cred = &credBuf;
-    } else if (c->cmsg_type == SCM_RIGHTS) {
-      // Descriptors are not part of a request; do not keep any we were sent.
-      size_t count = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-      for (size_t i = 0; i < count; ++i) {
-        int passed;
-        memcpy(&passed, CMSG_DATA(c) + i * sizeof(int), sizeof passed);
-        close(passed);
-      }
-    }
-  }
+  const struct ucred* cred = velt_src::takeCredentials(&msg, &credBuf) ? &credBuf : nullptr;
   // A sender without an address cannot be answered; its request is dropped.
   if (msg.msg_namelen <= sizeof(sa_family_t) || msg.msg_namelen > sizeof from) return 0;
-  beginReply(&from, msg.msg_namelen);
+  beginReply(&from, msg.msg_namelen, cred != nullptr ? cred->pid : 0,
+             cred != nullptr ? cred->uid : 0);
 
   if (cred == nullptr) {
     answerRefusal(subsystem_ + ": permission denied: the request came without credentials\n",
@@ -375,13 +389,50 @@ int SRCDriver::doSRCreq() {
   return 1;
 }
 
-void SRCDriver::beginReply(const void* addr, size_t addrLen) {
+void SRCDriver::beginReply(const void* addr, size_t addrLen, pid_t pid, uid_t uid) {
   replyAddr_.assign(static_cast<const char*>(addr), addrLen);
   informBuf_.clear();
   errorBuf_.clear();
   replyBroken_ = false;
-  replyStallSpentUs_ = 0;
+  replyPid_ = pid;
+  replyUid_ = uid;
   replying_ = true;
+
+  // Nothing we sent is left unread: every requester has caught up.
+  int unsent = 0;
+  if (ioctl(fd_, SIOCOUTQ, &unsent) == 0 && unsent == 0) unreadReplies_.clear();
+  int& unread = unreadReplies_[replyAddr_];
+  if (unread >= velt_src::kMaxUnreadRepliesPerRequester) {
+    dropReply("the requester has " + std::to_string(unread) + " replies unread");
+    return;
+  }
+  ++unread;
+  if (unreadReplies_.size() > kMaxTrackedRequesters) {
+    for (auto it = unreadReplies_.begin(); it != unreadReplies_.end();) {
+      if (it->second < velt_src::kMaxUnreadRepliesPerRequester) {
+        it = unreadReplies_.erase(it);
+      } else {
+        ++it;
+      }
+    }
+    if (unreadReplies_.size() > kMaxTrackedRequesters) unreadReplies_.clear();
+  }
+}
+
+void SRCDriver::dropReply(const std::string& reason) {
+  if (replyBroken_) return;
+  replyBroken_ = true;
+  long long dropped = ++repliesDropped_;
+  if (!dropObserver_) return;
+  long long now = monotonicMs();
+  if (lastDropToldMs_ >= 0 && now - lastDropToldMs_ < 1000) return;
+  lastDropToldMs_ = now;
+  velt_src::ReplyDrop drop;
+  drop.dropped = dropped;
+  drop.pid = replyPid_;
+  drop.uid = replyUid_;
+  drop.reason = reason;
+  dropObserver_(drop);
 }
 
 void SRCDriver::answerRefusal(const std::string& text, int rc) {
@@ -475,31 +526,22 @@ void SRCDriver::finishReply(int rc) {
 }
 
 void SRCDriver::sendDatagram(const std::string& datagram) {
-  // The sends block (SO_SNDTIMEO) while the requester's queue is full, but
-  // all sends of one reply together for at most the stall budget: a
-  // requester that stops reading loses the rest of its reply and cannot
-  // hold the daemon's main loop.
+  // Never waits: the main loop that serves requests must not be held by a
+  // requester that stops reading.
   const struct sockaddr* to = reinterpret_cast<const struct sockaddr*>(replyAddr_.data());
   socklen_t toLen = static_cast<socklen_t>(replyAddr_.size());
-  for (;;) {
-    long long leftUs = static_cast<long long>(replyStallBudgetMs_) * 1000 - replyStallSpentUs_;
-    if (leftUs <= 0) {
-      replyBroken_ = true;
-      return;
-    }
-    struct timeval tv;
-    tv.tv_sec = static_cast<time_t>(leftUs / 1000000);
-    tv.tv_usec = static_cast<suseconds_t>(leftUs % 1000000);
-    setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
-    long long start = monotonicUs();
-    ssize_t n = sendto(fd_, datagram.data(), datagram.size(), MSG_NOSIGNAL, to, toLen);
-    replyStallSpentUs_ += monotonicUs() - start;
-    if (n >= 0) return;
-    if (errno == EINTR) continue;
-    // EAGAIN: the budget ran out; ECONNREFUSED/ENOENT: the requester went
-    // away. Either way nobody will read the rest.
-    replyBroken_ = true;
-    return;
+  ssize_t n;
+  do {
+    n = sendto(fd_, datagram.data(), datagram.size(), MSG_DONTWAIT | MSG_NOSIGNAL, to, toLen);
+  } while (n < 0 && errno == EINTR);
+  if (n >= 0) return;
+  int e = errno;
+  if (e == EAGAIN || e == EWOULDBLOCK) {
+    dropReply("the requester does not read its replies (no room to send)");
+  } else if (e == ECONNREFUSED || e == ENOENT) {
+    dropReply("the requester is gone");
+  } else {
+    dropReply("cannot send to the requester: " + errnoText(e));
   }
 }
 

@@ -6,6 +6,9 @@
 // $VELT_SRC_DIR (default /run/velt/src, created mode 0700). Only root and the
 // daemon's own user may send requests; others get an error reply. Every
 // request is answered with zero or more text datagrams and one end marker.
+// Replies never wait for their requester: a datagram that cannot be sent at
+// once (the requester does not read, or is gone) drops the rest of its reply,
+// and the drop is counted (repliesDropped, setReplyDropObserver).
 // Owned by the thread that runs the daemon's main loop (requests are served
 // one at a time); setStopCode/getStopCode may be used from any thread.
 #ifndef VELT_PLATFORM_SRC_SRC_DRIVER_H_
@@ -14,7 +17,11 @@
 #include <stdarg.h>
 #include <stddef.h>
 
+#include <sys/types.h>
+
 #include <atomic>
+#include <functional>
+#include <map>
 #include <mutex>
 #include <string>
 
@@ -40,6 +47,25 @@ enum SRCResult {
   SRC_EXCL_LOCKED = 3,     // another instance holds the exclusive file
   SRC_SOCKET = 4,          // the request socket could not be made
   SRC_ALREADY = 5,         // InitSRC called twice
+  SRC_DIR_UNSAFE = 6,      // the socket directory is not private to us (see InitSRC)
+};
+
+// Replies one requester address may have unread while the socket's output
+// has not drained; later ones are dropped. A requester connected to the
+// request socket is not held back by its own receive queue, so without this
+// bound it could fill the socket's send buffer and starve everyone else.
+constexpr int kMaxUnreadRepliesPerRequester = 8;
+
+// The send buffer the request socket asks for (the kernel doubles it for its
+// own bookkeeping).
+constexpr size_t kReplySendBuffer = 2 * 1024 * 1024;
+
+// One dropped reply, as told to the drop observer.
+struct ReplyDrop {
+  long long dropped = 0;   // replies dropped since InitSRC, this one included
+  pid_t pid = 0;           // the requester (0 when unknown)
+  uid_t uid = 0;
+  std::string reason;      // why the reply could not be sent
 };
 
 }  // namespace velt_src
@@ -54,6 +80,10 @@ class SRCDriver {
 
   // Takes an exclusive lock on excl_file (created if missing; a second
   // instance fails with SRC_EXCL_LOCKED), then opens the request socket.
+  // The socket's directory (created mode 0700 when missing) must be a real
+  // directory owned by root or this process's effective user and not
+  // writable by group or others, else SRC_DIR_UNSAFE: whoever could write
+  // there could replace the socket and answer in the daemon's name.
   // syscall_restarts: non-zero lets interrupted calls restart. excl_id is
   // combined with the file into the "semaphore key" shown in errors.
   // sigdanger_handler is accepted for compatibility and not used.
@@ -74,8 +104,7 @@ class SRCDriver {
                        const void* parm3, int parm3_len);
 
   // The request socket's descriptor; -1 before InitSRC or without SRC.
-  // Wait on it for readability; leave it blocking (replies rely on the
-  // socket's send time-out).
+  // Wait on it for readability.
   int getSRCDescriptor() const { return fd_; }
   // Reads and serves one request if one is waiting (does not block).
   // Returns 1 when a request was served, 0 when none was waiting or it was
@@ -100,9 +129,14 @@ class SRCDriver {
   const char* subsystemName() const { return subsystem_.c_str(); }
   const std::string& socketPath() const { return path_; }
 
-  // How long the sends of one reply may block in total (default 5000 ms)
-  // before the rest of the reply is dropped. Test hook.
-  void setReplyStallBudgetForTesting(int ms) { replyStallBudgetMs_ = ms; }
+  // Replies dropped since InitSRC. Any thread.
+  long long repliesDropped() const { return repliesDropped_.load(); }
+  // Called on the serving thread when a reply is dropped: for the first
+  // drop and then at most once a second (the count covers the drops in
+  // between). Set it before serving requests.
+  void setReplyDropObserver(std::function<void(const velt_src::ReplyDrop&)> observer) {
+    dropObserver_ = std::move(observer);
+  }
 
  protected:
   void setError(int code, const char* text, const char* file,
@@ -119,9 +153,15 @@ class SRCDriver {
   // Answers a request the library refuses or cannot parse with one error
   // text and an end marker carrying rc.
   void answerRefusal(const std::string& text, int rc);
-  void beginReply(const void* addr, size_t addrLen);
-  // Sends one datagram to the requester within the reply's stall budget.
+  // Starts the reply to the requester at addr; pid and uid are its
+  // credentials (0 when it sent none).
+  void beginReply(const void* addr, size_t addrLen, pid_t pid, uid_t uid);
+  // Sends one datagram to the requester without waiting; a failure drops
+  // the rest of the reply.
   void sendDatagram(const std::string& datagram);
+  // Gives up the rest of the reply being served, counts it and tells the
+  // observer.
+  void dropReply(const std::string& reason);
 
   std::string subsystem_;
   std::string path_;
@@ -137,9 +177,15 @@ class SRCDriver {
   std::string replyAddr_;        // sender's address (sockaddr_un bytes)
   std::string informBuf_;
   std::string errorBuf_;
-  bool replyBroken_ = false;     // the requester went away: drop the rest
-  long long replyStallSpentUs_ = 0;  // time the sends of this reply blocked
-  int replyStallBudgetMs_ = 5000;
+  bool replyBroken_ = false;     // the rest of this reply is dropped
+  pid_t replyPid_ = 0;
+  uid_t replyUid_ = 0;
+  // Replies sent per requester address since the socket's output last
+  // drained (see kMaxUnreadRepliesPerRequester).
+  std::map<std::string, int> unreadReplies_;
+  std::atomic<long long> repliesDropped_{0};
+  long long lastDropToldMs_ = -1;
+  std::function<void(const velt_src::ReplyDrop&)> dropObserver_;
   bool restarts_ = true;         // InitSRC's syscall_restarts
 };
 

@@ -150,6 +150,37 @@ TEST_F(VeltdSocket, RegularFileInThePlaceOfTheSocketIsLeftAlone) {
   EXPECT_EQ(readFile(agent_.socketPath()), "precious");
 }
 
+// The agent must refuse to start on a socket directory others could write
+// in, saying why, and leave no socket there.
+void expectUnsafeSocketDirectory(AgentProcess* agent, const std::string& why) {
+  ASSERT_TRUE(agent->start());
+  ASSERT_TRUE(agent->waitExit(kPromptMs));
+  EXPECT_EQ(agent->exitStatus(), 1);
+  EXPECT_NE(agent->err().find("the socket's directory is not safe: " + why), std::string::npos)
+      << agent->err();
+  struct stat st;
+  EXPECT_NE(lstat(agent->socketPath().c_str(), &st), 0);
+}
+
+TEST_F(VeltdSocket, DirectoryOfAnotherUserIsRefused) {
+  if (geteuid() != 0) GTEST_SKIP() << "SKIP: needs root to give the directory to uid 65534";
+  ASSERT_EQ(mkdir(dir_.file("run").c_str(), 0755), 0);
+  ASSERT_EQ(chown(dir_.file("run").c_str(), 65534, 65534), 0);
+  expectUnsafeSocketDirectory(&agent_, dir_.file("run") + " belongs to uid 65534, not to root or uid 0");
+}
+
+TEST_F(VeltdSocket, GroupWritableDirectoryIsRefused) {
+  ASSERT_EQ(mkdir(dir_.file("run").c_str(), 0755), 0);
+  ASSERT_EQ(chmod(dir_.file("run").c_str(), 0775), 0);
+  expectUnsafeSocketDirectory(&agent_, dir_.file("run") + " is writable by its group (mode 0775)");
+}
+
+TEST_F(VeltdSocket, SymbolicLinkDirectoryIsRefused) {
+  ASSERT_EQ(mkdir(dir_.file("real").c_str(), 0755), 0);
+  ASSERT_EQ(symlink(dir_.file("real").c_str(), dir_.file("run").c_str()), 0);
+  expectUnsafeSocketDirectory(&agent_, dir_.file("run") + " is a symbolic link; a real directory is required");
+}
+
 TEST_F(VeltdSocket, EveryDescriptorIsCloseOnExec) {
   startAgent();
   auto client = connected();

@@ -3,13 +3,17 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <functional>
 #include <regex>
 #include <thread>
 
 #include "daemon_harness.h"
+#include "internal/src_wire.h"
 
 using velt_test::CommandResult;
 using velt_test::Daemon;
@@ -146,6 +150,53 @@ TEST(StartUp, ConfigPathWithoutRunDirectoryFailsAtSrcSetUp) {
   // The start-up checks passed: the SRC set-up was reached.
   EXPECT_NE(std::string::npos, d.out().find("Attempting to initialize the SRC.")) << d.out();
   EXPECT_NE(std::string::npos, d.err().find("SW_HERDLET_RUN_DIR not specified.")) << d.err();
+}
+
+// Starts the daemon on an SRC directory prepared by prepare and expects
+// the SRC set-up to fail with SRC_DIR_UNSAFE as exit status, naming the
+// directory and why.
+void expectUnsafeSrcDirectory(const std::function<void(const std::string& srcDir)>& prepare,
+                              const std::string& why) {
+  TempDir dir;
+  auto env = validEnvironment(dir.path());
+  env.erase("SW_HERDLET_LOGFILE");
+  prepare(env["VELT_SRC_DIR"]);
+  Daemon d(dir.path(), env);
+  ASSERT_TRUE(d.start());
+  ASSERT_TRUE(d.waitExit(30));
+  EXPECT_FALSE(d.signaled()) << d.out();
+  EXPECT_EQ(6, d.exitStatus()) << d.out();
+  EXPECT_NE(std::string::npos, d.out().find("the request socket directory is not private: " + env["VELT_SRC_DIR"] + " " + why)) << d.out();
+  EXPECT_EQ(std::string::npos, d.out().find("Running as daemon.")) << d.out();
+}
+
+TEST(StartUp, SrcDirectoryOfAnotherUserIsRefused) {
+  if (geteuid() != 0) GTEST_SKIP() << "SKIP: needs root to give the SRC directory to uid 65534";
+  expectUnsafeSrcDirectory(
+      [](const std::string& d) {
+        ASSERT_EQ(0, mkdir(d.c_str(), 0700));
+        ASSERT_EQ(0, chown(d.c_str(), 65534, 65534));
+      },
+      "belongs to uid 65534, not to root or uid 0");
+}
+
+TEST(StartUp, WritableSrcDirectoryIsRefused) {
+  expectUnsafeSrcDirectory(
+      [](const std::string& d) {
+        ASSERT_EQ(0, mkdir(d.c_str(), 0700));
+        ASSERT_EQ(0, chmod(d.c_str(), 0777));
+      },
+      "is writable by others (mode 0777)");
+}
+
+TEST(StartUp, SymbolicLinkSrcDirectoryIsRefused) {
+  expectUnsafeSrcDirectory(
+      [](const std::string& d) {
+        std::string real = d + ".real";
+        ASSERT_EQ(0, mkdir(real.c_str(), 0700));
+        ASSERT_EQ(0, symlink(real.c_str(), d.c_str()));
+      },
+      "is a symbolic link; a real directory is required");
 }
 
 TEST(StartUp, InteractiveRunsWithoutRunDirectoryOrSrc) {
@@ -439,6 +490,45 @@ TEST_F(RunningDaemon, MalformedRequestDatagramsNeverStopTheDaemon) {
   CommandResult r = daemon_->srcctl({"status", "-l"});
   EXPECT_EQ(0, r.status) << r.err;
   EXPECT_NE(std::string::npos, r.out.find("Status information for subsystem tolkvaskd:")) << r.out;
+  EXPECT_TRUE(daemon_->running());
+}
+
+TEST_F(RunningDaemon, RequesterThatNeverReadsDoesNotHoldOtherOperators) {
+  startDaemon();
+  int s = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  ASSERT_GE(s, 0);
+  struct sockaddr_un self = {};
+  self.sun_family = AF_UNIX;
+  ASSERT_EQ(0, bind(s, reinterpret_cast<sockaddr*>(&self), sizeof(sa_family_t)));
+  struct sockaddr_un addr = {};
+  addr.sun_family = AF_UNIX;
+  std::string path = env_["VELT_SRC_DIR"] + "/tolkvaskd";
+  strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
+  velt_src::Request longStatus;
+  longStatus.action = velt_src::ACT_STATUS;
+  longStatus.flags = 1;
+  std::string request, why;
+  ASSERT_EQ(0, velt_src::encodeRequest(longStatus, &request, &why)) << why;
+  // Far more long status requests than this socket's queue holds replies
+  // for, none of them read; a full daemon queue is waited out (bounded).
+  int sent = 0;
+  for (int tries = 0; sent < 200 && tries < 2000; ++tries) {
+    if (sendto(s, request.data(), request.size(), MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&addr),
+               sizeof addr) == static_cast<ssize_t>(request.size())) {
+      ++sent;
+    } else {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+  }
+  EXPECT_EQ(200, sent);
+  CommandResult r = daemon_->srcctl({"--timeout", "1", "status", "-l"});
+  EXPECT_EQ(0, r.status) << r.err;
+  EXPECT_NE(std::string::npos, r.out.find("Status information for subsystem tolkvaskd:")) << r.out;
+  EXPECT_TRUE(daemon_->waitForLog("] dropped: the requester does not read its replies (no room to send). "
+                                  "SRC replies dropped so far: ",
+                                  10))
+      << daemon_->log();
+  close(s);
   EXPECT_TRUE(daemon_->running());
 }
 

@@ -34,6 +34,8 @@ const char kUsage[] =
     "  --timeout SECONDS           wait at most this long for each reply piece (default 30)\n"
     "  -h, --help                  show this text\n"
     "put -- before a CODE or PARM3 that starts with '-'.\n"
+    "replies are taken only from root, this user or the owner of the socket's directory\n"
+    "(when nobody else can write there); others are ignored with a warning.\n"
     "exit status: 0 when the reply's code is 0 and no error text came, 1 otherwise,\n"
     "2 for usage errors.\n";
 
@@ -191,6 +193,10 @@ int main(int argc, char** argv) {
   }
   bool sawError = false;
   std::string err;
+  // A flood of forged datagrams must not flood the terminal: the first few
+  // are named, the rest only counted.
+  constexpr long kIgnoredNamed = 5;
+  long ignored = 0;
   int code = velt_src::sendRequest(
       inv.subsystem.c_str(), inv.request, inv.timeoutSeconds * 1000,
       [&](bool isError, const std::string& text) {
@@ -199,7 +205,13 @@ int main(int argc, char** argv) {
         fflush(to);
         sawError = sawError || isError;
       },
-      &err);
+      &err, nullptr, [&](const std::string& warning) {
+        if (++ignored <= kIgnoredNamed) fprintf(stderr, "srcctl: warning: %s\n", warning.c_str());
+      });
+  if (ignored > kIgnoredNamed) {
+    fprintf(stderr, "srcctl: warning: %ld reply datagrams from untrusted senders ignored in all\n",
+            ignored);
+  }
   if (code == -1 && !err.empty()) {
     fprintf(stderr, "srcctl: %s\n", err.c_str());
     return kExitFailed;

@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include "src_driver.h"
 
@@ -212,6 +213,25 @@ std::string encodeReply(ReplyKind kind, int rc, const char* text, size_t len) {
   putU32(&out, static_cast<uint32_t>(rc));
   if (len > 0) out.append(text, len);
   return out;
+}
+
+bool takeCredentials(struct msghdr* msg, struct ucred* out) {
+  bool found = false;
+  for (struct cmsghdr* c = CMSG_FIRSTHDR(msg); c != nullptr; c = CMSG_NXTHDR(msg, c)) {
+    if (c->cmsg_level != SOL_SOCKET) continue;
+    if (c->cmsg_type == SCM_CREDENTIALS && c->cmsg_len >= CMSG_LEN(sizeof(struct ucred))) {
+      memcpy(out, CMSG_DATA(c), sizeof *out);
+      found = true;
+    } else if (c->cmsg_type == SCM_RIGHTS) {
+      size_t count = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+      for (size_t i = 0; i < count; ++i) {
+        int passed;
+        memcpy(&passed, CMSG_DATA(c) + i * sizeof(int), sizeof passed);
+        close(passed);
+      }
+    }
+  }
+  return found;
 }
 
 std::string srcDirectory() {

@@ -26,6 +26,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <sys/socket.h>
 
 #include <string>
 
@@ -71,6 +72,11 @@ int parseReply(const void* data, size_t len, Reply* out, std::string* why);
 // Builds one reply datagram; len must not exceed kMaxReplyText and must be 0
 // for kReplyEnd.
 std::string encodeReply(ReplyKind kind, int rc, const char* text, size_t len);
+
+// The sender's credentials of a received datagram: fills *out and returns
+// true when msg carries them. Descriptors passed along are closed, never
+// kept.
+bool takeCredentials(struct msghdr* msg, struct ucred* out);
 
 // The socket directory: $VELT_SRC_DIR without trailing slashes, or
 // kDefaultSrcDir when it is unset or empty.

@@ -7,6 +7,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -342,6 +343,93 @@ TEST(PauseForDebugger, StopsAndPrintsHowToContinue) {
   ASSERT_EQ(child, waitpid(child, &status, 0));
   ASSERT_TRUE(WIFEXITED(status));
   EXPECT_EQ(17, WEXITSTATUS(status));
+}
+
+}  // namespace
+
+namespace {
+
+// A fresh directory below /tmp for the private directory checks, removed
+// with what the test put in it. Thread-compatible.
+class PrivateDir : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char tmpl[] = "/tmp/vx_cu_dir.XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr) << strerror(errno);
+    base_ = tmpl;
+    dir_ = base_ + "/d";
+    ASSERT_EQ(mkdir(dir_.c_str(), 0700), 0);
+  }
+  void TearDown() override {
+    unlink((base_ + "/link").c_str());
+    unlink((base_ + "/file").c_str());
+    rmdir(dir_.c_str());
+    rmdir(base_.c_str());
+  }
+  std::string check(const std::string& dir, uid_t owner, int* rc, int* err) {
+    char why[256] = "untouched";
+    errno = 0;
+    *rc = cu_check_private_dir(dir.c_str(), owner, why, sizeof why);
+    *err = errno;
+    return why;
+  }
+  std::string base_;
+  std::string dir_;
+};
+
+TEST_F(PrivateDir, OwnDirectoryClosedToOthersIsAccepted) {
+  int rc, err;
+  check(dir_, geteuid(), &rc, &err);
+  EXPECT_EQ(rc, 0);
+  ASSERT_EQ(chmod(dir_.c_str(), 0755), 0);
+  check(dir_, geteuid(), &rc, &err);
+  EXPECT_EQ(rc, 0);
+}
+
+TEST_F(PrivateDir, GroupOrOtherWritableDirectoryIsRefused) {
+  int rc, err;
+  ASSERT_EQ(chmod(dir_.c_str(), 0770), 0);
+  EXPECT_EQ(check(dir_, geteuid(), &rc, &err), dir_ + " is writable by its group (mode 0770)");
+  EXPECT_EQ(rc, -1);
+  EXPECT_EQ(err, EPERM);
+  ASSERT_EQ(chmod(dir_.c_str(), 01777), 0);
+  EXPECT_EQ(check(dir_, geteuid(), &rc, &err), dir_ + " is writable by others (mode 1777)");
+  EXPECT_EQ(rc, -1);
+}
+
+TEST_F(PrivateDir, SymbolicLinkToAGoodDirectoryIsRefused) {
+  int rc, err;
+  std::string link = base_ + "/link";
+  ASSERT_EQ(symlink(dir_.c_str(), link.c_str()), 0);
+  EXPECT_EQ(check(link, geteuid(), &rc, &err), link + " is a symbolic link; a real directory is required");
+  EXPECT_EQ(rc, -1);
+  EXPECT_EQ(err, ELOOP);
+}
+
+TEST_F(PrivateDir, FileAndMissingPathAreRefused) {
+  int rc, err;
+  std::string file = base_ + "/file";
+  int fd = open(file.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
+  ASSERT_GE(fd, 0);
+  close(fd);
+  EXPECT_EQ(check(file, geteuid(), &rc, &err), file + " is not a directory");
+  EXPECT_EQ(err, ENOTDIR);
+  EXPECT_EQ(check(base_ + "/none", geteuid(), &rc, &err),
+            "cannot check " + base_ + "/none: No such file or directory");
+  EXPECT_EQ(rc, -1);
+  EXPECT_EQ(err, ENOENT);
+}
+
+TEST_F(PrivateDir, DirectoryOfAnotherUserIsRefused) {
+  if (geteuid() != 0) GTEST_SKIP() << "SKIP: needs root to give a directory to uid 65534";
+  int rc, err;
+  ASSERT_EQ(chown(dir_.c_str(), 65534, 65534), 0);
+  EXPECT_EQ(check(dir_, geteuid(), &rc, &err), dir_ + " belongs to uid 65534, not to root or uid 0");
+  EXPECT_EQ(rc, -1);
+  EXPECT_EQ(err, EPERM);
+  // The same directory is private to uid 65534 itself.
+  check(dir_, 65534, &rc, &err);
+  EXPECT_EQ(rc, 0);
 }
 
 }  // namespace
