@@ -1,10 +1,13 @@
 #include "AMAggregate.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <mutex>
 #include <string>
@@ -16,6 +19,7 @@
 #include "TraceStream.h"
 #include "ha_assert.h"
 #include "sw_adapter_info.h"
+#include "vx_cu.h"
 
 namespace {
 
@@ -383,13 +387,68 @@ int AMAggCfgList::readDataLine(int lineno, char* line, const char* original) {
   return bitsSet > 0 ? 1 : 0;
 }
 
+namespace {
+
+// What kind of file st is, for the message that refuses it.
+const char* fileKind(const struct stat& st) {
+  if (S_ISFIFO(st.st_mode)) return "a FIFO";
+  if (S_ISCHR(st.st_mode)) return "a character device";
+  if (S_ISBLK(st.st_mode)) return "a block device";
+  if (S_ISDIR(st.st_mode)) return "a directory";
+  if (S_ISSOCK(st.st_mode)) return "a socket";
+  return "another kind of file";
+}
+
+std::string errorText(int err) {
+  char text[128];
+  return cu_strerror(err, text, sizeof text);
+}
+
+// Opens path for reading when it is a regular file (a symbolic link to one
+// is fine). The open does not block, so that a FIFO put in its place is
+// refused instead of waiting for a writer. Null, with *why set, otherwise.
+FILE* openRegularFile(const char* path, std::string* why) {
+  why->clear();
+  if (path == nullptr) {
+    *why = "no file named";
+    return nullptr;
+  }
+  int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (fd < 0) {
+    *why = errorText(errno);
+    return nullptr;
+  }
+  struct stat st;
+  if (fstat(fd, &st) != 0) {
+    *why = errorText(errno);
+    close(fd);
+    return nullptr;
+  }
+  if (!S_ISREG(st.st_mode)) {
+    *why = std::string("is ") + fileKind(st) + ", not a regular file";
+    close(fd);
+    return nullptr;
+  }
+  int flags = fcntl(fd, F_GETFL);
+  if (flags != -1) fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
+  FILE* file = fdopen(fd, "r");
+  if (file == nullptr) {
+    *why = errorText(errno);
+    close(fd);
+  }
+  return file;
+}
+
+}  // namespace
+
 int AMAggCfgList::ReadConfig(const char* path) {
   TraceBlock tb(TraceLevel(TRACE_BLOCK), "AMAggCfgList::ReadConfig()");
   const char* name = path ? path : "(null)";
   AM_TRACE(TRACE_FYI) << "Reading agg_cfg from file " << name << endl;
-  FILE* file = path ? fopen(path, "r") : nullptr;
+  FILE* file = openRegularFile(path, &openError_);
   if (file == nullptr) {
     AM_TRACE(TRACE_FYI) << "Error on opening agg_cfg file " << name << endl;
+    AM_TRACE(TRACE_FYI) << "agg_cfg file " << name << ": " << openError_.c_str() << endl;
     return -1;
   }
   eraseall();

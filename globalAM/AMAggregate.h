@@ -111,8 +111,10 @@ class AMAggCfgList {
   // The identities are not compared.
   bool AreTheySame(AMAggCfgList& other);
   // The number of successful data lines, or -1 (list unchanged) when the
-  // file cannot be opened.
+  // file cannot be opened or is not a regular file (a FIFO or a device
+  // would hold the reader up for ever); openError() then says why.
   int ReadConfig(const char* path);
+  const std::string& openError() const { return openError_; }
   void informToSRC(AMSRCDriver* drv);
 
   // Problems of the last ReadConfig, in line order.
@@ -132,6 +134,7 @@ class AMAggCfgList {
   GSBitSet installed_;  // adapter indexes of "+Installed:" lines
   std::vector<AMAggCfgLineError> lineErrors_;
   int lineErrorCount_ = 0;
+  std::string openError_;  // empty when the last ReadConfig opened its file
 };
 
 #endif  // VELT_GLOBALAM_AMAGGREGATE_H_

@@ -1,6 +1,7 @@
 #include "AMPropagate.h"
 
 #include <errno.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -25,6 +26,9 @@ std::mutex delayctrl_lock;
 namespace {
 
 const char* const kPrefix = AMPropagator::kTracePrefix;
+// Error-log template of a refresh command that could not do its job (a
+// failed fork, a child killed at its time limit): "GS_ERROR_ER".
+constexpr long kLabelRefreshFailed = 4;
 
 time_t monoSeconds() {
   struct timespec ts = {0, 0};
@@ -562,23 +566,74 @@ int AMPropagator::initiateRefreshProcess() {
     return -1;
   }
   const char* command = refresh_cmd;
+  const int timeoutSecs = refreshTimeoutSecs();
   pid_t pid = fork();
   if (pid == 0) {
-    // Only async-signal-safe calls between fork and exec.
+    // Only async-signal-safe calls between fork and exec. The child leads
+    // a process group of its own, so that a refresh that runs too long is
+    // killed together with whatever it started.
+    setpgid(0, 0);
     execl(command, command, "-c", "refresh", static_cast<char*>(nullptr));
     _exit(0);
   }
   if (pid < 0) {
     int err = errno;
     char text[128];
-    AM_TRACE(TRACE_ERROR) << TraceLabel(4) << "Error [" << cu_strerror(err, text, sizeof text)
+    AM_TRACE(TRACE_ERROR) << TraceLabel(kLabelRefreshFailed) << "Error [" << cu_strerror(err, text, sizeof text)
                           << "] forking the startup-script for refresh." << endl;
     return -1;
   }
+  // Also here, so that the group exists before any kill; the child may
+  // have done it first (or already exec'd), which is as good.
+  setpgid(pid, pid);
   refresh_pid = pid;
+  refresh_timeout_secs_ = timeoutSecs;
+  refresh_deadline_ms_ = monoMillis() + static_cast<long long>(timeoutSecs) * 1000;
   AM_TRACE(TRACE_FYI) << "A child process(pid=" << static_cast<long>(pid) << ") is created by '" << command
                       << " -c refresh' " << endl;
   return 0;
+}
+
+int AMPropagator::refreshTimeoutSecs() {
+  const char* text = getenv("SW_HERDLET_REFRESH_TIMEOUT_SECS");
+  if (text == nullptr) return kDefaultRefreshTimeoutSecs;
+  char* end = nullptr;
+  errno = 0;
+  long secs = strtol(text, &end, 10);
+  // Digits only: no sign, no blanks, nothing after the number.
+  if (text[0] >= '0' && text[0] <= '9' && *end == '\0' && errno == 0 && secs >= 1 &&
+      secs <= kMaxRefreshTimeoutSecs) {
+    return static_cast<int>(secs);
+  }
+  // The value is shown cut short: the environment is not ours to bound.
+  std::string shown(text, strnlen(text, 64));
+  AM_TRACE(TRACE_WARNING) << kPrefix << " SW_HERDLET_REFRESH_TIMEOUT_SECS=\"" << shown.c_str()
+                          << "\" is not a number of seconds from 1 to " << kMaxRefreshTimeoutSecs
+                          << "; the refresh child gets " << kDefaultRefreshTimeoutSecs << " seconds." << endl;
+  return kDefaultRefreshTimeoutSecs;
+}
+
+void AMPropagator::enforceRefreshTimeLimit() {
+  if (refresh_deadline_ms_ == 0) return;
+  const pid_t pid = refresh_pid.load();
+  if (pid == -1) {
+    refresh_deadline_ms_ = 0;  // reaped in time
+    return;
+  }
+  if (monoMillis() + 1 < refresh_deadline_ms_) return;
+  refresh_deadline_ms_ = 0;
+  // The child's end reaches us as any other (SIGCHLD, the controller reaps
+  // it) and counts as a failed refresh, after which refreshes run again.
+  int rc = kill(-pid, SIGKILL);
+  if (rc != 0 && errno == ESRCH) rc = kill(pid, SIGKILL);  // no group of its own
+  int err = rc != 0 ? errno : 0;
+  killedRefreshes_.fetch_add(1);
+  char errText[128];
+  AM_TRACE(TRACE_ERROR) << TraceLabel(kLabelRefreshFailed) << "The refresh child process(pid="
+                        << static_cast<long>(pid) << ") did not end within " << refresh_timeout_secs_
+                        << " seconds. " << (err == 0 ? "It was killed with its process group" : "Killing it failed: ")
+                        << (err == 0 ? "" : cu_strerror(err, errText, sizeof errText)) << "; the refresh failed."
+                        << endl;
 }
 
 void AMPropagator::ReadAndPropagateAggConfig() {
@@ -790,6 +845,16 @@ void* AMPropagator::run(void*) {
       }
     }
 
+    // A running refresh child is waited for no longer than its time limit.
+    if (refresh_deadline_ms_ != 0 && refresh_pid.load() != -1) {
+      long long left = std::max(0LL, refresh_deadline_ms_ - monoMillis());
+      long long waitMs = wait.secs < 0 ? -1 : wait.secs * 1000LL + wait.usecs / 1000;
+      if (waitMs < 0 || waitMs > left) {
+        wait.secs = static_cast<int>(left / 1000);
+        wait.usecs = static_cast<int>(left % 1000) * 1000;
+      }
+    }
+
     _AMProEventType event = PEVT_CFG_UNKNOWN;
     int rc = waitSyncEvent(&event, wait.secs, wait.usecs);
     if (rc == -1) return nullptr;  // the thread was asked to stop
@@ -803,6 +868,7 @@ void* AMPropagator::run(void*) {
       AM_TRACE(TRACE_DEBUG) << kPrefix << " Got a syncEvent " << static_cast<int>(event) << " waitrcode=" << rc << endl;
     wait = Wait();
     if (exiting()) break;
+    enforceRefreshTimeLimit();
 
     GSClientState state = cfg_provider->getClientState();
     if (state == GS_IAM_IDLE) {

@@ -115,6 +115,12 @@ class AMPropagator : public GSThread {
   static constexpr int kBatchWindowUsecs = 50000;
   // How long a lost agent connection waits for the dispatch thread's exit.
   static constexpr int kGsDiedGraceMsecs = 3000;
+  // A refresh child still running after this many seconds is killed, so
+  // that a refresh command that never ends cannot hold up every later
+  // refresh. SW_HERDLET_REFRESH_TIMEOUT_SECS (1 to kMaxRefreshTimeoutSecs)
+  // changes it.
+  static constexpr int kDefaultRefreshTimeoutSecs = 600;
+  static constexpr int kMaxRefreshTimeoutSecs = 86400;
 
   AMPropagator();
   ~AMPropagator() override;
@@ -131,6 +137,9 @@ class AMPropagator : public GSThread {
   // how many were dropped.
   int removeMatchingSyncEvents(_AMProEventType type);
 
+  // The refresh child's time limit in seconds, from the environment, read
+  // at each refresh; a bad value is traced and the default taken.
+  static int refreshTimeoutSecs();
   virtual pid_t refreshPid() const { return refresh_pid.load(); }
   virtual void clearRefreshPid() { refresh_pid.store(-1); }
   virtual void refreshCompleted(int rc);
@@ -171,6 +180,7 @@ class AMPropagator : public GSThread {
   int rateRefusalsForTesting() const { return rateRefusals_.load(); }
   int readsForTesting() const { return reads_.load(); }
   int ignoredRefreshesForTesting() const { return ignoredRefreshes_.load(); }
+  int killedRefreshesForTesting() const { return killedRefreshes_.load(); }
 
  private:
   struct Wait {
@@ -183,6 +193,9 @@ class AMPropagator : public GSThread {
   };
 
   int initiateRefreshProcess();
+  // Kills the refresh child's process group once its time limit has
+  // passed; the controller then reaps it as a failed refresh.
+  void enforceRefreshTimeLimit();
   void ReadAndPropagateAggConfig();
   // Takes event up after secs seconds (and waits that long unless other
   // events come first).
@@ -205,6 +218,10 @@ class AMPropagator : public GSThread {
   AMCfgInfo aggip_cfg_info;
   std::atomic<pid_t> refresh_pid{-1};
   std::atomic<int> refresh_retcode{0};
+  // Monotonic milliseconds at which the running refresh child is killed,
+  // 0 when none is due; with the limit it was given. Propagator thread only.
+  long long refresh_deadline_ms_ = 0;
+  int refresh_timeout_secs_ = kDefaultRefreshTimeoutSecs;
   AMAggCfgList proposed_cfg_list;  // propagator thread only
   AMCfgInfo proposed_cfg_info;
   std::atomic<int> proposed_remotely{0};
@@ -222,6 +239,7 @@ class AMPropagator : public GSThread {
   std::atomic<int> rateRefusals_{0};
   std::atomic<int> reads_{0};
   std::atomic<int> ignoredRefreshes_{0};
+  std::atomic<int> killedRefreshes_{0};
 };
 
 // Process-wide guards of the propagator's pending counters.

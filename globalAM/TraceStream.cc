@@ -2,6 +2,7 @@
 #include "TraceStream.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <signal.h>
 #include <stdio.h>
@@ -11,8 +12,8 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <fstream>
 #include <iostream>
+#include <streambuf>
 #include <utility>
 
 #include "common.h"
@@ -38,13 +39,90 @@ constexpr int kWriterStopGraceSecs = 120;
 constexpr long kLabelMessage = 5;     // "GS_MESSAGE_ST": log write problems
 constexpr long kLabelVaskError = 16;  // "GS_VASK_ERROR_ER": log open failures
 
+// The log file, written with write(2) one line at a time. The standard
+// file buffer cannot be trusted here: once its writes fail it keeps the
+// unwritten bytes and, written to again, stores past the end of its own
+// buffer. This one keeps only the line under way; a line that cannot be
+// written whole is dropped and cut back out of the file, so that a full
+// disk leaves no torn line behind and a line counted lost never turns up
+// later. Thread-compatible (the log-file lock serialises it).
+class LogFileBuf : public std::streambuf {
+ public:
+  LogFileBuf() = default;
+  ~LogFileBuf() override { close(); }
+  LogFileBuf(const LogFileBuf&) = delete;
+  LogFileBuf& operator=(const LogFileBuf&) = delete;
+
+  // Opens path for writing, truncated. False (errno set) when it cannot.
+  bool open(const char* path) {
+    close();
+    int fd = ::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY, 0666);
+    if (fd < 0) return false;
+    fd_ = fd;
+    return true;
+  }
+  bool is_open() const { return fd_ >= 0; }
+  void close() {
+    pending_.clear();
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+  }
+
+ protected:
+  int_type overflow(int_type c) override {
+    if (fd_ < 0) return traits_type::eof();
+    if (!traits_type::eq_int_type(c, traits_type::eof())) pending_.push_back(traits_type::to_char_type(c));
+    return traits_type::not_eof(c);
+  }
+  std::streamsize xsputn(const char* text, std::streamsize n) override {
+    if (fd_ < 0) return 0;
+    pending_.append(text, static_cast<size_t>(n));
+    return n;
+  }
+  // Writes what is pending; -1 (errno set) when it could not be written
+  // whole, in which case it is gone.
+  int sync() override {
+    if (pending_.empty()) return 0;
+    if (fd_ < 0) {
+      pending_.clear();
+      errno = EBADF;
+      return -1;
+    }
+    const off_t start = lseek(fd_, 0, SEEK_CUR);
+    size_t done = 0;
+    int err = 0;
+    while (done < pending_.size()) {
+      ssize_t n = ::write(fd_, pending_.data() + done, pending_.size() - done);
+      if (n > 0) {
+        done += static_cast<size_t>(n);
+      } else if (n < 0 && errno == EINTR) {
+        continue;
+      } else {
+        err = n < 0 ? errno : EIO;
+        break;
+      }
+    }
+    pending_.clear();
+    if (err == 0) return 0;
+    // What part of it did reach the file goes again.
+    if (done > 0 && start >= 0 && ftruncate(fd_, start) == 0) lseek(fd_, start, SEEK_SET);
+    errno = err;
+    return -1;
+  }
+
+ private:
+  int fd_ = -1;
+  std::string pending_;  // the bytes of the line under way
+};
+
 // Everything about the log file. The writer thread is its main user, but
 // drainAllLogs, SRC requests and start-up reach it from other threads, so
 // one lock serialises it; recursive because writing a line may make an
 // error-log entry that itself writes to the log.
 struct LogFileState {
   std::recursive_mutex mu;
-  std::ofstream file;                   // GUARDED_BY(mu)
+  LogFileBuf fileBuf;                   // GUARDED_BY(mu)
+  std::ostream file{&fileBuf};          // GUARDED_BY(mu): writes to fileBuf
   std::ostream* out = &std::cout;       // GUARDED_BY(mu): the log stream
   std::string logFileName;              // GUARDED_BY(mu): empty until named
   std::string logFileBackup;            // GUARDED_BY(mu)
@@ -170,17 +248,17 @@ void rotateLogWithLock(LogFileState& s, FFDCID& lastId) {
       link(name, backup);
     }
     unlink(name);
-    s.file.close();
+    s.fileBuf.close();
   }
   s.file.clear();
-  s.file.open(name, std::ios::out | std::ios::trunc);
-  if (s.file.is_open()) {
+  if (s.fileBuf.open(name)) {
     s.out = &s.file;
     s.needToOpenLogfile = 0;
     TopOfTheLog();
     return;
   }
   int err = errno;
+  s.file.setstate(std::ios::failbit);
   s.needToOpenLogfile += 1;
   if (s.needToOpenLogfile % 1000 == 1) {
     char text[PATH_MAX + 200];
@@ -756,14 +834,14 @@ void redirectCout(const char* sizeText, const char* fileName) {
   determineLogFileNameAndSize(sizeText, fileName);
   LogFileState& s = logState();
   std::unique_lock<std::recursive_mutex> hold(s.mu);
-  if (s.file.is_open()) s.file.close();
+  s.fileBuf.close();
   s.file.clear();
-  s.file.open(s.logFileName, std::ios::out | std::ios::trunc);
-  if (s.file.is_open()) {
+  if (s.fileBuf.open(s.logFileName.c_str())) {
     s.out = &s.file;
     s.needToOpenLogfile = 0;
     return;
   }
+  s.file.setstate(std::ios::failbit);
   char text[PATH_MAX + 200];
   snprintf(text, sizeof text, " ERROR %x We (%d.%d) could not open logfile: %s",
            static_cast<unsigned>(s.file.rdstate()), static_cast<int>(myNodeNumber),
@@ -823,7 +901,7 @@ void writeStraightToLog(const char* text) {
 void resetLogStateForTesting() {
   LogFileState& s = logState();
   std::lock_guard<std::recursive_mutex> hold(s.mu);
-  if (s.file.is_open()) s.file.close();
+  s.fileBuf.close();
   s.file.clear();
   s.out = &std::cout;
   s.logFileName.clear();

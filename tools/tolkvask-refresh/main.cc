@@ -1,7 +1,8 @@
 // tolkvask-refresh -c refresh: the refresh command the daemon runs as its
 // child. It checks the aggregate configuration file named by
 // SW_HERDLET_AGGIP_CFG with the daemon's own reader and reports every faulty
-// line by number. Exit 1 when the file cannot be read or holds no valid
+// line by number. Exit 1 when the file cannot be read, is not a regular
+// file (a FIFO or a device would never end the refresh) or holds no valid
 // data line, 0 otherwise; the daemon reads the file itself afterwards.
 #include <stdio.h>
 #include <stdlib.h>
@@ -22,7 +23,7 @@ int main(int argc, char** argv) {
   AMAggCfgList list;
   int lines = list.ReadConfig(path);
   if (lines < 0) {
-    fprintf(stderr, "tolkvask-refresh: cannot read %s\n", path);
+    fprintf(stderr, "tolkvask-refresh: cannot read %s: %s\n", path, list.openError().c_str());
     return 1;
   }
   for (const AMAggCfgLineError& e : list.lineErrors()) fprintf(stderr, "%s:%d: %s\n", path, e.line, e.what.c_str());

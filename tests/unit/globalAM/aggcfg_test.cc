@@ -1,7 +1,11 @@
 // The aggregate configuration file: its reader, the in-memory form and the
 // comparisons the propagator relies on.
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -196,6 +200,104 @@ TEST(AggCfgFind, GrowsByFourSlots) {
   EXPECT_EQ(list.num_slot_cfgs, 8);
   EXPECT_EQ(list.find_cfg("ml9", 0), nullptr);
   EXPECT_EQ(list.num_cfgs, 5);
+}
+
+// What ReadConfig makes of path, run in a child process that a reader held
+// up for ever cannot outlive: "rc=<result> <openError>", or how it ended.
+std::string readConfigBounded(const std::string& dir, const std::string& path) {
+  std::string out = dir + "/result";
+  pid_t pid = fork();
+  if (pid == 0) {
+    alarm(5);
+    AMAggCfgList list;
+    int rc = list.ReadConfig(path.c_str());
+    std::ofstream(out) << "rc=" << rc << " " << list.openError();
+    _exit(0);
+  }
+  int status = 0;
+  if (waitpid(pid, &status, 0) != pid) return "no child";
+  if (WIFSIGNALED(status)) return "killed by signal " + std::to_string(WTERMSIG(status));
+  std::ifstream in(out);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+TEST_F(AggCfgFileTest, FifoIsRefusedWithoutWaitingForAWriter) {
+  std::string fifo = dir_ + "/AggregateIP.cfg";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  EXPECT_EQ(readConfigBounded(dir_, fifo), "rc=-1 is a FIFO, not a regular file");
+}
+
+TEST_F(AggCfgFileTest, LinkToADeviceIsRefused) {
+  std::string link = dir_ + "/AggregateIP.cfg";
+  ASSERT_EQ(symlink("/dev/zero", link.c_str()), 0);
+  EXPECT_EQ(readConfigBounded(dir_, link), "rc=-1 is a character device, not a regular file");
+}
+
+TEST_F(AggCfgFileTest, LinkToARegularFileIsRead) {
+  std::string target = write("+cfgid: 0x2A\n1 ml0 sxn1\n");
+  std::string link = dir_ + "/link.cfg";
+  ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
+  EXPECT_EQ(readConfigBounded(dir_, link), "rc=1 ");
+}
+
+TEST_F(AggCfgFileTest, MissingFileSaysWhy) {
+  AMAggCfgList list;
+  EXPECT_EQ(list.ReadConfig((dir_ + "/absent.cfg").c_str()), -1);
+  EXPECT_EQ(list.openError(), "No such file or directory");
+}
+
+// The refresh command itself, as the daemon runs it: it must end, with a
+// clear message, whatever the configuration file turns out to be.
+class RefreshCommand : public AggCfgFileTest {
+ protected:
+  struct Result {
+    int status = -1;
+    std::string err;
+  };
+  Result run(const std::string& cfgPath) {
+    std::string errPath = dir_ + "/stderr";
+    pid_t pid = fork();
+    if (pid == 0) {
+      alarm(10);  // a command held up for ever dies of it
+      int fd = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+      if (fd >= 0) dup2(fd, 2);
+      setenv("SW_HERDLET_AGGIP_CFG", cfgPath.c_str(), 1);
+      execl(REFRESH_CMD_PATH, REFRESH_CMD_PATH, "-c", "refresh", static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    Result r;
+    waitpid(pid, &r.status, 0);
+    std::ifstream in(errPath);
+    r.err.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    return r;
+  }
+};
+
+TEST_F(RefreshCommand, FifoIsRefused) {
+  std::string fifo = dir_ + "/AggregateIP.cfg";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  Result r = run(fifo);
+  ASSERT_TRUE(WIFEXITED(r.status)) << "ended by signal " << WTERMSIG(r.status);
+  EXPECT_EQ(WEXITSTATUS(r.status), 1);
+  EXPECT_EQ(r.err, "tolkvask-refresh: cannot read " + fifo + ": is a FIFO, not a regular file\n");
+}
+
+TEST_F(RefreshCommand, LinkToDevZeroIsRefused) {
+  std::string link = dir_ + "/AggregateIP.cfg";
+  ASSERT_EQ(symlink("/dev/zero", link.c_str()), 0);
+  Result r = run(link);
+  ASSERT_TRUE(WIFEXITED(r.status)) << "ended by signal " << WTERMSIG(r.status);
+  EXPECT_EQ(WEXITSTATUS(r.status), 1);
+  EXPECT_EQ(r.err, "tolkvask-refresh: cannot read " + link + ": is a character device, not a regular file\n");
+}
+
+TEST_F(RefreshCommand, LinkToARegularFileIsChecked) {
+  std::string target = write("+cfgid: 0x2A\n1 ml0 sxn1\n");
+  std::string link = dir_ + "/link.cfg";
+  ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
+  Result r = run(link);
+  ASSERT_TRUE(WIFEXITED(r.status)) << "ended by signal " << WTERMSIG(r.status);
+  EXPECT_EQ(WEXITSTATUS(r.status), 0) << r.err;
 }
 
 // Runs last in this file: it fills the process-wide allowance of names.

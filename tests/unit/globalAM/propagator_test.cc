@@ -161,8 +161,10 @@ class PropagatorProtocol : public ::testing::Test {
     writeFile(cfgPath_, "+CFGID: 0x10\n1 ml0 sxn0\n");
     // The refresh command fails while the "fail" file exists, and waits
     // (at most about 10 s) while the test holds it back with the "hold"
-    // file; otherwise it ends at once.
-    writeFile(scriptPath_, "#!/bin/sh\n[ -e '" + dir_ + "/fail' ] && exit 3\ni=0\nwhile [ -e '" + dir_ + "/hold' ] && [ $i -lt 1000 ]; do sleep 0.01; i=$((i+1)); done\nexit 0\n");
+    // file; while the "stall" file exists it never ends by itself (a
+    // sleeper it started, whose pid it leaves in "sleeper", holds it);
+    // otherwise it ends at once.
+    writeFile(scriptPath_, "#!/bin/sh\n[ -e '" + dir_ + "/fail' ] && exit 3\n[ -e '" + dir_ + "/stall' ] && { sleep 3600 & echo $! > '" + dir_ + "/sleeper'; wait; exit 0; }\ni=0\nwhile [ -e '" + dir_ + "/hold' ] && [ $i -lt 1000 ]; do sleep 0.01; i=$((i+1)); done\nexit 0\n");
     chmod(scriptPath_.c_str(), 0755);
     refresh_cmd = scriptPath_.c_str();
     setenv("SW_HERDLET_AGGIP_CFG", cfgPath_.c_str(), 1);
@@ -209,6 +211,8 @@ class PropagatorProtocol : public ::testing::Test {
   }
 
   void TearDown() override {
+    // A refresh child a failed test left running goes with its group.
+    if (prop_ != nullptr && prop_->refreshPid() > 0) kill(-prop_->refreshPid(), SIGKILL);
     if (prop_ != nullptr) {
       prop_->stop();
       if (started_) prop_->join();
@@ -229,6 +233,7 @@ class PropagatorProtocol : public ::testing::Test {
     if (sigFd_ >= 0) close(sigFd_);
     pthread_sigmask(SIG_SETMASK, &savedMask_, nullptr);
     refresh_cmd = "tolkvask";
+    unsetenv("SW_HERDLET_REFRESH_TIMEOUT_SECS");
     WAIT_PENDING_DELAYED_DOWN_USECS = 16000000;
     if (HasFailure()) {
       traceMarket->drainAllLogs();
@@ -531,6 +536,70 @@ TEST_F(PropagatorProtocol, FailedRefreshChildIsIgnored) {
   unlink((dir_ + "/fail").c_str());
   prop_->refreshRequested();
   ASSERT_TRUE(waitUntil([&] { return prop_->aggip_current_cfg_info().getCfgId1() == 0x40u; }));
+}
+
+// True when pid no longer runs (gone, or a zombie nobody reaps).
+bool notRunning(pid_t pid) {
+  std::string stat = readAll("/proc/" + std::to_string(pid) + "/stat");
+  if (stat.empty()) return true;
+  size_t paren = stat.rfind(')');
+  return paren != std::string::npos && paren + 2 < stat.size() && stat[paren + 2] == 'Z';
+}
+
+TEST_F(PropagatorProtocol, RefreshChildPastItsTimeLimitIsKilledAndTheNextRefreshRuns) {
+  startAndSettle();
+  setenv("SW_HERDLET_REFRESH_TIMEOUT_SECS", "1", 1);
+  writeFile(dir_ + "/stall", "");
+  writeFile(cfgPath_, "+CFGID: 0x50\n1 ml0 sxn0\n5 ml0 sxn0\n");
+  auto start = std::chrono::steady_clock::now();
+  prop_->refreshRequested();
+  ASSERT_TRUE(waitUntil([&] { return prop_->refreshPid() != -1; }));
+  ASSERT_TRUE(waitUntil([&] { return !readAll(dir_ + "/sleeper").empty(); })) << "the refresh command never started";
+  pid_t sleeper = atoi(readAll(dir_ + "/sleeper").c_str());
+  ASSERT_GT(sleeper, 0);
+  // Killed at its limit, reaped by the controller and taken as a failed
+  // refresh: the configuration in use stays.
+  ASSERT_TRUE(waitUntil([&] { return prop_->ignoredRefreshesForTesting() == 1; }));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1000));
+  EXPECT_EQ(1, prop_->killedRefreshesForTesting());
+  EXPECT_EQ(-1, prop_->refreshPid());
+  EXPECT_EQ(0x10u, prop_->aggip_current_cfg_info().getCfgId1());
+  // Whatever the command started went with it.
+  EXPECT_TRUE(waitUntil([&] { return notRunning(sleeper); })) << "the refresh command's sleeper still runs";
+  traceMarket->drainAllLogs();
+  std::string log = readAll(logFile_);
+  EXPECT_NE(std::string::npos, log.find("did not end within 1 seconds. It was killed with its process group; the refresh failed."))
+      << log;
+  EXPECT_NE(std::string::npos, log.find("Refresh process returns an error status. The refresh will be ignored.")) << log;
+  std::string errlog = readAll(logFile_ + ".errlog");
+  EXPECT_NE(std::string::npos, errlog.find("\"label\":\"GS_ERROR_ER\"")) << errlog;
+  EXPECT_NE(std::string::npos, errlog.find(") did not end within 1 seconds.")) << errlog;
+
+  // The next refresh runs and takes the file up.
+  unlink((dir_ + "/stall").c_str());
+  prop_->refreshRequested();
+  ASSERT_TRUE(waitUntil([&] { return prop_->aggip_current_cfg_info().getCfgId1() == 0x50u; }));
+  EXPECT_EQ(1, prop_->killedRefreshesForTesting());
+}
+
+TEST_F(PropagatorProtocol, RefreshTimeLimitComesFromTheEnvironmentAndBadValuesAreTraced) {
+  unsetenv("SW_HERDLET_REFRESH_TIMEOUT_SECS");
+  EXPECT_EQ(600, AMPropagator::refreshTimeoutSecs());
+  setenv("SW_HERDLET_REFRESH_TIMEOUT_SECS", "1", 1);
+  EXPECT_EQ(1, AMPropagator::refreshTimeoutSecs());
+  setenv("SW_HERDLET_REFRESH_TIMEOUT_SECS", "86400", 1);
+  EXPECT_EQ(86400, AMPropagator::refreshTimeoutSecs());
+  for (const char* bad : {"", "0", "-5", "12x", " 7", "86401", "99999999999999999999", "ten"}) {
+    setenv("SW_HERDLET_REFRESH_TIMEOUT_SECS", bad, 1);
+    EXPECT_EQ(600, AMPropagator::refreshTimeoutSecs()) << "\"" << bad << "\"";
+  }
+  traceMarket->drainAllLogs();
+  std::string log = readAll(logFile_);
+  EXPECT_NE(std::string::npos, log.find("TRACE_WARNING : [T=")) << log;
+  EXPECT_NE(std::string::npos,
+            log.find(" SW_HERDLET_REFRESH_TIMEOUT_SECS=\"12x\" is not a number of seconds from 1 to 86400; the refresh child gets 600 seconds."))
+      << log;
+  EXPECT_NE(std::string::npos, log.find(" SW_HERDLET_REFRESH_TIMEOUT_SECS=\"\" is not a number")) << log;
 }
 
 TEST_F(PropagatorProtocol, DelayedDownIsAnnouncedWhenItsDelayRunsOut) {
