@@ -764,60 +764,73 @@ class WireAttribute {
   WireValue value_;
 };
 
-class WireResource {
+// Items read, as a range with a size.
+template <typename Item>
+class ReadItems {
  public:
-  // The attributes read, as a range with a size.
-  class Attributes {
-   public:
-    Attributes(const WireAttribute* begin, size_t size) : begin_(begin), size_(size) {}
-    const WireAttribute* begin() const { return begin_; }
-    const WireAttribute* end() const { return begin_ + size_; }
-    size_t size() const { return size_; }
+  ReadItems(const Item* begin, size_t size) : begin_(begin), size_(size) {}
+  const Item* begin() const { return begin_; }
+  const Item* end() const { return begin_ + size_; }
+  size_t size() const { return size_; }
 
-   private:
-    const WireAttribute* begin_;
-    size_t size_;
-  };
+ private:
+  const Item* begin_;
+  size_t size_;
+};
 
-  std::string_view class_name() const { return className_; }
-  std::string_view handle() const { return handle_; }
-  Attributes attributes() const { return Attributes(attrs_.data(), used_); }
-
-  // The attributes' storage is kept from one resource to the next.
+// A message of text fields 1 .. kList - 1 and a repeated message field
+// kList (at most kMaxAttributes Items), each text once and in field
+// order. The items' storage is kept from one message to the next.
+template <typename Item, uint32_t kList>
+class WireTextsAndItems {
+ public:
   bool read(std::string_view bytes) {
-    className_ = std::string_view();
-    handle_ = std::string_view();
+    for (std::string_view& t : texts_) t = std::string_view();
     used_ = 0;
     WireReader r(bytes);
     uint32_t last = 0;
     while (!r.atEnd()) {
       uint32_t field, wireType;
-      if (!r.tag(&field, &wireType) || field < last || (field == last && field != 3) ||
-          wireType != kLengthDelimited) {
+      if (!r.tag(&field, &wireType) || field < last || (field == last && field != kList) ||
+          wireType != kLengthDelimited || field > kList) {
         return false;
       }
       last = field;
-      std::string_view b;
-      if (field == 1) {
-        if (!r.text(&className_)) return false;
-      } else if (field == 2) {
-        if (!r.text(&handle_)) return false;
-      } else if (field == 3) {
-        if (used_ >= kMaxAttributes || !r.bytes(&b)) return false;
-        if (used_ == attrs_.size()) attrs_.emplace_back();
-        if (!attrs_[used_++].read(b)) return false;
-      } else {
-        return false;
+      if (field < kList) {
+        if (!r.text(&texts_[field - 1])) return false;
+        continue;
       }
+      std::string_view b;
+      if (used_ >= kMaxAttributes || !r.bytes(&b)) return false;
+      if (used_ == items_.size()) items_.emplace_back();
+      if (!items_[used_++].read(b)) return false;
     }
     return true;
   }
 
+ protected:
+  std::string_view text(uint32_t field) const { return texts_[field - 1]; }
+  ReadItems<Item> items() const { return ReadItems<Item>(items_.data(), used_); }
+
  private:
-  std::string_view className_;
-  std::string_view handle_;
-  std::vector<WireAttribute> attrs_;
+  std::string_view texts_[kList - 1];
+  std::vector<Item> items_;
   size_t used_ = 0;
+};
+
+// A KorResource: class_name (1), handle (2), attributes (3).
+class WireResource : public WireTextsAndItems<WireAttribute, 3> {
+ public:
+  std::string_view class_name() const { return text(1); }
+  std::string_view handle() const { return text(2); }
+  ReadItems<WireAttribute> attributes() const { return items(); }
+};
+
+// A KorRow: handle (1), values (2).
+class WireRow : public WireTextsAndItems<WireValue, 2> {
+ public:
+  std::string_view handle() const { return text(1); }
+  ReadItems<WireValue> values() const { return items(); }
 };
 
 class WireColumn {
@@ -848,56 +861,6 @@ class WireColumn {
  private:
   std::string_view name_;
   uint32_t type_ = 0;
-};
-
-class WireRow {
- public:
-  class Values {
-   public:
-    Values(const WireValue* begin, size_t size) : begin_(begin), size_(size) {}
-    const WireValue* begin() const { return begin_; }
-    const WireValue* end() const { return begin_ + size_; }
-    size_t size() const { return size_; }
-
-   private:
-    const WireValue* begin_;
-    size_t size_;
-  };
-
-  std::string_view handle() const { return handle_; }
-  Values values() const { return Values(values_.data(), used_); }
-
-  // The values' storage is kept from one row to the next.
-  bool read(std::string_view bytes) {
-    handle_ = std::string_view();
-    used_ = 0;
-    WireReader r(bytes);
-    uint32_t last = 0;
-    while (!r.atEnd()) {
-      uint32_t field, wireType;
-      if (!r.tag(&field, &wireType) || field < last || (field == last && field != 2) ||
-          wireType != kLengthDelimited) {
-        return false;
-      }
-      last = field;
-      std::string_view b;
-      if (field == 1) {
-        if (!r.text(&handle_)) return false;
-      } else if (field == 2) {
-        if (used_ >= kMaxAttributes || !r.bytes(&b)) return false;
-        if (used_ == values_.size()) values_.emplace_back();
-        if (!values_[used_++].read(b)) return false;
-      } else {
-        return false;
-      }
-    }
-    return true;
-  }
-
- private:
-  std::string_view handle_;
-  std::vector<WireValue> values_;
-  size_t used_ = 0;
 };
 
 // Reads frame (an AgentFrame of version 1 with a Reply to request id, rc
