@@ -246,10 +246,13 @@ void AgentCore::submitToReplica(ClientPort& client, const proto::Request& reques
 void AgentCore::serveResources(ClientPort& client, const proto::Request& request) {
   // Answered from this agent's copy of the resources, which is the
   // cluster's: no round trip over the bus.
-  korService_.serve(client.id(), request, replica_->kor(), [&client](const proto::AgentFrame& f) {
-    client.send(f);
-    return !client.closed();
-  });
+  KorService::Answer answer = korService_.answer(client.id(), request, replica_->kor());
+  if (answer.pages) {
+    // A query's pages are made as the client reads them.
+    client.sendFrames(std::move(answer.pages));
+  } else {
+    client.send(answer.reply);
+  }
 }
 
 void AgentCore::subscribe(ClientPort& client, const proto::Request& request) {

@@ -11,6 +11,7 @@
 #include <stdint.h>
 #include <sys/types.h>
 
+#include <memory>
 #include <string>
 
 #include "velt.pb.h"
@@ -29,6 +30,17 @@ inline proto::AgentFrame replyFrame(uint64_t id, int rc, const std::string& text
   if (!text.empty()) r->set_text(text);
   return f;
 }
+
+// The frames of one large answer, made one at a time as the client takes
+// them, so that the answer is never held whole.
+// Owned by the agent's event loop thread, like the port it is given to.
+class FrameSource {
+ public:
+  virtual ~FrameSource() = default;
+  // Makes the next frame: a serialised AgentFrame, the bytes of *frame from
+  // *from on. False when every frame has been made.
+  virtual bool next(std::string* frame, size_t* from) = 0;
+};
 
 class ClientPort {
  public:
@@ -54,6 +66,10 @@ class ClientPort {
   // Queues a frame for the client (a port may close itself instead, when
   // the client does not keep up).
   virtual void send(const proto::AgentFrame& frame) = 0;
+  // Queues the frames of source, after what was queued before and before
+  // what is queued later; each is made when the client has taken most of
+  // what waits for it. A closed port lets the source go unused.
+  virtual void sendFrames(std::unique_ptr<FrameSource> source) = 0;
   // Closes at once.
   virtual void close(const std::string& why) = 0;
   // Responsiveness pings: one every intervalSeconds, each to be answered

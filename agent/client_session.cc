@@ -242,30 +242,93 @@ void ClientSession::send(const proto::AgentFrame& frame) {
     close("internal error: a frame for this client could not be serialised");
     return;
   }
-  if (bytes.size() > limits_.maxMessageBytes) {
-    close("a frame of " + std::to_string(bytes.size()) + " bytes is larger than the " +
-          std::to_string(limits_.maxMessageBytes) + " the socket carries");
+  if (!later_.empty()) {
+    // Behind a source still making its frames: it goes out after them.
+    if (bytes.size() > limits_.maxMessageBytes ||
+        unsentBytes() + bytes.size() > limits_.maxUnsentBytes) {
+      queueFrame(std::move(bytes), 0);   // refused there, with the reason
+      return;
+    }
+    laterBytes_ += bytes.size();
+    later_.push_back(Later{nullptr, std::move(bytes)});
     return;
   }
-  if (out_.queuedBytes() + bytes.size() > limits_.maxUnsentBytes) {
-    close("the client stopped reading: " + std::to_string(out_.queuedBytes()) +
+  if (queueFrame(std::move(bytes), 0)) flush();
+}
+
+void ClientSession::sendFrames(std::unique_ptr<FrameSource> source) {
+  VELT_CHECK_OWNER_THREAD(ownerThread_);
+  if (state_ == State::kClosed || state_ == State::kRefused || !source) return;
+  later_.push_back(Later{std::move(source), std::string()});
+  flush();
+}
+
+size_t ClientSession::pendingSources() const {
+  size_t n = 0;
+  for (const Later& l : later_) n += l.source ? 1 : 0;
+  return n;
+}
+
+bool ClientSession::queueFrame(std::string bytes, size_t from) {
+  const size_t size = bytes.size() - from;
+  if (size > limits_.maxMessageBytes) {
+    close("a frame of " + std::to_string(size) + " bytes is larger than the " +
+          std::to_string(limits_.maxMessageBytes) + " the socket carries");
+    return false;
+  }
+  if (unsentBytes() + size > limits_.maxUnsentBytes) {
+    close("the client stopped reading: " + std::to_string(unsentBytes()) +
           " bytes are waiting for it, at most " + std::to_string(limits_.maxUnsentBytes) +
           " may");
-    return;
+    return false;
   }
-  out_.push(bytes);
-  flush();
+  out_.push(std::move(bytes), from);
+  return true;
+}
+
+bool ClientSession::takeLater() {
+  while (!later_.empty() && out_.queuedBytes() < limits_.framesAhead) {
+    Later& l = later_.front();
+    if (!l.source) {
+      std::string bytes = std::move(l.frame);
+      laterBytes_ -= bytes.size();
+      later_.pop_front();
+      if (!queueFrame(std::move(bytes), 0)) return false;
+      continue;
+    }
+    std::string bytes;
+    size_t from = 0;
+    if (!l.source->next(&bytes, &from)) {
+      later_.pop_front();
+      continue;
+    }
+    if (!queueFrame(std::move(bytes), from)) return false;
+  }
+  return true;
 }
 
 void ClientSession::flush() {
   if (state_ == State::kClosed) return;
+  if (!takeLater()) return;
   int rc = out_.flush(socket_.native_handle());
   if (rc != 0) {
     close(rc == EPIPE || rc == ECONNRESET ? std::string("the client closed the connection")
                                           : "send failed: " + errnoText(rc));
     return;
   }
-  if (out_.empty() || waitingWritable_) return;
+  if (out_.empty()) {
+    // The client took everything at once: the next frames are made on a
+    // later turn of the loop, so that other clients are served between.
+    if (!later_.empty() && !takeLaterPosted_) {
+      takeLaterPosted_ = true;
+      asio::post(io_, [self = shared_from_this()] {
+        self->takeLaterPosted_ = false;
+        self->flush();
+      });
+    }
+    return;
+  }
+  if (waitingWritable_) return;
   waitingWritable_ = true;
   socket_.async_wait(asio::posix::stream_descriptor::wait_write,
                      [self = shared_from_this()](const std::error_code& ec) {
@@ -289,6 +352,9 @@ void ClientSession::close(const std::string& why) {
   forgetPartial();
   bool wasAccepted = state_ == State::kAccepted;
   state_ = State::kClosed;
+  // Sources not finished stop here; what they hold is let go.
+  later_.clear();
+  laterBytes_ = 0;
   ++pingGeneration_;
   pingTimer_.cancel();
   answerTimer_.cancel();

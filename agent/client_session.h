@@ -16,6 +16,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <deque>
 #include <memory>
 #include <string>
 
@@ -41,6 +42,10 @@ class ClientSession : public ClientPort, public std::enable_shared_from_this<Cli
   struct Limits {
     size_t maxMessageBytes = wire::kDefaultMaxMessage;
     size_t maxUnsentBytes = 64u * 1024 * 1024;
+    // The frames of a source are made while fewer bytes than this wait
+    // for the client: enough to keep it busy while the next is made, and
+    // no more.
+    size_t framesAhead = 2u * 1024 * 1024;
     // How long a refused connection may take to read its answer before it
     // is closed anyway.
     std::chrono::milliseconds refuseLinger{5000};
@@ -86,6 +91,9 @@ class ClientSession : public ClientPort, public std::enable_shared_from_this<Cli
   // Queues a frame. A client that lets more than maxUnsentBytes pile up is
   // cut off as gone.
   void send(const proto::AgentFrame& frame) override;
+  // Queues the frames of source, made as the client reads (see
+  // Limits::framesAhead).
+  void sendFrames(std::unique_ptr<FrameSource> source) override;
   // Closes at once; frames not yet sent are dropped.
   void close(const std::string& why) override;
 
@@ -101,7 +109,10 @@ class ClientSession : public ClientPort, public std::enable_shared_from_this<Cli
   // for the log).
   const std::string& program() const override { return program_; }
   void setProgram(const std::string& program) override { program_ = program.substr(0, 256); }
-  size_t unsentBytes() const { return out_.queuedBytes(); }
+  // Bytes queued for the client: made frames not yet sent.
+  size_t unsentBytes() const { return out_.queuedBytes() + laterBytes_; }
+  // Sources whose frames are not all made yet.
+  size_t pendingSources() const;
 
  private:
   enum class State { kNew, kAwaitingHello, kAccepted, kRefused, kClosed };
@@ -110,6 +121,12 @@ class ClientSession : public ClientPort, public std::enable_shared_from_this<Cli
   void readPackets();
   // Returns false when the connection was closed while handling it.
   bool handleMessage(const std::string& bytes);
+  // Queues a serialised frame, or closes the connection when it is too
+  // large or the client has let too much pile up. False when closed.
+  bool queueFrame(std::string bytes, size_t from);
+  // Moves frames from later_ into out_ (making those of sources) while
+  // fewer than framesAhead bytes wait there. False when closed.
+  bool takeLater();
   void flush();
   void forgetPartial();
   void finishRefusal();
@@ -133,6 +150,15 @@ class ClientSession : public ClientPort, public std::enable_shared_from_this<Cli
   size_t partial_ = 0;            // bytes of the message being reassembled
   wire::PacketQueue out_;
   bool waitingWritable_ = false;
+  // What waits behind a source that is still making its frames, in order:
+  // sources, and the frames queued after them.
+  struct Later {
+    std::unique_ptr<FrameSource> source;  // null: frame
+    std::string frame;
+  };
+  std::deque<Later> later_;
+  size_t laterBytes_ = 0;         // of the frames in later_
+  bool takeLaterPosted_ = false;
 
   // Bounds the wait for the hello, then for a refused client to read its
   // answer.

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <stdio.h>
+#include <string.h>
 
 #include <algorithm>
 #include <memory>
@@ -10,6 +11,8 @@
 
 #include <google/protobuf/io/coded_stream.h>
 #include <google/protobuf/io/zero_copy_stream_impl_lite.h>
+
+#include "wire_bytes.h"
 
 namespace velt {
 namespace agent {
@@ -152,6 +155,25 @@ class AttributeWriter {
   AttributeWriter(const AttributeWriter&) = delete;
   AttributeWriter& operator=(const AttributeWriter&) = delete;
 
+  void begin(const char* className, uint32_t node, const std::string* name) {
+    r_->set_class_name(className);
+    setHandle(r_, node, name);
+  }
+  void text(const char* name, const std::string& text) { add(name, VX_CHAR_PTR)->set_text(text); }
+  void unsignedValue(const char* name, vx_data_type_t type, uint64_t value) {
+    add(name, type)->set_uint_value(value);
+  }
+  void signedValue(const char* name, vx_data_type_t type, int64_t value) {
+    add(name, type)->set_int_value(value);
+  }
+  // An array of one value, or an empty one when value is 0 and
+  // zeroIsNone.
+  void unsignedArray(const char* name, vx_data_type_t type, uint64_t value, bool zeroIsNone) {
+    proto::KorValue* v = add(name, type);
+    if (value != 0 || !zeroIsNone) v->add_uint_array(value);
+  }
+
+ private:
   proto::KorValue* add(const char* name, vx_data_type_t type) {
     proto::KorAttribute* a =
         used_ < r_->attributes_size() ? r_->mutable_attributes(used_) : r_->add_attributes();
@@ -162,34 +184,96 @@ class AttributeWriter {
     v->set_type(type);
     return v;
   }
-  void text(const char* name, const std::string& text) { add(name, VX_CHAR_PTR)->set_text(text); }
-  void unsignedValue(const char* name, vx_data_type_t type, uint64_t value) {
-    add(name, type)->set_uint_value(value);
-  }
-  void nodeIds(uint64_t nodeId) {
-    proto::KorValue* v = add(kKorAttrNodeIds, VX_UINT64_ARRAY);
-    if (nodeId != 0) v->add_uint_array(nodeId);
-  }
 
- private:
   proto::KorResource* r_;
   int used_ = 0;
 };
 
-// A "Zel.PeerNode" with the attributes at places, in that order, written
-// over *r (see AttributeWriter).
+// The same attributes appended as wire bytes: a KorResource's fields, or a
+// KorRow's (the handle, then each value without its type). Every size is
+// known before its bytes are written, so nothing is written twice.
+class WireWriter {
+ public:
+  WireWriter(std::string* out, bool asRow) : out_(out), asRow_(asRow) {}
+
+  void begin(const char* className, uint32_t node, const std::string* name) {
+    if (!asRow_) wirebytes::putStringField(out_, 1, className, strlen(className));
+    char text[16];
+    const size_t n = static_cast<size_t>(snprintf(text, sizeof text, "node/%u", node));
+    const size_t size = n + (name != nullptr ? 1 + name->size() : 0);
+    wirebytes::putLengthPrefix(out_, asRow_ ? 1 : 2, size);
+    out_->append(text, n);
+    if (name != nullptr) {
+      out_->push_back('/');
+      out_->append(*name);
+    }
+  }
+  void text(const char* name, const std::string& text) {
+    const size_t payload = text.empty() ? 0 : 1 + wirebytes::varintSize(text.size()) + text.size();
+    open(name, VX_CHAR_PTR, payload);
+    wirebytes::putStringField(out_, 4, text);
+  }
+  void unsignedValue(const char* name, vx_data_type_t type, uint64_t value) {
+    open(name, type, value == 0 ? 0 : 1 + wirebytes::varintSize(value));
+    wirebytes::putVarintField(out_, 3, value);
+  }
+  void signedValue(const char* name, vx_data_type_t type, int64_t value) {
+    const uint64_t bits = static_cast<uint64_t>(value);
+    open(name, type, bits == 0 ? 0 : 1 + wirebytes::varintSize(bits));
+    wirebytes::putVarintField(out_, 2, bits);
+  }
+  void unsignedArray(const char* name, vx_data_type_t type, uint64_t value, bool zeroIsNone) {
+    if (value == 0 && zeroIsNone) {
+      open(name, type, 0);
+      return;
+    }
+    const size_t packed = wirebytes::varintSize(value);
+    open(name, type, 1 + wirebytes::varintSize(packed) + packed);
+    wirebytes::putLengthPrefix(out_, 6, packed);
+    wirebytes::putVarint(out_, value);
+  }
+
+ private:
+  // Writes what comes before a value's payload of payload bytes.
+  void open(const char* name, vx_data_type_t type, size_t payload) {
+    if (asRow_) {
+      wirebytes::putLengthPrefix(out_, 2, payload);
+      return;
+    }
+    const size_t value = 1 + wirebytes::varintSize(type) + payload;
+    const size_t nameLen = strlen(name);
+    const size_t attribute =
+        1 + wirebytes::varintSize(nameLen) + nameLen + 1 + wirebytes::varintSize(value) + value;
+    wirebytes::putLengthPrefix(out_, 3, attribute);
+    wirebytes::putStringField(out_, 1, name, nameLen);
+    wirebytes::putLengthPrefix(out_, 2, value);
+    wirebytes::putVarintField(out_, 1, type);
+  }
+
+  std::string* out_;
+  bool asRow_;
+};
+
+// The type of each attribute, by place.
+constexpr vx_data_type_t kPeerNodeTypes[kPeerNodePlaces] = {VX_UINT32_ARRAY, VX_UINT64_ARRAY,
+                                                             VX_CHAR_PTR};
+constexpr vx_data_type_t kInterfaceTypes[kInterfacePlaces] = {
+    VX_CHAR_PTR, VX_UINT64_ARRAY, VX_CHAR_PTR, VX_CHAR_PTR, VX_UINT32, VX_INT32,
+    VX_UINT32,   VX_UINT64,       VX_UINT32,   VX_CHAR_PTR, VX_CHAR_PTR};
+
+// A "Zel.PeerNode" with the attributes at places, in that order, through
+// writer w (an AttributeWriter or a WireWriter).
+template <typename Writer>
 void fillPeerNode(uint32_t node, const std::string& name, uint64_t nodeId,
-                  const std::vector<int>& places, proto::KorResource* r) {
-  r->set_class_name(KOR_CLASS_PEER_NODE);
-  setHandle(r, node, nullptr);
-  AttributeWriter w(r);
+                  const std::vector<int>& places, Writer& w) {
+  w.begin(KOR_CLASS_PEER_NODE, node, nullptr);
   for (int place : places) {
     switch (place) {
       case kPnNodeList:
-        w.add(kKorAttrNodeList, VX_UINT32_ARRAY)->add_uint_array(node);
+        w.unsignedArray(kKorAttrNodeList, kPeerNodeTypes[kPnNodeList], node, false);
         break;
       case kPnNodeIds:
-        w.nodeIds(nodeId);
+        w.unsignedArray(kKorAttrNodeIds, kPeerNodeTypes[kPnNodeIds], nodeId, true);
         break;
       case kPnName:
         w.text(kKorAttrName, name);
@@ -199,19 +283,19 @@ void fillPeerNode(uint32_t node, const std::string& name, uint64_t nodeId,
 }
 
 // A "Zel.NetworkInterface" with the attributes at places, in that order,
-// written over *r (see AttributeWriter).
+// through writer w.
+template <typename Writer>
 void fillInterface(const proto::InterfaceResource& facts, uint64_t nodeId,
-                   const std::vector<int>& places, proto::KorResource* r) {
-  r->set_class_name(KOR_CLASS_NETWORK_INTERFACE);
-  setHandle(r, facts.node(), &facts.name());
-  AttributeWriter w(r);
+                   const std::vector<int>& places, Writer& w) {
+  w.begin(KOR_CLASS_NETWORK_INTERFACE, facts.node(), &facts.name());
   for (int place : places) {
+    const vx_data_type_t type = kInterfaceTypes[place];
     switch (place) {
       case kIfName:
         w.text(kKorAttrName, facts.name());
         break;
       case kIfNodeIds:
-        w.nodeIds(nodeId);
+        w.unsignedArray(kKorAttrNodeIds, type, nodeId, true);
         break;
       case kIfDeviceName:
         w.text(kKorAttrDeviceName, facts.device_name());
@@ -220,19 +304,19 @@ void fillInterface(const proto::InterfaceResource& facts, uint64_t nodeId,
         w.text(kKorAttrIpAddress, facts.ip_address());
         break;
       case kIfDeviceSubType:
-        w.unsignedValue(kKorAttrDeviceSubType, VX_UINT32, facts.device_sub_type());
+        w.unsignedValue(kKorAttrDeviceSubType, type, facts.device_sub_type());
         break;
       case kIfLogicalId:
-        w.add(kKorAttrLogicalId, VX_INT32)->set_int_value(facts.logical_id());
+        w.signedValue(kKorAttrLogicalId, type, facts.logical_id());
         break;
       case kIfNetworkId:
-        w.unsignedValue(kKorAttrNetworkId, VX_UINT32, facts.network_id());
+        w.unsignedValue(kKorAttrNetworkId, type, facts.network_id());
         break;
       case kIfNetworkId64:
-        w.unsignedValue(kKorAttrNetworkId64, VX_UINT64, facts.network_id64());
+        w.unsignedValue(kKorAttrNetworkId64, type, facts.network_id64());
         break;
       case kIfPortId:
-        w.unsignedValue(kKorAttrPortId, VX_UINT32, facts.port_id());
+        w.unsignedValue(kKorAttrPortId, type, facts.port_id());
         break;
       case kIfHardwareAddress:
         w.text(kKorAttrHardwareAddress, facts.hardware_address());
@@ -244,7 +328,34 @@ void fillInterface(const proto::InterfaceResource& facts, uint64_t nodeId,
   }
 }
 
+void fillPeerNode(uint32_t node, const std::string& name, uint64_t nodeId,
+                  const std::vector<int>& places, proto::KorResource* r) {
+  AttributeWriter w(r);
+  fillPeerNode(node, name, nodeId, places, w);
+}
+
+void fillInterface(const proto::InterfaceResource& facts, uint64_t nodeId,
+                   const std::vector<int>& places, proto::KorResource* r) {
+  AttributeWriter w(r);
+  fillInterface(facts, nodeId, places, w);
+}
+
 }  // namespace
+
+const KorResources::InterfaceMap& KorResources::Interfaces::empty() {
+  static const InterfaceMap none;
+  return none;
+}
+
+KorResources::InterfaceMap& KorResources::Interfaces::edit() {
+  if (!map_) {
+    map_ = std::make_shared<InterfaceMap>();
+  } else if (map_.use_count() > 1) {
+    // An answer being sent holds these: it keeps them as they are.
+    map_ = std::make_shared<InterfaceMap>(*map_);
+  }
+  return *map_;
+}
 
 bool KorResources::Node::operator==(const Node& o) const {
   if (name != o.name || id != o.id || generation != o.generation ||
@@ -512,9 +623,8 @@ int KorResources::applyInterfaceUpdate(uint32_t origin, const proto::InterfaceUp
   }
   Node* n = usableNode(origin, why);
   if (n == nullptr) return -1;
-  auto it = n->interfaces.find(facts.name());
-  if (!update.removed() && it == n->interfaces.end() &&
-      n->interfaces.size() >= kKorMaxInterfacesPerNode) {
+  const bool held = n->interfaces.find(facts.name()) != n->interfaces.end();
+  if (!update.removed() && !held && n->interfaces.size() >= kKorMaxInterfacesPerNode) {
     setWhy(why, "node " + std::to_string(origin) + " already publishes " +
                     std::to_string(kKorMaxInterfacesPerNode) + " interfaces");
     if (!known) nodes_.erase(origin);
@@ -523,11 +633,9 @@ int KorResources::applyInterfaceUpdate(uint32_t origin, const proto::InterfaceUp
   Node before;
   if (known && sink_ != nullptr) before = *n;
   if (update.removed()) {
-    if (it != n->interfaces.end()) n->interfaces.erase(it);
-  } else if (it == n->interfaces.end()) {
-    n->interfaces.emplace(facts.name(), facts);
+    if (held) n->interfaces.edit().erase(facts.name());
   } else {
-    it->second = facts;
+    n->interfaces.edit()[facts.name()] = facts;
   }
   n->generation = std::max(n->generation, update.generation());
   emitNodeChanges(origin, known ? &before : nullptr, n);
@@ -618,7 +726,7 @@ void KorResources::fromImage(proto::KorImage* image, NodeMap* nodes, bool* hasNo
     auto it = nodes->find(i->node());
     if (it == nodes->end()) continue;
     std::string name = i->name();
-    it->second.interfaces[name] = std::move(*i);
+    it->second.interfaces.edit()[name] = std::move(*i);
   }
 }
 
@@ -768,6 +876,59 @@ size_t KorResources::queryInto(const std::string& className,
     }
   }
   return filled;
+}
+
+KorResources::Answer KorResources::answer(const std::string& className,
+                                          const std::vector<std::string>& attributeNames) const {
+  Answer a;
+  const std::vector<std::string>* classAttributes = attributeNamesOf(className);
+  if (classAttributes == nullptr) return a;
+  a.className_ = className;
+  a.places_ = placesOf(*classAttributes, attributeNames);
+  a.interfaces_ = className == KOR_CLASS_NETWORK_INTERFACE;
+  for (int place : a.places_) {
+    a.columns_.push_back(Answer::Column{(*classAttributes)[static_cast<size_t>(place)],
+                                        a.interfaces_ ? kInterfaceTypes[place] : kPeerNodeTypes[place]});
+  }
+  a.nodes_.reserve(nodes_.size());
+  for (const auto& e : nodes_) {
+    Answer::NodeFacts n;
+    n.number = e.first;
+    n.id = e.second.id;
+    if (a.interfaces_) {
+      if (e.second.interfaces.size() == 0) continue;
+      n.interfaces = e.second.interfaces.share();
+      a.size_ += n.interfaces->size();
+    } else {
+      n.name = e.second.name;
+      ++a.size_;
+    }
+    a.nodes_.push_back(std::move(n));
+  }
+  if (a.interfaces_ && !a.nodes_.empty()) a.next_ = a.nodes_.front().interfaces->begin();
+  return a;
+}
+
+void KorResources::Answer::settle() {
+  while (node_ < nodes_.size() && next_ == nodes_[node_].interfaces->end()) {
+    nodes_[node_].interfaces.reset();  // written: the answer lets go of it
+    if (++node_ < nodes_.size()) next_ = nodes_[node_].interfaces->begin();
+  }
+}
+
+size_t KorResources::Answer::writeNext(bool asRow, std::string* out) {
+  const size_t before = out->size();
+  WireWriter w(out, asRow);
+  if (interfaces_) {
+    fillInterface(next_->second, nodes_[node_].id, places_, w);
+    ++next_;
+    settle();
+  } else {
+    const NodeFacts& n = nodes_[node_++];
+    fillPeerNode(n.number, n.name, n.id, places_, w);
+  }
+  ++written_;
+  return out->size() - before;
 }
 
 int KorResources::resource(const std::string& handle, proto::KorResource* out) const {

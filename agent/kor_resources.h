@@ -12,6 +12,7 @@
 
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -81,7 +82,62 @@ class KorSink {
 // own agent announces its id or publishes an interface, with an empty name;
 // the first report then decides for those nodes as for any other.
 class KorResources {
+ private:
+  using InterfaceMap = std::map<std::string, proto::InterfaceResource>;  // by name
+
  public:
+  // One query's answer as the resources were when it was taken: a change
+  // after that is not seen. It shares what it reads with the state (a
+  // node's interfaces are copied at their next change while an answer
+  // holds them), so taking one copies only the nodes' names and ids. The
+  // resources are written one at a time, straight as protobuf's wire
+  // bytes, for an answer sent in pages.
+  // Thread-compatible (owned by the agent's event loop, like the state).
+  class Answer {
+   public:
+    // An attribute every resource of the answer has, in the order they
+    // carry them.
+    struct Column {
+      std::string name;
+      vx_data_type_t type;
+    };
+
+    Answer(Answer&&) = default;
+    Answer& operator=(Answer&&) = default;
+
+    const std::string& className() const { return className_; }
+    const std::vector<Column>& columns() const { return columns_; }
+    // Resources in the whole answer.
+    size_t size() const { return size_; }
+    bool done() const { return written_ == size_; }
+    // Appends the next resource's bytes (without a tag and length): a
+    // KorResource's, or a KorRow's (handle and values, no types) when
+    // asRow. Requires: !done(). Returns the bytes appended.
+    size_t writeNext(bool asRow, std::string* out);
+
+   private:
+    friend class KorResources;
+    struct NodeFacts {
+      uint32_t number = 0;
+      std::string name;  // the PeerNode answer only
+      uint64_t id = 0;
+      std::shared_ptr<const InterfaceMap> interfaces;  // the interface answer only
+    };
+    Answer() = default;
+    // Moves to the next interface, past nodes without any.
+    void settle();
+
+    std::string className_;
+    std::vector<Column> columns_;
+    std::vector<int> places_;
+    bool interfaces_ = false;
+    std::vector<NodeFacts> nodes_;
+    size_t node_ = 0;
+    InterfaceMap::const_iterator next_;
+    size_t size_ = 0;
+    size_t written_ = 0;
+  };
+
   explicit KorResources(KorSink* sink = nullptr) : sink_(sink) {}
   void setSink(KorSink* sink) { sink_ = sink; }
 
@@ -157,6 +213,9 @@ class KorResources {
   // many were written.
   size_t queryInto(const std::string& className, const std::vector<std::string>& attributeNames,
                    const std::function<proto::KorResource*()>& next) const;
+  // The same resources as an Answer, to be written later (none for an
+  // unknown class).
+  Answer answer(const std::string& className, const std::vector<std::string>& attributeNames) const;
 
   // The resource a handle names ("node/3", "node/3/sxn1"), with every
   // attribute. Returns 0, or -1 when no resource has that handle (handles
@@ -197,11 +256,28 @@ class KorResources {
   bool operator!=(const KorResources& other) const { return !(*this == other); }
 
  private:
+  // A node's interfaces, shared with the answers taken before a change:
+  // a change copies them first when an answer holds them.
+  class Interfaces {
+   public:
+    const InterfaceMap& map() const { return map_ ? *map_ : empty(); }
+    InterfaceMap::const_iterator begin() const { return map().begin(); }
+    InterfaceMap::const_iterator end() const { return map().end(); }
+    InterfaceMap::const_iterator find(const std::string& name) const { return map().find(name); }
+    size_t size() const { return map().size(); }
+    // The map to change, no longer shared with anyone.
+    InterfaceMap& edit();
+    std::shared_ptr<const InterfaceMap> share() const { return map_; }
+
+   private:
+    static const InterfaceMap& empty();
+    std::shared_ptr<InterfaceMap> map_;
+  };
   struct Node {
     std::string name;
     uint64_t id = 0;
     uint64_t generation = 0;
-    std::map<std::string, proto::InterfaceResource> interfaces;  // by name
+    Interfaces interfaces;
     bool operator==(const Node& o) const;
   };
   using NodeMap = std::map<uint32_t, Node>;

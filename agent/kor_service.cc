@@ -1,21 +1,16 @@
 #include "kor_service.h"
 
+#include <string.h>
+
 #include <algorithm>
 
-#include <google/protobuf/arena.h>
-
-#include "client_port.h"
 #include "gs_types.h"
+#include "wire_bytes.h"
 
 namespace velt {
 namespace agent {
 
 namespace {
-
-// The arena of a query's page grows to blocks of this size; a page of
-// about Limits::pageBytes holds some tens of MB of messages.
-constexpr size_t kPageArenaFirstBlock = 64 * 1024;
-constexpr size_t kPageArenaLargestBlock = 1024 * 1024;
 
 std::string quoted(const std::string& name) {
   std::string out = "\"";
@@ -27,23 +22,127 @@ bool known(const std::vector<std::string>& names, const std::string& name) {
   return std::find(names.begin(), names.end(), name) != names.end();
 }
 
+// The pages of one query's answer, each written straight as the bytes of
+// its AgentFrame when it is asked for: the resources first, behind room
+// kept for what goes before them (the frame's, the Reply's and the
+// KorAnswer's tags and lengths, and for rows the class and columns), which
+// is written once the page's size is known.
+class QueryPages : public FrameSource {
+ public:
+  QueryPages(uint64_t id, KorResources::Answer answer, bool rows, size_t pageBytes)
+      : id_(id), answer_(std::move(answer)), rows_(rows), pageBytes_(pageBytes) {
+    if (rows_) {
+      namespace wb = wirebytes;
+      wb::putStringField(&columns_, 4, answer_.className());
+      for (const KorResources::Answer::Column& c : answer_.columns()) {
+        const size_t size = 1 + wb::varintSize(c.name.size()) + c.name.size() + 1 +
+                            wb::varintSize(static_cast<uint64_t>(c.type));
+        wb::putLengthPrefix(&columns_, 5, size);
+        wb::putStringField(&columns_, 1, c.name);
+        wb::putVarintField(&columns_, 2, static_cast<uint64_t>(c.type));
+      }
+    }
+    // AgentFrame{version, reply: Reply{id, kor: KorAnswer{more, ...}}}:
+    // three tags with their lengths, the version and the id, more.
+    room_ = 3 * (1 + 10) + 2 + (1 + 10) + 2 + columns_.size();
+  }
+
+  bool next(std::string* frame, size_t* from) override {
+    namespace wb = wirebytes;
+    if (finished_) return false;
+    frame->clear();
+    frame->reserve(room_ + pageBytes_ + pageBytes_ / 8);
+    frame->append(room_, '\0');
+    const uint32_t field = rows_ ? 6 : 1;
+    size_t used = 0;     // bytes of the page's resources
+    size_t count = 0;
+    if (!carried_.empty()) {
+      frame->append(carried_);
+      used = carriedSize_;
+      count = 1;
+      carried_.clear();
+    }
+    while (!answer_.done()) {
+      const size_t mark = frame->size();
+      wb::Nested resource(frame, field);
+      answer_.writeNext(rows_, frame);
+      const size_t size = resource.close();
+      if (count > 0 && used + size > pageBytes_) {
+        // Too large for this page: it starts the next one.
+        carried_.assign(*frame, mark, std::string::npos);
+        carriedSize_ = size;
+        frame->resize(mark);
+        break;
+      }
+      used += size;
+      ++count;
+    }
+    const bool more = !carried_.empty() || !answer_.done();
+    finished_ = !more;
+    if (more && !rows_) {
+      wb::putVarintField(frame, 3, 1);  // resources (1) come before more (3)
+    }
+    std::string head;
+    if (more && rows_) wb::putVarintField(&head, 3, 1);
+    head += columns_;
+    const size_t kor = head.size() + frame->size() - room_;
+    std::string prefix;
+    wb::putVarintField(&prefix, 1, proto::WIRE_VERSION_1);
+    const size_t reply = (id_ == 0 ? 0 : 1 + wb::varintSize(id_)) + 1 + wb::varintSize(kor) + kor;
+    wb::putLengthPrefix(&prefix, 3, reply);
+    wb::putVarintField(&prefix, 1, id_);
+    wb::putLengthPrefix(&prefix, 5, kor);
+    prefix += head;
+    *from = room_ - prefix.size();
+    memcpy(&(*frame)[*from], prefix.data(), prefix.size());
+    return true;
+  }
+
+ private:
+  uint64_t id_;
+  KorResources::Answer answer_;
+  bool rows_;
+  size_t pageBytes_;
+  std::string columns_;    // a rows page's class and columns, as bytes
+  size_t room_ = 0;
+  std::string carried_;    // the resource that starts the next page, with its tag
+  size_t carriedSize_ = 0;
+  bool finished_ = false;
+};
+
 }  // namespace
+
+KorService::Answer KorService::answer(uint64_t client, const proto::Request& request,
+                                      const KorResources& kor) {
+  Answer a;
+  switch (request.op_case()) {
+    case proto::Request::kKorQuery:
+      return query(request.id(), request.kor_query(), kor);
+    case proto::Request::kKorRegister:
+      a.reply = registerEvent(client, request.id(), request.kor_register());
+      return a;
+    case proto::Request::kKorUnregister:
+      a.reply = unregister(client, request.id(), request.kor_unregister());
+      return a;
+    default:
+      a.reply = replyFrame(request.id(), TK_GS_BAD_PARAMETER, "not a KOR request");
+      return a;
+  }
+}
 
 void KorService::serve(uint64_t client, const proto::Request& request, const KorResources& kor,
                        const FrameSink& send) {
-  switch (request.op_case()) {
-    case proto::Request::kKorQuery:
-      query(request.id(), request.kor_query(), kor, send);
-      return;
-    case proto::Request::kKorRegister:
-      send(registerEvent(client, request.id(), request.kor_register()));
-      return;
-    case proto::Request::kKorUnregister:
-      send(unregister(client, request.id(), request.kor_unregister()));
-      return;
-    default:
-      send(replyFrame(request.id(), TK_GS_BAD_PARAMETER, "not a KOR request"));
-      return;
+  Answer a = answer(client, request, kor);
+  if (!a.pages) {
+    send(a.reply);
+    return;
+  }
+  std::string bytes;
+  size_t from = 0;
+  while (a.pages->next(&bytes, &from)) {
+    proto::AgentFrame f;
+    f.ParseFromArray(bytes.data() + from, static_cast<int>(bytes.size() - from));
+    if (!send(f)) return;
   }
 }
 
@@ -73,68 +172,23 @@ int KorService::checkNames(const std::vector<std::string>& names, std::string* w
   return TK_GS_OK;
 }
 
-void KorService::query(uint64_t id, const proto::KorQuery& q, const KorResources& kor,
-                       const FrameSink& send) {
+KorService::Answer KorService::query(uint64_t id, const proto::KorQuery& q,
+                                     const KorResources& kor) {
+  Answer a;
   if (!KorResources::knownClass(q.class_name())) {
-    send(replyFrame(id, TK_GS_UNKNOWN_GROUP, "there is no resource class " + quoted(q.class_name())));
-    return;
+    a.reply = replyFrame(id, TK_GS_UNKNOWN_GROUP, "there is no resource class " + quoted(q.class_name()));
+    return a;
   }
   std::vector<std::string> names(q.attributes().begin(), q.attributes().end());
   std::string why;
   int rc = checkNames(names, &why);
   if (rc != TK_GS_OK) {
-    send(replyFrame(id, rc, why));
-    return;
+    a.reply = replyFrame(id, rc, why);
+    return a;
   }
-
-  // Every page comes from this one answer: the resources as they are now
-  // (nothing changes them while the pages are made and sent). One page
-  // message, in an arena, serves every page: each is handed to send and
-  // then written over by the next, so that its messages and strings are
-  // made once per answer and let go together.
-  google::protobuf::ArenaOptions options;
-  options.start_block_size = kPageArenaFirstBlock;
-  options.max_block_size = kPageArenaLargestBlock;
-  google::protobuf::Arena arena(options);
-  proto::AgentFrame& page = *google::protobuf::Arena::CreateMessage<proto::AgentFrame>(&arena);
-  page.set_version(proto::WIRE_VERSION_1);
-  page.mutable_reply()->set_id(id);
-  page.mutable_reply()->set_rc(TK_GS_OK);
-  proto::KorAnswer* answer = page.mutable_reply()->mutable_kor();  // an empty answer is one too
-  google::protobuf::RepeatedPtrField<proto::KorResource>* resources = answer->mutable_resources();
-  int used = 0;        // resources of this page so far
-  size_t bytes = 0;    // and their size
-  bool taking = true;  // the client takes frames
-  proto::KorResource& carried = *google::protobuf::Arena::CreateMessage<proto::KorResource>(&arena);
-  // Sends the first n resources of the page.
-  auto sendPage = [&](int n, bool more) {
-    while (resources->size() > n) resources->RemoveLast();
-    answer->set_more(more);
-    taking = send(page);
-  };
-  // The resource just written stays in this page, or starts the next one
-  // when it would take the page past its size (and the page is not empty).
-  auto place = [&] {
-    const size_t size = resources->Get(used - 1).ByteSizeLong();
-    if (bytes > 0 && bytes + size > limits_.pageBytes) {
-      carried.Swap(resources->Mutable(used - 1));
-      sendPage(used - 1, true);
-      resources->Mutable(0)->Swap(&carried);
-      used = 1;
-      bytes = 0;
-    }
-    bytes += size;
-  };
-  bool pending = false;  // a resource is written and not placed yet
-  kor.queryInto(q.class_name(), names, [&]() -> proto::KorResource* {
-    if (pending) place();
-    pending = false;
-    if (!taking) return nullptr;
-    pending = true;
-    return used++ < resources->size() ? resources->Mutable(used - 1) : resources->Add();
-  });
-  if (pending && taking) place();
-  if (taking) sendPage(used, false);
+  a.pages = std::make_unique<QueryPages>(id, kor.answer(q.class_name(), names), q.rows(),
+                                         limits_.pageBytes);
+  return a;
 }
 
 proto::AgentFrame KorService::registerEvent(uint64_t client, uint64_t id,

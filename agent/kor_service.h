@@ -13,9 +13,11 @@
 
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "client_port.h"
 #include "kor_resources.h"
 #include "velt.pb.h"
 
@@ -29,7 +31,7 @@ class KorService {
     size_t maxRegistrations = 4096;      // over all connections
     size_t maxAttributesNamed = 64;      // in one query or registration
     size_t maxNameBytes = 64;            // a class, event or attribute name
-    size_t pageBytes = 4u * 1024 * 1024; // resources in one Reply, about
+    size_t pageBytes = 1024 * 1024;      // resources in one Reply, about
   };
   // An event for one client connection.
   struct Outgoing {
@@ -41,13 +43,25 @@ class KorService {
   // (its connection closed).
   using FrameSink = std::function<bool(const proto::AgentFrame&)>;
 
+  // The answer to one KOR request: a query's pages, or one Reply.
+  struct Answer {
+    std::unique_ptr<FrameSource> pages;  // null: the answer is reply
+    proto::AgentFrame reply;
+  };
+
   explicit KorService(const Limits& limits) : limits_(limits) {}
   KorService() : KorService(Limits()) {}
 
   // Answers one KOR request (kor_query, kor_register, kor_unregister) of
-  // client: the frames go to send in order (one Reply, or the pages of a
-  // large query's answer, each made when the one before has been sent, so
-  // that a large answer is never held whole as messages).
+  // client. A query that is answered gets its pages, as resources or as
+  // rows (KorQuery.rows): every page comes from the resources as they are
+  // now, whenever it is made (see KorResources::Answer), so every node
+  // answers as it would have at this point of the replicated stream. Each
+  // page holds about Limits::pageBytes of resources (a larger resource a
+  // page of its own); every page but the last is marked more.
+  Answer answer(uint64_t client, const proto::Request& request, const KorResources& kor);
+  // The same frames, each made when the one before has been taken, to send
+  // in order.
   void serve(uint64_t client, const proto::Request& request, const KorResources& kor,
              const FrameSink& send);
   // The same frames, collected.
@@ -70,7 +84,7 @@ class KorService {
     std::vector<std::string> attributes;
   };
 
-  void query(uint64_t id, const proto::KorQuery& q, const KorResources& kor, const FrameSink& send);
+  Answer query(uint64_t id, const proto::KorQuery& q, const KorResources& kor);
   proto::AgentFrame registerEvent(uint64_t client, uint64_t id, const proto::KorRegister& r);
   proto::AgentFrame unregister(uint64_t client, uint64_t id, const proto::KorUnregister& u);
   // 0, or a return code with *why, for names a client sent.

@@ -1,6 +1,8 @@
 #include "frame_io.h"
 
 #include <errno.h>
+#include <string.h>
+#include <sys/uio.h>
 
 #include <algorithm>
 #include <sys/socket.h>
@@ -48,33 +50,44 @@ int sendMessage(int fd, const std::string& message) {
   return 0;
 }
 
-void PacketQueue::push(const std::string& message) {
-  // Drop what was already sent before growing, so that a busy connection
-  // does not keep every packet it ever sent.
-  if (head_ > 0 && head_ == packets_.size()) {
-    packets_.clear();
-    head_ = 0;
-  }
-  for (std::string& p : splitMessage(message)) {
-    bytes_ += p.size();
-    packets_.push_back(std::move(p));
-  }
+void PacketQueue::push(std::string message, size_t from) {
+  if (from > message.size()) from = message.size();
+  const size_t payload = message.size() - from;
+  const size_t packets = payload == 0 ? 1 : (payload + kMaxChunk - 1) / kMaxChunk;
+  bytes_ += payload + packets * kHeaderBytes;
+  Message m;
+  m.bytes = std::move(message);
+  m.at = from;
+  messages_.push_back(std::move(m));
 }
 
 int PacketQueue::flush(int fd) {
-  while (head_ < packets_.size()) {
-    const std::string& p = packets_[head_];
-    ssize_t rc = send(fd, p.data(), p.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+  while (!messages_.empty()) {
+    Message& m = messages_.front();
+    const size_t n = std::min(kMaxChunk, m.bytes.size() - m.at);
+    const bool more = m.at + n < m.bytes.size();
+    char header[kHeaderBytes] = {static_cast<char>(kMagic0), static_cast<char>(kMagic1),
+                                 static_cast<char>(kVersion), static_cast<char>(more ? kFlagMore : 0)};
+    struct iovec iov[2];
+    iov[0].iov_base = header;
+    iov[0].iov_len = kHeaderBytes;
+    iov[1].iov_base = &m.bytes[0] + m.at;
+    iov[1].iov_len = n;
+    struct msghdr msg;
+    memset(&msg, 0, sizeof msg);
+    msg.msg_iov = iov;
+    msg.msg_iovlen = 2;
+    ssize_t rc = sendmsg(fd, &msg, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (rc < 0) {
       if (errno == EINTR) continue;
       if (errno == EAGAIN || errno == EWOULDBLOCK) return 0;
       return errno;
     }
-    bytes_ -= p.size();
-    ++head_;
+    if (static_cast<size_t>(rc) != kHeaderBytes + n) return EMSGSIZE;  // a packet socket takes all or none
+    bytes_ -= kHeaderBytes + n;
+    m.at += n;
+    if (!more) messages_.pop_front();
   }
-  packets_.clear();
-  head_ = 0;
   return 0;
 }
 

@@ -9,6 +9,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <deque>
 #include <string>
 #include <vector>
 
@@ -28,20 +29,27 @@ std::vector<std::string> splitMessage(const std::string& message);
 int sendMessage(int fd, const std::string& message);
 
 // The packets of one or more messages waiting to go out on a non-blocking
-// socket. Thread-compatible.
+// socket. Each message is kept whole as it was pushed and cut into packets
+// as they are sent (a header and a slice of the message, one sendmsg each),
+// so that nothing is copied on the way. Thread-compatible.
 class PacketQueue {
  public:
-  void push(const std::string& message);
+  // Queues the bytes of message from `from` on (moved in, not copied).
+  void push(std::string message, size_t from = 0);
   // Sends what the socket takes now. Returns 0 when everything was sent or
   // the socket is full (EAGAIN; call again when writable), an errno value
   // on a real error.
   int flush(int fd);
-  bool empty() const { return head_ == packets_.size(); }
+  bool empty() const { return messages_.empty(); }
+  // The bytes of the packets not sent yet, headers included.
   size_t queuedBytes() const { return bytes_; }
 
  private:
-  std::vector<std::string> packets_;
-  size_t head_ = 0;
+  struct Message {
+    std::string bytes;
+    size_t at = 0;   // the next packet's first byte
+  };
+  std::deque<Message> messages_;
   size_t bytes_ = 0;
 };
 

@@ -127,6 +127,15 @@ class FakeClient : public ClientPort {
     EXPECT_EQ(static_cast<uint32_t>(proto::WIRE_VERSION_1), frame.version());
     frames.push_back(frame);
   }
+  void sendFrames(std::unique_ptr<FrameSource> source) override {
+    std::string bytes;
+    size_t from = 0;
+    while (state_ != State::kClosed && state_ != State::kRefused && source->next(&bytes, &from)) {
+      proto::AgentFrame frame;
+      EXPECT_TRUE(frame.ParseFromArray(bytes.data() + from, static_cast<int>(bytes.size() - from)));
+      send(frame);
+    }
+  }
   void close(const std::string& why) override {
     if (state_ == State::kClosed) return;
     bool wasAccepted = state_ == State::kAccepted;

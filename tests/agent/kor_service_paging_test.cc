@@ -1,6 +1,8 @@
 // KorService's answers to queries: a large answer in pages, each made and
 // handed over before the next, every page but the last marked "more", and
-// no page past the page size unless one resource alone is larger.
+// no page past the page size unless one resource alone is larger; pages of
+// resources or of rows, written as protobuf writes them, from the
+// resources as they were when the query came.
 #include "kor_service.h"
 
 #include <gtest/gtest.h>
@@ -137,6 +139,171 @@ TEST_F(KorServicePages, NoMorePagesAreMadeOnceTheClientTakesNone) {
   int handed = 0;
   service.serve(7, query, kor, [&handed](const proto::AgentFrame&) { return ++handed < 2; });
   EXPECT_EQ(handed, 2);
+}
+
+// Every frame of the pages of request's answer: each must be the bytes
+// protobuf writes for the message they hold.
+std::vector<proto::AgentFrame> pagesOf(KorService& service, const proto::Request& request,
+                                       const KorResources& kor) {
+  KorService::Answer a = service.answer(7, request, kor);
+  std::vector<proto::AgentFrame> frames;
+  if (!a.pages) {
+    ADD_FAILURE() << "no pages";
+    return frames;
+  }
+  std::string bytes;
+  size_t from = 0;
+  while (a.pages->next(&bytes, &from)) {
+    const std::string frame = bytes.substr(from);
+    proto::AgentFrame f;
+    EXPECT_TRUE(f.ParseFromString(frame));
+    EXPECT_EQ(f.SerializeAsString(), frame) << "page " << frames.size() << " is not written as protobuf writes it";
+    frames.push_back(f);
+  }
+  return frames;
+}
+
+// The resources of pages of rows, as resources.
+std::vector<proto::KorResource> resourcesOfRows(const std::vector<proto::AgentFrame>& pages) {
+  std::vector<proto::KorResource> out;
+  for (const proto::AgentFrame& f : pages) {
+    const proto::KorAnswer& k = f.reply().kor();
+    EXPECT_EQ(k.resources_size(), 0);
+    for (const proto::KorRow& row : k.rows()) {
+      proto::KorResource r;
+      r.set_class_name(k.class_name());
+      r.set_handle(row.handle());
+      EXPECT_EQ(row.values_size(), k.columns_size());
+      for (int i = 0; i < row.values_size() && i < k.columns_size(); ++i) {
+        EXPECT_EQ(row.values(i).type(), 0u) << "the column gives the type";
+        proto::KorAttribute* a = r.add_attributes();
+        a->set_name(k.columns(i).name());
+        *a->mutable_value() = row.values(i);
+        a->mutable_value()->set_type(k.columns(i).type());
+      }
+      out.push_back(std::move(r));
+    }
+  }
+  return out;
+}
+
+std::vector<std::string> serialised(const std::vector<proto::KorResource>& resources) {
+  std::vector<std::string> out;
+  for (const proto::KorResource& r : resources) out.push_back(r.SerializeAsString());
+  return out;
+}
+
+TEST_F(KorServicePages, PagesOfResourcesAreWrittenAsProtobufWritesThem) {
+  for (size_t pageBytes : {size_t{1}, size_t{900}, size_t{1} << 20}) {
+    KorService::Limits limits;
+    limits.pageBytes = pageBytes;
+    KorService service(limits);
+    std::vector<proto::AgentFrame> pages = pagesOf(service, query, kor);
+    std::vector<proto::KorResource> got;
+    for (const proto::AgentFrame& f : pages) {
+      for (const proto::KorResource& r : f.reply().kor().resources()) got.push_back(r);
+    }
+    EXPECT_EQ(serialised(got), serialised(kor.query(KOR_CLASS_NETWORK_INTERFACE, {})));
+  }
+}
+
+TEST_F(KorServicePages, RowsHoldTheSameAnswerWithTheNamesOncePerPage) {
+  query.mutable_kor_query()->set_rows(true);
+  for (const std::vector<std::string>& names :
+       {std::vector<std::string>{}, std::vector<std::string>{"LogicalID", "Name", "Nope", "NodeIDs", "Name"}}) {
+    query.mutable_kor_query()->clear_attributes();
+    for (const std::string& n : names) query.mutable_kor_query()->add_attributes(n);
+    for (const char* cls : {KOR_CLASS_NETWORK_INTERFACE, KOR_CLASS_PEER_NODE}) {
+      query.mutable_kor_query()->set_class_name(cls);
+      for (size_t pageBytes : {size_t{1}, size_t{500}, size_t{1} << 20}) {
+        KorService::Limits limits;
+        limits.pageBytes = pageBytes;
+        KorService service(limits);
+        std::vector<proto::AgentFrame> pages = pagesOf(service, query, kor);
+        ASSERT_FALSE(pages.empty());
+        size_t rows = 0;
+        for (size_t p = 0; p < pages.size(); ++p) {
+          const proto::KorAnswer& k = pages[p].reply().kor();
+          EXPECT_EQ(pages[p].reply().id(), 41u);
+          EXPECT_EQ(k.more(), p + 1 < pages.size());
+          EXPECT_EQ(k.class_name(), cls);
+          rows += static_cast<size_t>(k.rows_size());
+          size_t bytes = 0;
+          for (const proto::KorRow& r : k.rows()) bytes += r.ByteSizeLong();
+          if (k.rows_size() > 1) EXPECT_LE(bytes, pageBytes);
+        }
+        const std::vector<proto::KorResource> want = kor.query(cls, names);
+        EXPECT_EQ(rows, want.size());
+        EXPECT_EQ(serialised(resourcesOfRows(pages)), serialised(want))
+            << cls << ", page size " << pageBytes << ", " << names.size() << " names";
+      }
+    }
+  }
+}
+
+TEST_F(KorServicePages, AnAnswerIsTheStateWhenTheQueryCame) {
+  for (bool rows : {false, true}) {
+    KorResources state;
+    state.adopt({});
+    proto::KorImage image = kor.image();
+    state.adopt({&image});
+    query.mutable_kor_query()->set_rows(rows);
+    const std::vector<proto::KorResource> then = state.query(KOR_CLASS_NETWORK_INTERFACE, {});
+    KorService::Limits limits;
+    limits.pageBytes = 1;   // a page per resource
+    KorService service(limits);
+    KorService::Answer a = service.answer(7, query, state);
+    ASSERT_TRUE(a.pages);
+    std::vector<proto::AgentFrame> pages;
+    std::string bytes;
+    size_t from = 0;
+    auto nextPage = [&] {
+      if (!a.pages->next(&bytes, &from)) return false;
+      proto::AgentFrame f;
+      EXPECT_TRUE(f.ParseFromString(bytes.substr(from)));
+      pages.push_back(f);
+      return true;
+    };
+    ASSERT_TRUE(nextPage());
+    // Meanwhile: an interface of node 1 changes, one of node 3 goes, node
+    // 4 publishes a new one, node 2 leaves the nodelist, then a merge
+    // replaces everything.
+    proto::InterfaceUpdate u;
+    *u.mutable_resource() = facts(1, "sxn3");
+    u.mutable_resource()->set_ip_address("10.1.1.1");
+    u.set_generation(5);
+    ASSERT_EQ(0, state.applyInterfaceUpdate(1, u));
+    *u.mutable_resource() = facts(3, "sxn0");
+    u.set_removed(true);
+    ASSERT_EQ(0, state.applyInterfaceUpdate(3, u));
+    *u.mutable_resource() = facts(4, "sxn9");
+    u.set_removed(false);
+    ASSERT_EQ(0, state.applyInterfaceUpdate(4, u));
+    ASSERT_TRUE(nextPage());
+    proto::NodeListUpdate list;
+    for (uint32_t n : {1u, 3u, 4u}) {
+      proto::NodeEntry* e = list.add_nodes();
+      e->set_node(n);
+      e->set_name("n" + std::to_string(n));
+    }
+    ASSERT_EQ(0, state.applyNodeList(1, list));
+    ASSERT_NE(state.query(KOR_CLASS_NETWORK_INTERFACE, {}).size(), then.size());
+    ASSERT_TRUE(nextPage());
+    state.adopt({});
+    ASSERT_EQ(state.interfaceCount(), 0u);
+    while (nextPage()) {
+    }
+    std::vector<proto::KorResource> got;
+    if (rows) {
+      got = resourcesOfRows(pages);
+    } else {
+      for (const proto::AgentFrame& f : pages) {
+        for (const proto::KorResource& r : f.reply().kor().resources()) got.push_back(r);
+      }
+    }
+    EXPECT_EQ(serialised(got), serialised(then)) << (rows ? "rows" : "resources");
+    EXPECT_FALSE(pages.back().reply().kor().more());
+  }
 }
 
 TEST_F(KorServicePages, AnEmptyAnswerIsOnePage) {

@@ -185,6 +185,134 @@ TEST_F(ClientSessionTest, RefusalIsReadEvenWhenTheHelloFollowsIt) {
   EXPECT_EQ(owner_.closed[1], "refused: test");
 }
 
+// Frames of a known size, numbered, counting what it made; it tells when
+// it is let go.
+class CountingSource : public FrameSource {
+ public:
+  CountingSource(int frames, size_t bytes, int* made, bool* gone)
+      : frames_(frames), bytes_(bytes), made_(made), gone_(gone) {}
+  ~CountingSource() override { *gone_ = true; }
+  bool next(std::string* frame, size_t* from) override {
+    if (*made_ == frames_) return false;
+    proto::AgentFrame f;
+    f.set_version(1);
+    f.mutable_reply()->set_id(static_cast<uint64_t>(++*made_));
+    f.mutable_reply()->set_text(std::string(bytes_, 'p'));
+    // Behind some bytes that are not the frame's, as a page's room is.
+    *frame = std::string(7, 'x') + f.SerializeAsString();
+    *from = 7;
+    return true;
+  }
+
+ private:
+  int frames_;
+  size_t bytes_;
+  int* made_;
+  bool* gone_;
+};
+
+class FramesFromASource : public ClientSessionTest {
+ protected:
+  // An accepted session; the client's end is returned.
+  int openAccepted(std::shared_ptr<ClientSession>* s) {
+    int peer = open(1, s);
+    (*s)->start();
+    EXPECT_EQ(wire::sendMessage(peer, helloBytes("reader")), 0);
+    EXPECT_TRUE(runUntil([&] { return (*s)->accepted(); }));
+    EXPECT_TRUE(readFrame(peer).has_hello_reply());
+    return peer;
+  }
+  // The next whole frame from the socket, the loop running meanwhile.
+  proto::AgentFrame readFrame(int peer) {
+    std::vector<char> buf(wire::kMaxPacket);
+    std::string message, why;
+    proto::AgentFrame f;
+    bool whole = runUntil([&] {
+      ssize_t n = recv(peer, buf.data(), buf.size(), MSG_DONTWAIT);
+      if (n <= 0) return false;
+      int rc = reassembler_.feed(buf.data(), static_cast<size_t>(n), &message, &why);
+      EXPECT_GE(rc, 0) << why;
+      return rc != 0;
+    });
+    EXPECT_TRUE(whole);
+    EXPECT_TRUE(f.ParseFromString(message));
+    return f;
+  }
+
+  wire::Reassembler reassembler_;
+};
+
+TEST_F(FramesFromASource, ASlowReaderGetsEveryFrameInOrderWithFewMadeAhead) {
+  limits_.framesAhead = 200 * 1024;
+  std::shared_ptr<ClientSession> s;
+  int peer = openAccepted(&s);
+  const int kFrames = 40;
+  const size_t kBytes = 100 * 1024;
+  int made = 0;
+  bool gone = false;
+  s->sendFrames(std::make_unique<CountingSource>(kFrames, kBytes, &made, &gone));
+  // A frame queued after the source goes out after all of its frames.
+  proto::AgentFrame after;
+  after.set_version(1);
+  after.mutable_reply()->set_id(1000);
+  s->send(after);
+  for (int i = 1; i <= kFrames; ++i) {
+    // The client reads one frame, then lets the loop run a while.
+    proto::AgentFrame f = readFrame(peer);
+    ASSERT_TRUE(f.has_reply());
+    EXPECT_EQ(f.reply().id(), static_cast<uint64_t>(i));
+    EXPECT_EQ(f.reply().text().size(), kBytes);
+    runUntil([] { return false; }, 20);
+    // What is made and not read: what the socket holds (a few hundred KiB)
+    // and what is queued, at most framesAhead and one frame more.
+    EXPECT_LE(s->unsentBytes(), limits_.framesAhead + kBytes + 1024) << "frame " << i;
+    EXPECT_LE(made - i, 8) << "frame " << i;
+  }
+  EXPECT_EQ(made, kFrames);
+  EXPECT_EQ(readFrame(peer).reply().id(), 1000u);
+  EXPECT_TRUE(gone);
+  EXPECT_EQ(s->pendingSources(), 0u);
+}
+
+TEST_F(FramesFromASource, AClosedClientStopsTheSource) {
+  limits_.framesAhead = 100 * 1024;
+  std::shared_ptr<ClientSession> s;
+  int peer = openAccepted(&s);
+  int made = 0;
+  bool gone = false;
+  s->sendFrames(std::make_unique<CountingSource>(1000, 50 * 1024, &made, &gone));
+  EXPECT_EQ(readFrame(peer).reply().id(), 1u);
+  ::close(peer);
+  peers_.clear();
+  ASSERT_TRUE(runUntil([&] { return owner_.closed.count(1) != 0; }));
+  EXPECT_TRUE(gone) << "the source is let go with the connection";
+  EXPECT_LT(made, 50);
+  EXPECT_EQ(owner_.closed[1], "the client closed the connection");
+}
+
+TEST_F(FramesFromASource, FramesQueuedBehindASourceCountAgainstTheBound) {
+  limits_.framesAhead = 64 * 1024;
+  limits_.maxUnsentBytes = 512 * 1024;
+  std::shared_ptr<ClientSession> s;
+  openAccepted(&s);
+  int made = 0;
+  bool gone = false;
+  s->sendFrames(std::make_unique<CountingSource>(1000, 50 * 1024, &made, &gone));
+  proto::AgentFrame big;
+  big.set_version(1);
+  big.mutable_notification()->set_message(std::string(10 * 1024, 'm'));
+  int sent = 0;
+  while (!s->closed() && sent < 1000) {
+    s->send(big);
+    ++sent;
+    EXPECT_LE(s->unsentBytes(), limits_.maxUnsentBytes);
+  }
+  EXPECT_TRUE(s->closed());
+  EXPECT_TRUE(gone);
+  ASSERT_TRUE(runUntil([&] { return owner_.closed.count(1) != 0; }));
+  EXPECT_NE(owner_.closed[1].find("the client stopped reading"), std::string::npos);
+}
+
 }  // namespace
 }  // namespace agent
 }  // namespace velt

@@ -4,13 +4,16 @@
 // as a script of well-formed messages with arbitrary content, so that the
 // deeper rules are reached. Nothing may crash; after every input the state
 // is a valid image within the bounds, the events told so far rebuild
-// exactly what a query answers, and queries give only what was asked.
+// exactly what a query answers, and queries give only what was asked. An
+// answer written as bytes (as resources or as rows) is what the query gave
+// when the answer was taken, whatever changed before it is written.
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -73,8 +76,65 @@ World& world() {
   return *w;
 }
 
+// Writes the whole of answer and checks it against want, the query's
+// resources when the answer was taken.
+void checkAnswer(KorResources::Answer& answer, const std::vector<velt::proto::KorResource>& want,
+                 bool rows) {
+  if (answer.size() != want.size()) fail("an answer of another size than the query's");
+  for (const velt::proto::KorResource& r : want) {
+    if (answer.done()) fail("an answer ended early");
+    std::string bytes;
+    answer.writeNext(rows, &bytes);
+    if (!rows) {
+      if (bytes != r.SerializeAsString()) fail("an answer's resource is not the query's: " + r.handle());
+      continue;
+    }
+    if (answer.className() != r.class_name() ||
+        answer.columns().size() != static_cast<size_t>(r.attributes_size())) {
+      fail("an answer's columns are not the query's attributes");
+    }
+    velt::proto::KorRow row;
+    row.set_handle(r.handle());
+    for (int k = 0; k < r.attributes_size(); ++k) {
+      const auto& a = r.attributes(k);
+      if (answer.columns()[k].name != a.name() ||
+          static_cast<uint32_t>(answer.columns()[k].type) != a.value().type()) {
+        fail("a column is not the query's attribute: " + a.name());
+      }
+      velt::proto::KorValue* v = row.add_values();
+      *v = a.value();
+      v->clear_type();
+    }
+    if (bytes != row.SerializeAsString()) fail("an answer's row is not the query's: " + r.handle());
+  }
+  if (!answer.done()) fail("an answer longer than the query's");
+}
+
+// An answer taken by a query of a script and written a few steps later.
+struct HeldAnswer {
+  std::vector<velt::proto::KorResource> then;
+  KorResources::Answer answer;
+  bool rows;
+};
+
+std::unique_ptr<HeldAnswer>& heldAnswer() {
+  static std::unique_ptr<HeldAnswer> held;
+  return held;
+}
+
+void writeHeldAnswer() {
+  std::unique_ptr<HeldAnswer>& held = heldAnswer();
+  if (!held) return;
+  checkAnswer(held->answer, held->then, held->rows);
+  held.reset();
+}
+
 void checkQuery(const std::string& className, const std::vector<std::string>& names) {
   const auto answer = world().kor.query(className, names);
+  for (bool rows : {false, true}) {
+    KorResources::Answer now = world().kor.answer(className, names);
+    checkAnswer(now, answer, rows);
+  }
   const auto* known = KorResources::attributeNamesOf(className);
   if (known == nullptr) {
     if (!answer.empty()) fail("an unknown class answered");
@@ -228,7 +288,13 @@ void runScript(Script& s) {
       default: {
         std::vector<std::string> names;
         for (int i = s.byte() % 5; i > 0; --i) names.push_back(s.pick(attributes));
-        checkQuery(s.pick(classes), names);
+        const std::string className = s.pick(classes);
+        checkQuery(className, names);
+        // The answer taken at the query before is written now, after what
+        // changed since; this one waits for the next.
+        writeHeldAnswer();
+        heldAnswer().reset(new HeldAnswer{w.kor.query(className, names),
+                                          w.kor.answer(className, names), s.byte() % 2 == 0});
         velt::proto::KorResource one;
         const std::string handle = s.text(24);
         if (w.kor.resource(handle, &one) == 0 && one.handle() != handle) {
@@ -289,6 +355,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     default: {
       Script script(data + 1, size - 1);
       runScript(script);
+      writeHeldAnswer();
       break;
     }
   }

@@ -519,35 +519,55 @@ std::string korValueText(const velt::proto::KorValue& v, bool json) {
   }
 }
 
+// Calls visit with each resource of the answer's pages in order, whether a
+// page holds resources or rows (a row becomes the resource its page's
+// columns make; values past the columns are left out).
+template <typename Visit>
+void forEachResource(const std::vector<velt::proto::Reply>& replies, const Visit& visit) {
+  velt::proto::KorResource fromRow;
+  for (const velt::proto::Reply& r : replies) {
+    const velt::proto::KorAnswer& k = r.kor();
+    for (const velt::proto::KorResource& res : k.resources()) visit(res);
+    for (const velt::proto::KorRow& row : k.rows()) {
+      fromRow.Clear();
+      fromRow.set_class_name(k.class_name());
+      fromRow.set_handle(row.handle());
+      for (int i = 0; i < row.values_size() && i < k.columns_size(); ++i) {
+        velt::proto::KorAttribute* a = fromRow.add_attributes();
+        a->set_name(k.columns(i).name());
+        *a->mutable_value() = row.values(i);
+        a->mutable_value()->set_type(k.columns(i).type());
+      }
+      visit(fromRow);
+    }
+  }
+}
+
 void printResources(const std::vector<velt::proto::Reply>& replies, bool json) {
   if (json) {
     std::string list;
-    for (const velt::proto::Reply& r : replies) {
-      for (const velt::proto::KorResource& res : r.kor().resources()) {
-        std::string attrs;
-        for (const velt::proto::KorAttribute& a : res.attributes()) {
-          attrs += (attrs.empty() ? "" : ",") + jsonString(a.name()) + ":" +
-                   korValueText(a.value(), true);
-        }
-        list += (list.empty() ? "" : ",") + std::string("{\"class\":") +
-                jsonString(res.class_name()) + ",\"handle\":" + jsonString(res.handle()) +
-                ",\"attributes\":{" + attrs + "}}";
+    forEachResource(replies, [&list](const velt::proto::KorResource& res) {
+      std::string attrs;
+      for (const velt::proto::KorAttribute& a : res.attributes()) {
+        attrs += (attrs.empty() ? "" : ",") + jsonString(a.name()) + ":" +
+                 korValueText(a.value(), true);
       }
-    }
+      list += (list.empty() ? "" : ",") + std::string("{\"class\":") +
+              jsonString(res.class_name()) + ",\"handle\":" + jsonString(res.handle()) +
+              ",\"attributes\":{" + attrs + "}}";
+    });
     printf("{\"resources\":[%s]}\n", list.c_str());
     return;
   }
   bool first = true;
-  for (const velt::proto::Reply& r : replies) {
-    for (const velt::proto::KorResource& res : r.kor().resources()) {
-      if (!first) printf("\n");
-      first = false;
-      printf("%s %s\n", printable(res.class_name()).c_str(), printable(res.handle()).c_str());
-      for (const velt::proto::KorAttribute& a : res.attributes()) {
-        printf("  %-16s %s\n", printable(a.name()).c_str(), korValueText(a.value(), false).c_str());
-      }
+  forEachResource(replies, [&first](const velt::proto::KorResource& res) {
+    if (!first) printf("\n");
+    first = false;
+    printf("%s %s\n", printable(res.class_name()).c_str(), printable(res.handle()).c_str());
+    for (const velt::proto::KorAttribute& a : res.attributes()) {
+      printf("  %-16s %s\n", printable(a.name()).c_str(), korValueText(a.value(), false).c_str());
     }
-  }
+  });
   if (first) printf("no resources\n");
 }
 
@@ -567,6 +587,7 @@ int main(int argc, char** argv) {
     for (const std::string& c : inv.korClasses) {
       velt::proto::Request r;
       r.mutable_kor_query()->set_class_name(c);
+      r.mutable_kor_query()->set_rows(true);
       requests.push_back(r);
     }
   } else {

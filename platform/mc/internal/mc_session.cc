@@ -442,6 +442,7 @@ int Session::query(const std::string& className, const std::vector<std::string>&
   proto::KorQuery* q = request.mutable_kor_query();
   q->set_class_name(className);
   for (const std::string& a : attributes) q->add_attributes(a);
+  q->set_rows(true);   // names once per page, not once per resource
   proto::Reply reply;
   QueryAnswerBuilder answer(attributes);
   answer_ = &answer;

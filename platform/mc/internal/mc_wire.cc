@@ -89,18 +89,37 @@ bool checkArrayLength(size_t n, std::string_view name, std::string* why) {
 // messages parsed by protobuf or read straight from the wire (WireResource
 // below).
 
-// Checks one attribute; *cost grows by about the memory its conversion
-// takes.
-template <typename Attribute>
-bool checkAttribute(const Attribute& a, size_t* cost, std::string* why) {
-  if (a.name().empty()) {
+template <typename Name>
+bool checkAttributeName(const Name& name, std::string* why) {
+  if (name.empty()) {
     *why = "an attribute without a name";
     return false;
   }
-  if (!checkText(a.name(), "an attribute name", why)) return false;
-  *cost += sizeof(mc_attribute_t) + a.name().size() + 1;
-  const auto& v = a.value();
-  const std::string name(a.name());
+  return checkText(name, "an attribute name", why);
+}
+
+// Checks the value v of the attribute called name; *cost grows by about
+// the memory its conversion takes.
+template <typename Value>
+bool checkValue(std::string_view nameView, const Value& v, size_t* cost, std::string* why) {
+  switch (v.type()) {
+    case VX_INT32:
+    case VX_UINT32:
+    case VX_INT64:
+    case VX_UINT64:
+      if (v.type() == VX_INT32 ? v.int_value() >= INT32_MIN && v.int_value() <= INT32_MAX
+                               : v.type() != VX_UINT32 || v.uint_value() <= UINT32_MAX) {
+        return true;   // the usual case, without making the name's text
+      }
+      break;
+    case VX_CHAR_PTR:
+      if (!checkText(v.text(), "a string value", why)) return false;
+      *cost += v.text().size() + 1;
+      return true;
+    default:
+      break;
+  }
+  const std::string name(nameView);
   switch (v.type()) {
     case VX_INT32:
       if (v.int_value() < INT32_MIN || v.int_value() > INT32_MAX) {
@@ -163,6 +182,15 @@ bool checkAttribute(const Attribute& a, size_t* cost, std::string* why) {
   }
 }
 
+// Checks one attribute; *cost grows by about the memory its conversion
+// takes.
+template <typename Attribute>
+bool checkAttribute(const Attribute& a, size_t* cost, std::string* why) {
+  if (!checkAttributeName(a.name(), why)) return false;
+  *cost += sizeof(mc_attribute_t) + a.name().size() + 1;
+  return checkValue(a.name(), a.value(), cost, why);
+}
+
 template <typename List>
 bool checkAttributes(const List& list, size_t* cost, std::string* why) {
   if (static_cast<size_t>(list.size()) > kMaxAttributes) {
@@ -188,6 +216,74 @@ template <typename Resource>
 bool checkResource(const Resource& r, size_t* cost, std::string* why) {
   return checkHandle(r.handle(), why) && checkText(r.class_name(), "a class name", why) &&
          checkAttributes(r.attributes(), cost, why);
+}
+
+// A value of a row, with the type its column gives it (the row's value
+// leaves its own type 0).
+template <typename Value>
+class ColumnValue {
+ public:
+  ColumnValue(const Value& v, uint32_t type) : v_(v), type_(type) {}
+  uint32_t type() const { return type_; }
+  int64_t int_value() const { return v_.int_value(); }
+  uint64_t uint_value() const { return v_.uint_value(); }
+  decltype(auto) text() const { return v_.text(); }
+  decltype(auto) int_array() const { return v_.int_array(); }
+  decltype(auto) uint_array() const { return v_.uint_array(); }
+  decltype(auto) text_array() const { return v_.text_array(); }
+  int int_array_size() const { return v_.int_array_size(); }
+  int uint_array_size() const { return v_.uint_array_size(); }
+  int text_array_size() const { return v_.text_array_size(); }
+
+ private:
+  const Value& v_;
+  uint32_t type_;
+};
+
+// A column of a page of rows as the checks and the conversion use it.
+struct ColumnOfPage {
+  std::string_view name;
+  uint32_t type = 0;
+};
+
+template <typename ColumnList>
+bool checkColumns(std::string_view className, const ColumnList& columns, std::vector<ColumnOfPage>* out,
+                  std::string* why) {
+  out->clear();
+  if (!checkText(className, "a class name", why)) return false;
+  if (static_cast<size_t>(columns.size()) > kMaxAttributes) {
+    *why = std::to_string(columns.size()) + " columns for one page (at most " + std::to_string(kMaxAttributes) +
+           ")";
+    return false;
+  }
+  for (const auto& c : columns) {
+    if (!checkAttributeName(c.name(), why)) return false;
+    out->push_back(ColumnOfPage{c.name(), c.type()});
+  }
+  return true;
+}
+
+// Checks a row of a page whose columns are given; *cost as for attributes.
+template <typename Row>
+bool checkRow(const Row& r, const std::vector<ColumnOfPage>& columns, size_t* cost, std::string* why) {
+  if (!checkHandle(r.handle(), why)) return false;
+  if (static_cast<size_t>(r.values().size()) != columns.size()) {
+    *why = "a row of " + std::to_string(r.values().size()) + " values in a page of " +
+           std::to_string(columns.size()) + " columns";
+    return false;
+  }
+  size_t k = 0;
+  for (const auto& v : r.values()) {
+    const ColumnOfPage& c = columns[k++];
+    if (v.type() != 0 && v.type() != c.type) {
+      *why = "a value of type " + std::to_string(v.type()) + " in column \"" +
+             std::string(c.name.substr(0, 64)) + "\" of type " + std::to_string(c.type);
+      return false;
+    }
+    *cost += sizeof(mc_attribute_t);
+    if (!checkValue(c.name, ColumnValue<std::decay_t<decltype(v)>>(v, c.type), cost, why)) return false;
+  }
+  return true;
 }
 
 char* copyText(const std::string& text) {
@@ -418,14 +514,19 @@ void freeResponse(void* response) {
 }
 
 int checkQueryAnswer(const proto::KorAnswer& answer, std::string* why) {
-  if (static_cast<size_t>(answer.resources_size()) > kMaxResources) {
-    *why = "an answer of " + std::to_string(answer.resources_size()) + " resources (at most " +
-           std::to_string(kMaxResources) + ")";
+  const size_t n = static_cast<size_t>(answer.resources_size()) + static_cast<size_t>(answer.rows_size());
+  if (n > kMaxResources) {
+    *why = "an answer of " + std::to_string(n) + " resources (at most " + std::to_string(kMaxResources) + ")";
     return MC_EPROTO;
   }
   size_t cost = 0;
   for (const proto::KorResource& r : answer.resources()) {
     if (!checkResource(r, &cost, why)) return MC_EPROTO;
+  }
+  std::vector<ColumnOfPage> columns;
+  if (!checkColumns(answer.class_name(), answer.columns(), &columns, why)) return MC_EPROTO;
+  for (const proto::KorRow& r : answer.rows()) {
+    if (!checkRow(r, columns, &cost, why)) return MC_EPROTO;
   }
   return MC_OK;
 }
@@ -663,48 +764,93 @@ class WireAttribute {
   WireValue value_;
 };
 
-class WireResource {
+// Items read, as a range with a size.
+template <typename Item>
+class ReadItems {
  public:
-  // The attributes read, as a range with a size.
-  class Attributes {
-   public:
-    Attributes(const WireAttribute* begin, size_t size) : begin_(begin), size_(size) {}
-    const WireAttribute* begin() const { return begin_; }
-    const WireAttribute* end() const { return begin_ + size_; }
-    size_t size() const { return size_; }
+  ReadItems(const Item* begin, size_t size) : begin_(begin), size_(size) {}
+  const Item* begin() const { return begin_; }
+  const Item* end() const { return begin_ + size_; }
+  size_t size() const { return size_; }
 
-   private:
-    const WireAttribute* begin_;
-    size_t size_;
-  };
+ private:
+  const Item* begin_;
+  size_t size_;
+};
 
-  std::string_view class_name() const { return className_; }
-  std::string_view handle() const { return handle_; }
-  Attributes attributes() const { return Attributes(attrs_.data(), used_); }
-
-  // The attributes' storage is kept from one resource to the next.
+// A message of text fields 1 .. kList - 1 and a repeated message field
+// kList (at most kMaxAttributes Items), each text once and in field
+// order. The items' storage is kept from one message to the next.
+template <typename Item, uint32_t kList>
+class WireTextsAndItems {
+ public:
   bool read(std::string_view bytes) {
-    className_ = std::string_view();
-    handle_ = std::string_view();
+    for (std::string_view& t : texts_) t = std::string_view();
     used_ = 0;
     WireReader r(bytes);
     uint32_t last = 0;
     while (!r.atEnd()) {
       uint32_t field, wireType;
-      if (!r.tag(&field, &wireType) || field < last || (field == last && field != 3) ||
-          wireType != kLengthDelimited) {
+      if (!r.tag(&field, &wireType) || field < last || (field == last && field != kList) ||
+          wireType != kLengthDelimited || field > kList) {
         return false;
       }
       last = field;
+      if (field < kList) {
+        if (!r.text(&texts_[field - 1])) return false;
+        continue;
+      }
       std::string_view b;
-      if (field == 1) {
-        if (!r.text(&className_)) return false;
-      } else if (field == 2) {
-        if (!r.text(&handle_)) return false;
-      } else if (field == 3) {
-        if (used_ >= kMaxAttributes || !r.bytes(&b)) return false;
-        if (used_ == attrs_.size()) attrs_.emplace_back();
-        if (!attrs_[used_++].read(b)) return false;
+      if (used_ >= kMaxAttributes || !r.bytes(&b)) return false;
+      if (used_ == items_.size()) items_.emplace_back();
+      if (!items_[used_++].read(b)) return false;
+    }
+    return true;
+  }
+
+ protected:
+  std::string_view text(uint32_t field) const { return texts_[field - 1]; }
+  ReadItems<Item> items() const { return ReadItems<Item>(items_.data(), used_); }
+
+ private:
+  std::string_view texts_[kList - 1];
+  std::vector<Item> items_;
+  size_t used_ = 0;
+};
+
+// A KorResource: class_name (1), handle (2), attributes (3).
+class WireResource : public WireTextsAndItems<WireAttribute, 3> {
+ public:
+  std::string_view class_name() const { return text(1); }
+  std::string_view handle() const { return text(2); }
+  ReadItems<WireAttribute> attributes() const { return items(); }
+};
+
+// A KorRow: handle (1), values (2).
+class WireRow : public WireTextsAndItems<WireValue, 2> {
+ public:
+  std::string_view handle() const { return text(1); }
+  ReadItems<WireValue> values() const { return items(); }
+};
+
+class WireColumn {
+ public:
+  std::string_view name() const { return name_; }
+  uint32_t type() const { return type_; }
+
+  bool read(std::string_view bytes) {
+    WireReader r(bytes);
+    uint32_t last = 0;
+    while (!r.atEnd()) {
+      uint32_t field, wireType;
+      if (!r.tag(&field, &wireType) || field <= last) return false;
+      last = field;
+      uint64_t x;
+      if (field == 1 && wireType == kLengthDelimited) {
+        if (!r.text(&name_)) return false;
+      } else if (field == 2 && wireType == kVarint) {
+        if (!r.varint(&x) || x > UINT32_MAX) return false;
+        type_ = static_cast<uint32_t>(x);
       } else {
         return false;
       }
@@ -713,18 +859,22 @@ class WireResource {
   }
 
  private:
-  std::string_view className_;
-  std::string_view handle_;
-  std::vector<WireAttribute> attrs_;
-  size_t used_ = 0;
+  std::string_view name_;
+  uint32_t type_ = 0;
 };
 
 // Reads frame (an AgentFrame of version 1 with a Reply to request id, rc
-// 0), giving each resource to take (which answers kPageOk or what is
-// wrong) and filling *header. kPageOk, or the first problem.
-template <typename Take>
+// 0), giving what its answer holds to page (each of its calls answers
+// kPageOk or what is wrong) and filling *header. kPageOk, or the first
+// problem. page has
+//   resource(const WireResource&)   for each resource,
+//   columns(std::string_view className, const std::vector<WireColumn>&)
+//                                   once, before the first row (or at the
+//                                   end when there is none),
+//   row(const WireRow&)             for each row.
+template <typename Page>
 int readPageBytes(const std::string& frame, uint64_t id, QueryAnswerBuilder::PageHeader* header,
-                  WireResource* resource, const Take& take) {
+                  Page& page) {
   WireReader top(frame);
   uint32_t field, wireType;
   uint64_t x;
@@ -759,26 +909,49 @@ int readPageBytes(const std::string& frame, uint64_t id, QueryAnswerBuilder::Pag
   if (!hasId) return kPageNotCanonical;
   header->text.assign(text.data(), text.size());
   header->more = false;
-  // KorAnswer: the resources (1), registration (2), more (3).
+  // KorAnswer: the resources (1), registration (2), more (3), and for rows
+  // class_name (4), columns (5), rows (6).
   WireReader k(kor);
   last = 0;
+  WireResource resource;
+  WireRow row;
+  std::string_view className;
+  std::vector<WireColumn> columns;
+  bool columnsGiven = false;
   while (!k.atEnd()) {
-    if (!k.tag(&field, &wireType) || field < last || (field == last && field != 1)) return kPageNotCanonical;
+    if (!k.tag(&field, &wireType) || field < last || (field == last && field != 1 && field != 5 && field != 6)) {
+      return kPageNotCanonical;
+    }
     last = field;
     std::string_view b;
+    int rc = kPageOk;
     if (field == 1 && wireType == kLengthDelimited) {
-      if (!k.bytes(&b) || !resource->read(b)) return kPageNotCanonical;
-      const int rc = take(*resource);
-      if (rc != kPageOk) return rc;
+      if (!k.bytes(&b) || !resource.read(b)) return kPageNotCanonical;
+      rc = page.resource(resource);
     } else if (field == 2 && wireType == kVarint) {
       if (!k.varint(&x)) return kPageNotCanonical;
     } else if (field == 3 && wireType == kVarint) {
       if (!k.varint(&x) || x > 1) return kPageNotCanonical;
       header->more = x == 1;
+    } else if (field == 4 && wireType == kLengthDelimited) {
+      if (!k.text(&className)) return kPageNotCanonical;
+    } else if (field == 5 && wireType == kLengthDelimited) {
+      if (columns.size() >= kMaxAttributes) return kPageNotCanonical;   // the general path refuses it
+      columns.emplace_back();
+      if (!k.bytes(&b) || !columns.back().read(b)) return kPageNotCanonical;
+    } else if (field == 6 && wireType == kLengthDelimited) {
+      if (!k.bytes(&b) || !row.read(b)) return kPageNotCanonical;
+      if (!columnsGiven) {
+        columnsGiven = true;
+        rc = page.columns(className, columns);
+      }
+      if (rc == kPageOk) rc = page.row(row);
     } else {
       return kPageNotCanonical;
     }
+    if (rc != kPageOk) return rc;
   }
+  if (!columnsGiven) return page.columns(className, columns);
   return kPageOk;
 }
 
@@ -930,8 +1103,58 @@ bool QueryAnswerBuilder::addResource(const Resource& r) {
   return true;
 }
 
+template <typename ColumnList>
+bool QueryAnswerBuilder::takeColumns(const ColumnList& columns) {
+  columns_.clear();
+  columnsSeen_ = 0;
+  representableColumns_ = 0;
+  size_t place = 0;
+  for (const auto& c : columns) {
+    uint64_t bit = 0;
+    const char* name = nameOf(c.name(), place++, &bit);
+    if (name == nullptr) return false;
+    columnsSeen_ |= bit;
+    if (isRepresentable(c.type())) ++representableColumns_;
+    columns_.push_back(PageColumn{name, c.type()});
+  }
+  return true;
+}
+
+namespace {
+
+// A row's value as convertAttribute reads an attribute.
+template <typename Value>
+struct RowAttribute {
+  ColumnValue<Value> v;
+  const ColumnValue<Value>& value() const { return v; }
+};
+
+}  // namespace
+
+template <typename Row>
+bool QueryAnswerBuilder::addRow(const Row& r) {
+  mc_query_rsp_t e{};
+  e.rsrc_handle = copyText(r.handle());
+  if (e.rsrc_handle == nullptr) return false;
+  if (representableColumns_ > 0) {
+    e.attrs = static_cast<mc_attribute_t*>(
+        allocate(representableColumns_ * sizeof(mc_attribute_t), alignof(mc_attribute_t)));
+    if (e.attrs == nullptr) return false;
+  }
+  size_t k = 0;
+  for (const auto& v : r.values()) {
+    const PageColumn& c = columns_[k++];
+    if (!isRepresentable(c.type)) continue;
+    RowAttribute<std::decay_t<decltype(v)>> a{ColumnValue<std::decay_t<decltype(v)>>(v, c.type)};
+    if (!convertAttribute(a, c.name, &e.attrs[e.attr_count++])) return false;
+  }
+  e.mc_errnum = columnsSeen_ == allWanted_ ? MC_OK : MC_ENOATTR;
+  entries_.push_back(e);
+  return true;
+}
+
 int QueryAnswerBuilder::addPage(const proto::KorAnswer& page, std::string* why) {
-  const size_t n = static_cast<size_t>(page.resources_size());
+  const size_t n = static_cast<size_t>(page.resources_size()) + static_cast<size_t>(page.rows_size());
   if (n > kMaxResources - std::min(kMaxResources, entries_.size())) {
     *why = "an answer of " + std::to_string(entries_.size() + n) + " resources (at most " +
            std::to_string(kMaxResources) + ")";
@@ -943,20 +1166,41 @@ int QueryAnswerBuilder::addPage(const proto::KorAnswer& page, std::string* why) 
   for (const proto::KorResource& r : page.resources()) {
     if (!addResource(r)) return MC_ENOMEM;
   }
+  if (!takeColumns(page.columns())) return MC_ENOMEM;
+  for (const proto::KorRow& r : page.rows()) {
+    if (!addRow(r)) return MC_ENOMEM;
+  }
   return MC_OK;
 }
 
 QueryAnswerBuilder::PageRead QueryAnswerBuilder::readPage(const std::string& frame, uint64_t id,
                                                           PageHeader* header) {
   const size_t before = entries_.size();
-  WireResource resource;
-  int rc = readPageBytes(frame, id, header, &resource, [this](const WireResource& r) {
-    if (entries_.size() >= kMaxResources) return kPageBreach;
+  // Checks and adds what the page holds.
+  struct Page {
+    QueryAnswerBuilder* builder;
+    std::vector<ColumnOfPage> columnsOfPage;
     std::string why;
-    size_t cost = 0;
-    if (!checkResource(r, &cost, &why)) return kPageBreach;
-    return addResource(r) ? kPageOk : kPageNoMemory;
-  });
+
+    int resource(const WireResource& r) {
+      if (builder->entries_.size() >= kMaxResources) return kPageBreach;
+      size_t cost = 0;
+      if (!checkResource(r, &cost, &why)) return kPageBreach;
+      return builder->addResource(r) ? kPageOk : kPageNoMemory;
+    }
+    int columns(std::string_view className, const std::vector<WireColumn>& list) {
+      if (!checkColumns(className, list, &columnsOfPage, &why)) return kPageBreach;
+      return builder->takeColumns(list) ? kPageOk : kPageNoMemory;
+    }
+    int row(const WireRow& r) {
+      if (builder->entries_.size() >= kMaxResources) return kPageBreach;
+      size_t cost = 0;
+      if (!checkRow(r, columnsOfPage, &cost, &why)) return kPageBreach;
+      return builder->addRow(r) ? kPageOk : kPageNoMemory;
+    }
+  };
+  Page page{this, {}, {}};
+  int rc = readPageBytes(frame, id, header, page);
   if (rc == kPageOk) return PageRead::kRead;
   // What this page added goes (its memory stays in the blocks until the
   // response is freed).
@@ -977,6 +1221,7 @@ int QueryAnswerBuilder::finish(mc_query_rsp_t** out, uint32_t* count) {
   *count = static_cast<uint32_t>(entries_.size());
   entries_.clear();
   seen_.clear();
+  columns_.clear();
   return MC_OK;
 }
 
@@ -1109,6 +1354,8 @@ int convertAgentFrameForTesting(const uint8_t* data, size_t size) {
   std::vector<std::string> named;
   if (parsed && f.reply().kor().resources_size() > 0 && f.reply().kor().resources(0).attributes_size() > 0) {
     named.push_back(f.reply().kor().resources(0).attributes(0).name());
+  } else if (parsed && f.reply().kor().columns_size() > 0) {
+    named.push_back(f.reply().kor().columns(0).name());
   }
   named.push_back("NoSuchAttribute");
   std::string why;

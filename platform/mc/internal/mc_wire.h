@@ -21,13 +21,22 @@
 // Requests (Request.id counts 1, 2, ... per connection; the library has at
 // most one request outstanding and waits up to 60 s for its Reply, which
 // carries the same id; kor_event frames may come before the Reply)
-//  * kor_query {class_name, attributes (empty: every attribute)}
+//  * kor_query {class_name, attributes (empty: every attribute), rows true}
 //    -> Reply rc 0, kor.resources: every resource of the class, each with
 //       a non-empty handle and, for each attribute asked for, in any order,
 //       one KorAttribute with that name (all of the class's attributes when
 //       none was named). An attribute name the class does not have is left
 //       out of every resource (the text may name it); the library then marks
 //       each resource that lacks a named attribute with MC_ENOATTR.
+//       Or, as this library asks, the same as rows: kor.class_name,
+//       kor.columns (each a non-empty name and a type) and kor.rows, each
+//       row a non-empty handle and one value per column, in the columns'
+//       order, whose type is 0 or the column's. A resource of a row has
+//       the columns as its attributes. A page may hold both forms (the
+//       resources first).
+//    -> An answer in several Replies (KorAnswer.more on all but the last)
+//       is joined; the rc and text are the first page's, and each page of
+//       rows carries its own columns.
 //    -> rc TK_GS_UNKNOWN_GROUP (10): no such class -> the call fails with
 //       MC_ENOCLASS.
 //  * kor_register {kind CLASS_EVENT, class_name, event ("ResourceDefined" |
@@ -66,7 +75,8 @@
 //    of ids this connection does not hold (any more) are dropped.
 // Limits (past any of them the agent broke the contract: MC_EPROTO)
 //  * one message at most 16 MiB (the framing's bound); at most 1,000,000
-//    resources in one answer; at most 64 attributes per resource or event;
+//    resources (or rows) in one answer; at most 64 attributes per resource
+//    or event, or columns per page;
 //    names, handles and string values at most 64 KiB, without NUL bytes;
 //    arrays at most 65,536 elements; VX_INT32 / VX_UINT32 values (and
 //    array elements) within their 32-bit range.
@@ -211,11 +221,27 @@ class QueryAnswerBuilder {
   bool convertAttribute(const Attribute& in, const char* name, mc_attribute_t* a);
   template <typename Resource>
   bool addResource(const Resource& r);
+  // Takes the (checked) columns of a page of rows, each a name() and a
+  // type(); their names are kept as attribute names are. False when out
+  // of memory.
+  template <typename ColumnList>
+  bool takeColumns(const ColumnList& columns);
+  // A (checked) row of the page whose columns were taken last.
+  template <typename Row>
+  bool addRow(const Row& r);
 
   std::vector<std::string> wanted_;   // the names asked for, sorted and unique
   uint64_t allWanted_ = 0;
   std::vector<mc_query_rsp_t> entries_;
   std::vector<SeenName> seen_;        // by place in the resource
+  // The columns of the page of rows being read.
+  struct PageColumn {
+    const char* name = nullptr;
+    uint32_t type = 0;
+  };
+  std::vector<PageColumn> columns_;
+  uint64_t columnsSeen_ = 0;          // the bits of the names asked for among them
+  uint32_t representableColumns_ = 0;
   ResponseBlock* blocks_ = nullptr;   // newest first; the first one is being filled
   size_t nextBlockBytes_;
 };

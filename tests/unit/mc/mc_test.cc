@@ -5,6 +5,7 @@
 #include <stdint.h>
 #include <string.h>
 
+#include <algorithm>
 #include <chrono>
 #include <future>
 #include <random>
@@ -527,6 +528,67 @@ TEST_F(McQuery, PagesOfALargeAnswerBecomeOneResponseInOrder) {
   EXPECT_EQ(rsp[2].attrs[1].value.int32, 7);
   EXPECT_EQ(rsp[3].mc_errnum, static_cast<uint32_t>(MC_OK));
   EXPECT_STREQ(rsp[3].attrs[1].value.string, "10.1.0.2");
+  EXPECT_EQ(cu_get_error(), MC_ENOATTR);
+  mc_free_response(rsp);
+}
+
+TEST_F(McQuery, QueriesAskForRowsAndTheirPagesBecomeOneResponse) {
+  start([](AgentConn& conn) {
+    proto::Request r;
+    if (!conn.readRequest(&r)) return;
+    if (!r.kor_query().rows()) {
+      conn.reply(r.id(), 6, "rows were not asked for");
+      return;
+    }
+    proto::KorAnswer page;
+    page.set_more(true);
+    page.set_class_name(KOR_CLASS_NETWORK_INTERFACE);
+    proto::KorColumn* c = page.add_columns();
+    c->set_name("Name");
+    c->set_type(VX_CHAR_PTR);
+    c = page.add_columns();
+    c->set_name("NodeIDs");
+    c->set_type(VX_UINT64_ARRAY);
+    for (int n = 1; n <= 3; ++n) {
+      proto::KorRow* row = page.add_rows();
+      row->set_handle("node/" + std::to_string(n) + "/sxn0");
+      row->add_values()->set_text("sxn0");
+      row->add_values()->add_uint_array(100 + static_cast<uint64_t>(n));
+    }
+    conn.reply(r.id(), 0, "", &page);
+    // The next page has the columns in another order, and lacks one.
+    page.clear_rows();
+    page.clear_columns();
+    page.set_more(false);
+    c = page.add_columns();
+    c->set_name("NodeIDs");
+    c->set_type(VX_UINT64_ARRAY);
+    proto::KorRow* row = page.add_rows();
+    row->set_handle("node/4/sxn0");
+    row->add_values();   // no id: an empty array
+    conn.reply(r.id(), 0, "", &page);
+    conn.peerClosed();
+  });
+  mc_query_rsp_t* rsp = nullptr;
+  uint32_t count = 0;
+  ASSERT_EQ(queryClass(session_, &rsp, &count, KOR_CLASS_NETWORK_INTERFACE, {"Name", "NodeIDs"}), MC_OK)
+      << cu_get_errmsg();
+  ASSERT_EQ(count, 4u);
+  for (uint32_t i = 0; i < 3; ++i) {
+    EXPECT_EQ(rsp[i].rsrc_handle, "node/" + std::to_string(i + 1) + "/sxn0");
+    EXPECT_EQ(rsp[i].mc_errnum, static_cast<uint32_t>(MC_OK));
+    ASSERT_EQ(rsp[i].attr_count, 2u);
+    EXPECT_STREQ(rsp[i].attrs[0].name, "Name");
+    EXPECT_STREQ(rsp[i].attrs[0].value.string, "sxn0");
+    EXPECT_STREQ(rsp[i].attrs[1].name, "NodeIDs");
+    ASSERT_EQ(rsp[i].attrs[1].value.array->count, 1u);
+    EXPECT_EQ(rsp[i].attrs[1].value.array->elements.uint64s[0], 101u + i);
+  }
+  EXPECT_STREQ(rsp[3].rsrc_handle, "node/4/sxn0");
+  EXPECT_EQ(rsp[3].mc_errnum, static_cast<uint32_t>(MC_ENOATTR));
+  ASSERT_EQ(rsp[3].attr_count, 1u);
+  EXPECT_STREQ(rsp[3].attrs[0].name, "NodeIDs");
+  EXPECT_EQ(rsp[3].attrs[0].value.array->count, 0u);
   EXPECT_EQ(cu_get_error(), MC_ENOATTR);
   mc_free_response(rsp);
 }
@@ -1185,6 +1247,17 @@ std::vector<Malformed> malformedAnswers() {
                      proto::KorAnswer kor = oneResource({intAttr("", VX_INT32, 1)});
                      c.reply(r.id(), 0, "", &kor);
                    }});
+  cases.push_back({"RowWithoutAValueForEveryColumn", [](AgentConn& c, const proto::Request& r) {
+                     proto::KorAnswer kor;
+                     proto::KorColumn* col = kor.add_columns();
+                     col->set_name("Name");
+                     col->set_type(VX_CHAR_PTR);
+                     *kor.add_columns() = *col;
+                     proto::KorRow* row = kor.add_rows();
+                     row->set_handle("node/1/sxn0");
+                     row->add_values()->set_text("sxn0");
+                     c.reply(r.id(), 0, "", &kor);
+                   }});
   return cases;
 }
 
@@ -1353,6 +1426,8 @@ std::string readParsed(const std::string& frame, const std::vector<std::string>&
   return text;
 }
 
+void randomValue(std::mt19937* rng, uint32_t type, proto::KorValue* v);
+
 // A resource with random attributes, all within the contract.
 proto::KorResource randomResource(std::mt19937* rng) {
   auto pick = [rng](int n) { return static_cast<int>((*rng)() % static_cast<uint32_t>(n)); };
@@ -1366,9 +1441,19 @@ proto::KorResource randomResource(std::mt19937* rng) {
     proto::KorAttribute* a = r.add_attributes();
     a->set_name(kNames[pick(8)]);
     if (pick(10) == 0) continue;   // no value: the default one
-    proto::KorValue* v = a->mutable_value();
     const uint32_t type = static_cast<uint32_t>(pick(17));
-    v->set_type(type);
+    a->mutable_value()->set_type(type);
+    randomValue(rng, type, a->mutable_value());
+  }
+  return r;
+}
+
+// A random value of type (within the contract) into *v, its type left as
+// it is.
+void randomValue(std::mt19937* rng, uint32_t type, proto::KorValue* v) {
+  auto pick = [rng](int n) { return static_cast<int>((*rng)() % static_cast<uint32_t>(n)); };
+  static const char* const kTexts[] = {"", "sxn0", "10.0.0.1", "ü", "名前", "80:00:02:08:fe:80", "a b c"};
+  {
     const int n = pick(5);
     switch (type) {
       case VX_INT32: v->set_int_value(static_cast<int32_t>((*rng)())); break;
@@ -1388,7 +1473,6 @@ proto::KorResource randomResource(std::mt19937* rng) {
         break;
     }
   }
-  return r;
 }
 
 TEST(McWirePages, AreReadStraightFromTheWireAsProtobufAndTheChecksReadThem) {
@@ -1410,6 +1494,136 @@ TEST(McWirePages, AreReadStraightFromTheWireAsProtobufAndTheChecksReadThem) {
     EXPECT_EQ(direct, readParsed(frame, named)) << "round " << round;
     EXPECT_EQ(header.more, kor.more());
     EXPECT_EQ(header.text, text);
+  }
+}
+
+// A page of rows with random columns and values, all within the contract;
+// sometimes with resources before the rows.
+proto::KorAnswer randomRowsPage(std::mt19937* rng) {
+  auto pick = [rng](int n) { return static_cast<int>((*rng)() % static_cast<uint32_t>(n)); };
+  static const char* const kNames[] = {"Name", "IPAddress", "NodeIDs", "LogicalID", "X", "Zed", "Näme", "名前"};
+  proto::KorAnswer kor;
+  if (pick(4) == 0) *kor.add_resources() = randomResource(rng);
+  if (pick(4) != 0) kor.set_class_name(KOR_CLASS_NETWORK_INTERFACE);
+  const int columns = pick(13);
+  for (int i = 0; i < columns; ++i) {
+    proto::KorColumn* c = kor.add_columns();
+    c->set_name(kNames[pick(8)]);
+    c->set_type(static_cast<uint32_t>(pick(17)));
+  }
+  const int rows = pick(20);
+  for (int i = 0; i < rows; ++i) {
+    proto::KorRow* r = kor.add_rows();
+    r->set_handle("node/" + std::to_string(pick(3000)) + "/sxn" + std::to_string(pick(48)));
+    for (const proto::KorColumn& c : kor.columns()) {
+      proto::KorValue* v = r->add_values();
+      if (pick(3) == 0) v->set_type(c.type());   // its own type may be written too
+      randomValue(rng, c.type(), v);
+    }
+  }
+  kor.set_more(pick(2) == 0);
+  return kor;
+}
+
+TEST(McWirePages, RowsAreReadStraightFromTheWireAsProtobufAndTheChecksReadThem) {
+  std::mt19937 rng(20250301);
+  const std::vector<std::vector<std::string>> asks = {{}, {"Name"}, {"Name", "IPAddress", "NodeIDs"}, {"Zed", "名前"}};
+  for (int round = 0; round < 300; ++round) {
+    const proto::KorAnswer kor = randomRowsPage(&rng);
+    const std::string frame = pageFrame(78, kor);
+    const std::vector<std::string>& named = asks[round % asks.size()];
+    QueryAnswerBuilder::PageRead how;
+    QueryAnswerBuilder::PageHeader header;
+    const std::string direct = readDirect(frame, 78, named, &how, &header);
+    ASSERT_EQ(how, QueryAnswerBuilder::PageRead::kRead) << "round " << round;
+    EXPECT_EQ(direct, readParsed(frame, named)) << "round " << round;
+    EXPECT_EQ(header.more, kor.more());
+    EXPECT_EQ(static_cast<int>(std::count(direct.begin(), direct.end(), '[')),
+              kor.resources_size() + kor.rows_size());
+  }
+}
+
+TEST(McWirePages, ARowIsTheResourceItsColumnsMake) {
+  proto::KorAnswer rows;
+  rows.set_class_name(KOR_CLASS_NETWORK_INTERFACE);
+  proto::KorColumn* c = rows.add_columns();
+  c->set_name("Name");
+  c->set_type(VX_CHAR_PTR);
+  c = rows.add_columns();
+  c->set_name("Float");
+  c->set_type(VX_FLOAT64);
+  c = rows.add_columns();
+  c->set_name("LogicalID");
+  c->set_type(VX_INT32);
+  proto::KorRow* r = rows.add_rows();
+  r->set_handle("node/1/sxn0");
+  r->add_values()->set_text("sxn0");
+  r->add_values()->set_int_value(3);
+  r->add_values()->set_int_value(-9);
+  proto::KorAnswer resources;
+  *resources.add_resources() = resource(
+      "node/1/sxn0", {textAttr("Name", "sxn0"), intAttr("Float", VX_FLOAT64, 3), intAttr("LogicalID", VX_INT32, -9)});
+  QueryAnswerBuilder::PageRead how;
+  for (const std::vector<std::string>& named :
+       {std::vector<std::string>{"Name", "Float"}, std::vector<std::string>{"Name", "PortID"}}) {
+    const std::string fromRows = readDirect(pageFrame(3, rows), 3, named, &how);
+    ASSERT_EQ(how, QueryAnswerBuilder::PageRead::kRead);
+    EXPECT_EQ(fromRows, readDirect(pageFrame(3, resources), 3, named, &how));
+    EXPECT_EQ(fromRows, readParsed(pageFrame(3, rows), named));
+  }
+  EXPECT_EQ(readDirect(pageFrame(3, rows), 3, {"Name"}, &how),
+            "[node/1/sxn0 errnum=0 Name:" + std::to_string(VX_CHAR_PTR) + "='sxn0' LogicalID:" +
+                std::to_string(VX_INT32) + "=-9]");
+}
+
+TEST(McWirePages, RowsBreakingTheContractAreRefused) {
+  auto base = [] {
+    proto::KorAnswer kor;
+    kor.set_class_name(KOR_CLASS_NETWORK_INTERFACE);
+    proto::KorColumn* c = kor.add_columns();
+    c->set_name("LogicalID");
+    c->set_type(VX_INT32);
+    proto::KorRow* r = kor.add_rows();
+    r->set_handle("node/1/sxn0");
+    r->add_values()->set_int_value(1);
+    return kor;
+  };
+  std::string why;
+  ASSERT_EQ(velt::mc::internal::checkQueryAnswer(base(), &why), MC_OK) << why;
+  std::vector<std::pair<std::string, proto::KorAnswer>> bad;
+  proto::KorAnswer k = base();
+  k.mutable_rows(0)->add_values()->set_int_value(2);
+  bad.push_back({"a row with more values than columns", k});
+  k = base();
+  k.mutable_rows(0)->clear_values();
+  bad.push_back({"a row with fewer values than columns", k});
+  k = base();
+  k.mutable_rows(0)->mutable_values(0)->set_type(VX_INT64);
+  bad.push_back({"a value of another type than its column's", k});
+  k = base();
+  k.mutable_rows(0)->mutable_values(0)->set_int_value(int64_t{INT32_MAX} + 1);
+  bad.push_back({"a value past its column's type", k});
+  k = base();
+  k.mutable_rows(0)->clear_handle();
+  bad.push_back({"a row without a handle", k});
+  k = base();
+  k.mutable_columns(0)->clear_name();
+  bad.push_back({"a column without a name", k});
+  k = base();
+  k.set_class_name(std::string("Zel\0", 4));
+  bad.push_back({"a class name with a NUL byte", k});
+  k = base();
+  k.clear_rows();
+  for (int i = 0; i < 65; ++i) *k.add_columns() = k.columns(0);
+  bad.push_back({"65 columns", k});
+  for (const auto& b : bad) {
+    EXPECT_EQ(velt::mc::internal::checkQueryAnswer(b.second, &why), MC_EPROTO) << b.first;
+    QueryAnswerBuilder builder({});
+    EXPECT_EQ(builder.addPage(b.second, &why), MC_EPROTO) << b.first;
+    QueryAnswerBuilder direct({});
+    QueryAnswerBuilder::PageHeader header;
+    EXPECT_NE(direct.readPage(pageFrame(9, b.second), 9, &header), QueryAnswerBuilder::PageRead::kRead) << b.first;
+    EXPECT_EQ(direct.count(), 0u) << b.first;
   }
 }
 
