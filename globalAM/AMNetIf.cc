@@ -446,6 +446,11 @@ int AMGlobalAdapterTable::updateAdapterStateWithLock(int isUp, const tk_gs_membe
   return 1;
 }
 
+void AMGlobalAdapterTable::forgetHarvestForTesting() {
+  GSWriteGuard hold(*this);
+  is_ever_harvested = 0;
+}
+
 int AMGlobalAdapterTable::repopulateAllNAMInfoWithLock() {
   TraceBlock tb(TraceLevel(TRACE_BLOCK), "repopulateAllNAMInfoWithLock");
   int announced = 0;

@@ -121,6 +121,9 @@ class AMGlobalAdapterTable : public GSLockableObject {
   int getAdapterItemCount() const { return static_cast<int>(pAdapterItemList.size()); }
   AdapterItemCollection& getAdapterItemList() { return pAdapterItemList; }
   int isHarvested() const { return is_ever_harvested; }
+  // Makes the table one never harvested again; takes the write lock. For
+  // tests.
+  void forgetHarvestForTesting();
   bool IsThereADelayedDownEvent() const { return n_pending_downs.load() > 0; }
   // The switch device numbers are not looked up: always -1.
   int getSXNDeviceNum(const char* name);

@@ -650,7 +650,16 @@ TEST_F(PropagatorProtocol, StatusShowsTheCurrentIdAndARunningRefreshChild) {
 }
 
 TEST_F(PropagatorProtocol, ClusterDomainWaitsForTheInitialHarvestBeforeJoining) {
+  // The dispatcher thread harvests when the agent's version notification
+  // arrives, which outside the cluster domain type marks the table
+  // harvested: wait for it, then start from a table never harvested.
+  AMGlobalAdapterTable* table = AMController::pGAdapterCfgTbl;
+  ASSERT_TRUE(waitUntil([table] {
+    GSReadGuard hold(*table);
+    return table->isHarvested() != 0;
+  })) << "the agent's version notification never came";
   AMController::domainType = kCLUSTER;
+  table->forgetHarvestForTesting();
   // KOR does not answer yet: no harvest can succeed.
   fake_mc::resetForTesting();
   fake_mc::failStartSessionForTesting(1000, MC_ENOAGENT);
