@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdio.h>
@@ -53,6 +54,13 @@ constexpr auto kAcceptRetry = std::chrono::milliseconds(200);
 // Largest supplementary group list read from a peer (the kernel's
 // NGROUPS_MAX).
 constexpr size_t kMaxPeerGroups = 65536;
+// Connection slots only root and the agent's own user may take, so that
+// their tools get in when others hold every other slot.
+constexpr size_t kReservedSlots = 8;
+// Client frames given back since the last trim that make another one worth
+// it, and how long after the last of them the trim waits (a burst's end).
+constexpr size_t kTrimAfterBytes = 4u * 1024 * 1024;
+constexpr auto kTrimDelay = std::chrono::milliseconds(200);
 
 std::string errnoText(int err) {
   char buf[128];
@@ -179,9 +187,12 @@ Agent::Agent(AgentOptions options)
       io_(1),
       timers_(std::make_unique<LoopTimers>(io_)),
       acceptRetry_(io_),
-      signals_(io_) {
+      signals_(io_),
+      trimTimer_(io_) {
   sessionLimits_.maxMessageBytes = options_.maxMessageBytes;
   sessionLimits_.maxUnsentBytes = options_.maxUnsentBytes;
+  sessionLimits_.sendBudget = std::make_shared<SendBudget>(options_.maxUnsentTotal);
+  sessionLimits_.sendBudget->onReleased(kTrimAfterBytes, [this] { scheduleTrim(); });
   sessionLimits_.partialBytes = std::make_shared<size_t>(0);
   sessionLimits_.maxPartialBytes = options_.maxPartialBytes;
 }
@@ -561,16 +572,21 @@ void Agent::acceptClients() {
               " may not use this agent: it serves root, its own user (uid " +
               std::to_string(geteuid()) + ") and the users and groups it was told to allow");
       why = "refused: uid " + std::to_string(peer.uid) + " is not allowed";
-    } else if (sessions_.size() >= options_.maxClients) {
+    } else if (!takeSlot(peer)) {
       refusal = core_->helloReply(TK_GS_LIMIT_EXCEEDED,
                                   "the agent already serves " +
-                                      std::to_string(options_.maxClients) +
-                                      " client connections, the most it takes");
+                                      std::to_string(openSessions()) +
+                                      " client connections, the most it takes" +
+                                      (openSessions() < options_.maxClients
+                                           ? " (the others are kept for root and uid " +
+                                                 std::to_string(geteuid()) + ")"
+                                           : std::string()));
       why = "refused: the connection limit is reached";
     }
     if (why.empty()) {
       auto session = std::make_shared<ClientSession>(io_, fd, id, peer, sessionLimits_, this);
       sessions_[id] = session;
+      awaitingHello_.insert(id);
       core_->clientConnected(session.get());
       session->start();
       continue;
@@ -594,6 +610,34 @@ void Agent::acceptClients() {
   // More may be waiting: carry on after the rest of the loop had its turn.
   asio::post(io_, [this] {
     if (!stopping_) acceptClients();
+  });
+}
+
+bool Agent::takeSlot(const ClientSession::Peer& peer) {
+  bool privileged = peer.uid == 0 || peer.uid == geteuid();
+  size_t reserved = std::min(kReservedSlots, options_.maxClients / 2);
+  size_t slots = privileged ? options_.maxClients : options_.maxClients - reserved;
+  if (openSessions() < slots) return true;
+  if (awaitingHello_.empty()) return false;
+  uint64_t oldest = *awaitingHello_.begin();
+  awaitingHello_.erase(awaitingHello_.begin());
+  auto it = sessions_.find(oldest);
+  if (it == sessions_.end()) return false;
+  evicted_.insert(oldest);
+  it->second->close("no hello yet, and its place is needed for a new connection (" +
+                    std::to_string(options_.maxClients) + " at most)");
+  return openSessions() < slots;
+}
+
+void Agent::scheduleTrim() {
+  if (trimArmed_ || stopping_) return;
+  trimArmed_ = true;
+  trimTimer_.expires_after(kTrimDelay);
+  trimTimer_.async_wait([this](const std::error_code& ec) {
+    trimArmed_ = false;
+    if (ec || stopping_) return;
+    sessionLimits_.sendBudget->takeReleased();
+    malloc_trim(0);
   });
 }
 
@@ -627,6 +671,7 @@ bool Agent::mayConnect(int fd, const ClientSession::Peer& peer) const {
 
 void Agent::onHello(ClientSession& session, const proto::Hello& hello) {
   VELT_CHECK_OWNER_THREAD(ownerThread_);
+  awaitingHello_.erase(session.id());
   core_->hello(session, hello);
 }
 
@@ -664,6 +709,8 @@ void Agent::onClosed(ClientSession& session, const std::string& why, bool wasAcc
   // A connection refused at accept never reached the core.
   if (!wasRefused) core_->clientClosed(session, why, wasAccepted);
   sessions_.erase(id);
+  awaitingHello_.erase(id);
+  evicted_.erase(id);
 }
 
 // ------------------------------------------------------------ the topology

@@ -17,6 +17,7 @@
 #include <chrono>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 
 #include "agent_core.h"
@@ -70,6 +71,14 @@ class Agent : public ClientSession::Owner {
   void waitAcceptable();
   void acceptClients();
   bool mayConnect(int fd, const ClientSession::Peer& peer) const;
+  // Whether a connection of peer has a slot: the last few are kept for
+  // root and the agent's own user. When none is free, the oldest
+  // connection that has not said hello yet is closed to make room.
+  bool takeSlot(const ClientSession::Peer& peer);
+  size_t openSessions() const { return sessions_.size() - evicted_.size(); }
+  // Gives the memory of a burst of client frames back to the system, a
+  // moment after it ends.
+  void scheduleTrim();
   int startTopology();
   // This node's stable id and the KOR resources kept from the last run
   // (before the bus is joined), then corosync's nodelist.
@@ -117,6 +126,12 @@ class Agent : public ClientSession::Owner {
   size_t refusalsUnlogged_ = 0;
   uint64_t nextClient_ = 1;
   ClientSession::Limits sessionLimits_;
+  // Connections that have not said hello yet, oldest first, and those
+  // closed to make room whose close the loop has not handled yet.
+  std::set<uint64_t> awaitingHello_;
+  std::set<uint64_t> evicted_;
+  asio::steady_timer trimTimer_;
+  bool trimArmed_ = false;
 
   bool socketBound_ = false;
   dev_t socketDev_ = 0;

@@ -169,6 +169,7 @@ void AgentCore::hello(ClientPort& client, const proto::Hello& hello) {
   if (r.type() == TK_GS_PING_RESPONSIVENESS) {
     client.setResponsiveness(r.interval(), r.response_time_limit());
   }
+  if (hello.grouped_notifications()) groupedClients_.insert(client.id());
   client.accept(helloReply(TK_GS_OK, ""));
   client.send(domainControl(activeVersion()));
   if (client.closed()) return;
@@ -222,6 +223,7 @@ void AgentCore::clientClosed(ClientPort& client, const std::string& why, bool wa
   VELT_CHECK_OWNER_THREAD(ownerThread_);
   uint64_t id = client.id();
   clients_.erase(id);
+  groupedClients_.erase(id);
   subscriptions_.dropClient(id);
   korService_.dropClient(id);
   // Only an accepted client can hold providers.
@@ -412,13 +414,23 @@ void AgentCore::toClient(uint64_t client, const proto::AgentFrame& frame) {
   VELT_CHECK_OWNER_THREAD(ownerThread_);
   auto it = clients_.find(client);
   if (it == clients_.end()) return;   // gone meanwhile; its departure is on its way
-  if (frame.version() == proto::WIRE_VERSION_1) {
-    it->second->send(frame);
+  ClientPort* port = it->second;
+  if (frame.version() != proto::WIRE_VERSION_1) {
+    proto::AgentFrame copy = frame;
+    copy.set_version(proto::WIRE_VERSION_1);
+    toClient(client, copy);
     return;
   }
-  proto::AgentFrame copy = frame;
-  copy.set_version(proto::WIRE_VERSION_1);
-  it->second->send(copy);
+  if (groupedClients_.count(client) != 0) {
+    port->send(frame);
+    return;
+  }
+  // A client that did not ask for grouped notifications gets one frame per
+  // provider; once it is cut off (it stopped reading), nothing more is made.
+  splitGroupedNotification(frame, [port](const proto::AgentFrame& f) {
+    port->send(f);
+    return !port->closed();
+  });
 }
 
 void AgentCore::groupChanged(const GroupChange& change) {

@@ -21,6 +21,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -206,6 +207,8 @@ class AgentCore : public ReplicaSink {
 
   // The connections the process layer let in (not owned), by id.
   std::map<uint64_t, ClientPort*> clients_;
+  // Clients that take one notification for several of their providers.
+  std::set<uint64_t> groupedClients_;
 
   // This node's adapters; reportedAdapters_ is what the cluster holds of
   // them (as of the last sync) plus what was sent since, by index.

@@ -36,6 +36,14 @@ const char kUsage[] =
     "                         (default: every interface but loopback)\n"
     "  --link-poll-ms N       how often knet's link status is read on a cluster\n"
     "                         (50..10000, default 200)\n"
+    "  --max-clients N        client connections served at once (16..65536, default 1024);\n"
+    "                         the last 8 are kept for root and the agent's own user. When\n"
+    "                         none is free, the oldest connection that has not said hello\n"
+    "                         yet is closed to let a new one in\n"
+    "  --max-unsent SIZE      bytes one client may leave unread before it is cut off\n"
+    "                         (with K, M or G; default 64M)\n"
+    "  --max-unsent-total SIZE  bytes all clients together may leave unread; the client\n"
+    "                         whose frame would pass it is cut off (default 256M)\n"
     "  -h, --help             show this text\n"
     "root and the agent's own user may always connect.\n"
     "exit status: 0 after SIGTERM/SIGINT, 1 when the agent cannot run, 2 for usage errors.\n";
@@ -48,6 +56,30 @@ bool parseNumber(const char* text, unsigned long lo, unsigned long hi, unsigned 
   unsigned long v = strtoul(text, &end, 10);
   if (errno != 0 || *end != '\0' || v < lo || v > hi) return false;
   *out = v;
+  return true;
+}
+
+// A size in bytes with an optional K, M or G (powers of 1024), within
+// [lo, hi]; false for anything else.
+bool parseSize(const char* text, size_t lo, size_t hi, size_t* out) {
+  if (text == nullptr || text[0] < '0' || text[0] > '9') return false;
+  char* end = nullptr;
+  errno = 0;
+  unsigned long long v = strtoull(text, &end, 10);
+  if (errno != 0) return false;
+  unsigned shift = 0;
+  if (*end == 'K' || *end == 'k') {
+    shift = 10;
+  } else if (*end == 'M' || *end == 'm') {
+    shift = 20;
+  } else if (*end == 'G' || *end == 'g') {
+    shift = 30;
+  }
+  if (shift != 0) ++end;
+  if (*end != '\0' || v > (hi >> shift)) return false;
+  v <<= shift;
+  if (v < lo) return false;
+  *out = static_cast<size_t>(v);
   return true;
 }
 
@@ -122,6 +154,9 @@ ParseOutcome parseAgentOptions(int argc, char** argv, AgentOptions* options,
     kOptNodeId,
     kOptInterfaces,
     kOptLinkPoll,
+    kOptMaxClients,
+    kOptMaxUnsent,
+    kOptMaxUnsentTotal,
   };
   static const struct option kLong[] = {
       {"standalone", no_argument, nullptr, kOptStandalone},
@@ -135,6 +170,9 @@ ParseOutcome parseAgentOptions(int argc, char** argv, AgentOptions* options,
       {"node-id", required_argument, nullptr, kOptNodeId},
       {"interfaces", required_argument, nullptr, kOptInterfaces},
       {"link-poll-ms", required_argument, nullptr, kOptLinkPoll},
+      {"max-clients", required_argument, nullptr, kOptMaxClients},
+      {"max-unsent", required_argument, nullptr, kOptMaxUnsent},
+      {"max-unsent-total", required_argument, nullptr, kOptMaxUnsentTotal},
       {"help", no_argument, nullptr, 'h'},
       {nullptr, 0, nullptr, 0},
   };
@@ -233,6 +271,30 @@ ParseOutcome parseAgentOptions(int argc, char** argv, AgentOptions* options,
           return ParseOutcome::kUsageError;
         }
         o.linkPollMs = static_cast<uint32_t>(v);
+        break;
+      }
+      case kOptMaxClients: {
+        unsigned long v;
+        if (!parseNumber(optarg, 16, 65536, &v)) {
+          *error = std::string("--max-clients: \"") + optarg +
+                   "\" is not a number of connections (16..65536)";
+          return ParseOutcome::kUsageError;
+        }
+        o.maxClients = v;
+        break;
+      }
+      case kOptMaxUnsent:
+      case kOptMaxUnsentTotal: {
+        // At least one largest frame must fit.
+        size_t v;
+        const char* name = c == kOptMaxUnsent ? "--max-unsent" : "--max-unsent-total";
+        if (!parseSize(optarg, o.maxMessageBytes, size_t{1} << 40, &v)) {
+          *error = std::string(name) + ": \"" + optarg + "\" is not a size from " +
+                   std::to_string(o.maxMessageBytes >> 20) + "M to 1024G (a number of bytes, " +
+                   "or with K, M or G)";
+          return ParseOutcome::kUsageError;
+        }
+        (c == kOptMaxUnsent ? o.maxUnsentBytes : o.maxUnsentTotal) = v;
         break;
       }
       case ':':

@@ -41,6 +41,7 @@ struct AgentOptions {
   // Bounds on what clients can make this process hold.
   size_t maxClients = 1024;
   size_t maxUnsentBytes = 64u * 1024 * 1024;   // per connection
+  size_t maxUnsentTotal = 256u * 1024 * 1024;  // all connections together
   size_t maxMessageBytes = 16u * 1024 * 1024;  // one message on the socket
   size_t maxPartialBytes = 256u * 1024 * 1024; // unfinished messages of all clients
   size_t maxSubscriptionsPerClient = 4096;

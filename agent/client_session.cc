@@ -13,6 +13,10 @@ namespace {
 
 // Packets read from one connection before the loop serves others.
 constexpr int kPacketsPerTurn = 64;
+// Whole messages handled from one connection before the loop serves the
+// others (and the bus delivers): a client that pipelines requests is
+// served a few at a time, in turn with everyone else.
+constexpr int kMessagesPerTurn = 4;
 
 // One receive buffer for every connection: the loop reads one packet at a
 // time and the reassembler copies it out at once. One byte more than a
@@ -42,7 +46,10 @@ ClientSession::ClientSession(asio::io_context& io, int fd, uint64_t id, const Pe
       pingTimer_(io),
       answerTimer_(io) {}
 
-ClientSession::~ClientSession() = default;
+ClientSession::~ClientSession() {
+  out_ = wire::PacketQueue();
+  countUnsent();
+}
 
 void ClientSession::start() {
   VELT_CHECK_OWNER_THREAD(ownerThread_);
@@ -69,7 +76,8 @@ void ClientSession::waitReadable() {
 
 void ClientSession::readPackets() {
   std::vector<char>& buf = receiveBuffer();
-  for (int i = 0; i < kPacketsPerTurn; ++i) {
+  int messages = 0;
+  for (int i = 0; i < kPacketsPerTurn && messages < kMessagesPerTurn; ++i) {
     if (state_ != State::kAwaitingHello && state_ != State::kAccepted) return;
     struct iovec iov;
     iov.iov_base = buf.data();
@@ -121,6 +129,7 @@ void ClientSession::readPackets() {
       continue;
     }
     forgetPartial();
+    ++messages;
     if (!handleMessage(message)) return;
   }
   // More may be waiting: carry on once the rest of the loop had its turn.
@@ -282,7 +291,14 @@ bool ClientSession::queueFrame(std::string bytes, size_t from) {
           " may");
     return false;
   }
+  if (limits_.sendBudget && !limits_.sendBudget->fits(size)) {
+    close("the clients together would leave more than " +
+          std::to_string(limits_.sendBudget->limit()) + " bytes unread (--max-unsent-total); " +
+          std::to_string(out_.queuedBytes()) + " of them wait for this client");
+    return false;
+  }
   out_.push(std::move(bytes), from);
+  countUnsent();
   return true;
 }
 
@@ -307,10 +323,22 @@ bool ClientSession::takeLater() {
   return true;
 }
 
+void ClientSession::countUnsent() {
+  if (!limits_.sendBudget) return;
+  size_t now = out_.queuedBytes();
+  if (now > counted_) {
+    limits_.sendBudget->take(now - counted_);
+  } else if (now < counted_) {
+    limits_.sendBudget->give(counted_ - now);
+  }
+  counted_ = now;
+}
+
 void ClientSession::flush() {
   if (state_ == State::kClosed) return;
   if (!takeLater()) return;
   int rc = out_.flush(socket_.native_handle());
+  countUnsent();
   if (rc != 0) {
     close(rc == EPIPE || rc == ECONNRESET ? std::string("the client closed the connection")
                                           : "send failed: " + errnoText(rc));
@@ -361,6 +389,10 @@ void ClientSession::close(const std::string& why) {
   lingerTimer_.cancel();
   std::error_code ignored;
   socket_.close(ignored);
+  // What the client never read goes now, not when the last handler lets
+  // go of the session.
+  out_ = wire::PacketQueue();
+  countUnsent();
   // The owner hears of it from a handler of its own: close() may run deep
   // inside the owner's or the replica's work, where forgetting the session
   // (and telling the replica the client is gone) must not happen.

@@ -31,6 +31,7 @@
 #include "client_port.h"
 #include "frame_io.h"
 #include "owner_thread.h"
+#include "send_budget.h"
 #include "velt.pb.h"
 
 namespace velt {
@@ -56,6 +57,9 @@ class ClientSession : public ClientPort, public std::enable_shared_from_this<Cli
     // counter; null: no shared budget.
     std::shared_ptr<size_t> partialBytes;
     size_t maxPartialBytes = 256u * 1024 * 1024;
+    // Bytes queued for all connections together; null: no bound across
+    // connections.
+    std::shared_ptr<SendBudget> sendBudget;
   };
 
   // What the agent does with a connection's frames. Called on the loop
@@ -129,6 +133,8 @@ class ClientSession : public ClientPort, public std::enable_shared_from_this<Cli
   bool takeLater();
   void flush();
   void forgetPartial();
+  // Brings the send budget in line with the queue after it changed.
+  void countUnsent();
   void finishRefusal();
   void drainRefused();
   void schedulePing();
@@ -149,6 +155,7 @@ class ClientSession : public ClientPort, public std::enable_shared_from_this<Cli
   wire::Reassembler reassembler_;
   size_t partial_ = 0;            // bytes of the message being reassembled
   wire::PacketQueue out_;
+  size_t counted_ = 0;            // bytes of out_ counted in the send budget
   bool waitingWritable_ = false;
   // What waits behind a source that is still making its frames, in order:
   // sources, and the frames queued after them.

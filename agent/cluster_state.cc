@@ -158,11 +158,6 @@ void eraseIf(T* c, Pred pred) {
   c->erase(std::remove_if(c->begin(), c->end(), pred), c->end());
 }
 
-template <typename T>
-bool contains(const std::vector<T>& v, const T& x) {
-  return std::find(v.begin(), v.end(), x) != v.end();
-}
-
 }  // namespace
 
 // Who leaves in departParticipants: a predicate on (provider key, client),
@@ -336,12 +331,12 @@ void ClusterState::join(uint32_t origin, uint64_t client, const proto::Request& 
   } else {
     uint64_t holder = 0;
     bool taken = false;
-    if (const Provider* p = findProvider(*g, k)) {
+    if (const uint64_t* c = providerClient(*g, k)) {
       taken = true;
-      holder = p->client;
-    } else if (const Pending* q = findPendingJoin(*g, k)) {
+      holder = *c;
+    } else if (const uint64_t* q = joiningClient(*g, k)) {
       taken = true;
-      holder = q->client;
+      holder = *q;
     }
     if (taken) {
       if (holder == client) {
@@ -355,7 +350,7 @@ void ClusterState::join(uint32_t origin, uint64_t client, const proto::Request& 
       }
       return;
     }
-    if (g->providers.size() + pendingJoins(*g) >= limits_.maxProvidersPerGroup) {
+    if (g->providers.size() + g->joiningClients.size() >= limits_.maxProvidersPerGroup) {
       reply(origin, client, r.id(), TK_GS_LIMIT_EXCEEDED,
             "group " + j.group() + " has " + std::to_string(limits_.maxProvidersPerGroup) +
                 " providers (joining ones included), the most it may have");
@@ -377,6 +372,7 @@ void ClusterState::join(uint32_t origin, uint64_t client, const proto::Request& 
   }
   reply(origin, client, r.id(), TK_GS_OK, "");
   g->queued.push_back(Pending{origin, client, r});
+  g->joiningClients[k] = client;
   settle(j.group());
 }
 
@@ -387,8 +383,8 @@ ClusterState::Group* ClusterState::requesterGroup(uint32_t origin, uint64_t clie
     reply(origin, client, r.id(), TK_GS_UNKNOWN_GROUP, "there is no group " + name);
     return nullptr;
   }
-  const Provider* p = findProvider(*g, Key{instance, origin});
-  if (p == nullptr || p->client != client) {
+  const uint64_t* holder = providerClient(*g, Key{instance, origin});
+  if (holder == nullptr || *holder != client) {
     reply(origin, client, r.id(), TK_GS_NOT_JOINED,
           "instance " + std::to_string(instance) +
               " of this connection is not a provider of group " + name);
@@ -448,18 +444,19 @@ void ClusterState::vote(uint32_t origin, uint64_t client, const proto::Request& 
               " of group " + v.group() + " is not waiting for votes");
     return;
   }
-  if (!contains(P->voters, k)) {
+  if (P->voterSet.count(k) == 0) {
     reply(origin, client, r.id(), TK_GS_INVALID_STATE,
           "instance " + std::to_string(k.instance) + " does not vote in this phase");
     return;
   }
-  if (contains(P->voted, k)) {
+  if (P->votedSet.count(k) != 0) {
     reply(origin, client, r.id(), TK_GS_INVALID_STATE,
           "instance " + std::to_string(k.instance) + " has voted in this phase already");
     return;
   }
   reply(origin, client, r.id(), TK_GS_OK, "");
   P->voted.push_back(k);
+  P->votedSet.insert(k);
   if (v.vote() == TK_GS_VOTE_REJECT) {
     P->rejected = true;
     P->summary |= TK_GS_VOTE_REJECTED;
@@ -508,7 +505,7 @@ void ClusterState::applyTimeout(const proto::ProtocolTimeout& t) {
   Protocol& P = *g->protocol;
   if (P.id != t.protocol() || P.phase != t.phase() || P.numPhases <= 1) return;
   for (const Key& k : P.voters) {
-    if (contains(P.voted, k)) continue;
+    if (!P.votedSet.insert(k).second) continue;
     P.voted.push_back(k);
     if (P.defaultVote == TK_GS_VOTE_REJECT) P.rejected = true;
   }
@@ -574,8 +571,8 @@ std::vector<proto::AdapterInfo> ClusterState::liveAdapters() const {
 
 void ClusterState::pump(Group& g) {
   auto isMember = [&g](const Pending& p) {
-    const Provider* m = findProvider(g, Key{instanceOf(p.request), p.node});
-    return m != nullptr && m->client == p.client;
+    const uint64_t* c = providerClient(g, Key{instanceOf(p.request), p.node});
+    return c != nullptr && *c == p.client;
   };
   while (!g.protocol && !g.queued.empty()) {
     Pending head = std::move(g.queued.front());
@@ -585,14 +582,16 @@ void ClusterState::pump(Group& g) {
         std::vector<Pending> batch;
         batch.push_back(std::move(head));
         if ((g.attributes.batch_control() & TK_GS_BATCH_JOINS) != 0) {
-          for (auto it = g.queued.begin(); it != g.queued.end();) {
-            if (it->request.op_case() == proto::Request::kJoin) {
-              batch.push_back(std::move(*it));
-              it = g.queued.erase(it);
+          // One pass: the joins go into the batch, the rest stays in order.
+          std::deque<Pending> rest;
+          for (Pending& q : g.queued) {
+            if (q.request.op_case() == proto::Request::kJoin) {
+              batch.push_back(std::move(q));
             } else {
-              ++it;
+              rest.push_back(std::move(q));
             }
           }
+          g.queued.swap(rest);
         }
         startMembership(g, TK_GS_JOIN, std::move(batch));
         break;
@@ -606,23 +605,21 @@ void ClusterState::pump(Group& g) {
         std::vector<Pending> batch;
         batch.push_back(std::move(head));
         if ((g.attributes.batch_control() & TK_GS_BATCH_LEAVES) != 0) {
-          for (auto it = g.queued.begin(); it != g.queued.end();) {
-            bool take = false;
-            if (it->request.op_case() == proto::Request::kLeave &&
-                std::max<uint32_t>(it->request.leave().num_phases(), TK_GS_1_PHASE) == phases &&
-                isMember(*it)) {
-              Key k{it->request.leave().instance(), it->node};
-              take = std::none_of(batch.begin(), batch.end(), [&k](const Pending& b) {
-                return Key{b.request.leave().instance(), b.node} == k;
-              });
-            }
+          std::set<Key> inBatch{Key{batch.front().request.leave().instance(), batch.front().node}};
+          std::deque<Pending> rest;
+          for (Pending& q : g.queued) {
+            bool take = q.request.op_case() == proto::Request::kLeave &&
+                        std::max<uint32_t>(q.request.leave().num_phases(), TK_GS_1_PHASE) ==
+                            phases &&
+                        isMember(q) &&
+                        inBatch.insert(Key{q.request.leave().instance(), q.node}).second;
             if (take) {
-              batch.push_back(std::move(*it));
-              it = g.queued.erase(it);
+              batch.push_back(std::move(q));
             } else {
-              ++it;
+              rest.push_back(std::move(q));
             }
           }
+          g.queued.swap(rest);
         }
         startMembership(g, TK_GS_LEAVE, std::move(batch));
         break;
@@ -705,12 +702,13 @@ void ClusterState::startValueOrMessage(Group& g, const Pending& p) {
 }
 
 void ClusterState::startExpel(Group& g, const Pending& p) {
-  std::vector<Key> targets;
+  std::set<Key> named;
+  for (const proto::ProviderId& m : p.request.expel().members()) {
+    named.insert(Key{m.instance(), m.node()});
+  }
+  std::vector<Key> targets;   // in join order
   for (const Provider& q : g.providers) {
-    for (const proto::ProviderId& m : p.request.expel().members()) {
-      if (q.key == Key{m.instance(), m.node()} && !contains(targets, q.key))
-        targets.push_back(q.key);
-    }
+    if (named.count(q.key) != 0) targets.push_back(q.key);
   }
   if (targets.empty()) {
     delayedError(g, p, TK_GS_BAD_PARAMETER);
@@ -735,6 +733,8 @@ void ClusterState::beginVoting(Group& g) {
   Protocol& P = *g.protocol;
   P.voters = keysOf(g.providers);
   P.voted.clear();
+  P.voterSet = std::set<Key>(P.voters.begin(), P.voters.end());
+  P.votedSet.clear();
   P.rejected = false;
   P.continued = false;
   // One phase, or nobody to ask (a group's first joiners): decided at once.
@@ -748,9 +748,7 @@ void ClusterState::beginVoting(Group& g) {
 void ClusterState::evaluate(Group& g) {
   if (!g.protocol) return;
   const Protocol& P = *g.protocol;
-  for (const Key& k : P.voters) {
-    if (!contains(P.voted, k)) return;
-  }
+  if (P.votedSet.size() < P.voterSet.size()) return;
   finishPhase(g);
 }
 
@@ -775,11 +773,12 @@ void ClusterState::concludeApproved(Group& g) {
   switch (P->type) {
     case TK_GS_JOIN: {
       for (const Pending& b : P->batched) {
+        forgetJoin(g, b);
         Provider p;
         p.key = Key{b.request.join().instance(), b.node};
         p.client = b.client;
         p.clientName = b.request.join().client_name();
-        g.providers.push_back(std::move(p));
+        addProvider(g, std::move(p));
       }
       if (P->hasProposed) {
         g.hasValue = true;
@@ -792,7 +791,7 @@ void ClusterState::concludeApproved(Group& g) {
     case TK_GS_LEAVE:
     case TK_GS_EXPEL: {
       std::vector<Provider> told = g.providers;  // the leavers hear it too
-      eraseIf(&g.providers, [&P](const Provider& p) { return contains(P->changing, p.key); });
+      removeProviders(g, std::set<Key>(P->changing.begin(), P->changing.end()));
       if (P->hasProposed) {
         g.hasValue = true;
         g.value = P->proposed;
@@ -818,6 +817,7 @@ void ClusterState::concludeRejected(Group& g, uint32_t extraSummary) {
   if (P->type == TK_GS_JOIN) {
     // The joiners learn that they were not let in.
     for (const Pending& b : P->batched) {
+      forgetJoin(g, b);
       Provider p;
       p.key = Key{b.request.join().instance(), b.node};
       p.client = b.client;
@@ -829,26 +829,35 @@ void ClusterState::concludeRejected(Group& g, uint32_t extraSummary) {
 
 void ClusterState::departParticipants(Group& g, const Departure& d) {
   if (d.dropRequests) {
-    eraseIf(&g.queued, [&d](const Pending& p) {
-      return d.who(Key{instanceOf(p.request), p.node}, p.client);
+    eraseIf(&g.queued, [&d, &g](const Pending& p) {
+      if (!d.who(Key{instanceOf(p.request), p.node}, p.client)) return false;
+      forgetJoin(g, p);
+      return true;
     });
   }
-  std::vector<Key> removed;
+  std::vector<Key> removed;   // in join order
   for (const Provider& p : g.providers) {
     if (d.who(p.key, p.client)) removed.push_back(p.key);
   }
-  eraseIf(&g.providers, [&removed](const Provider& p) { return contains(removed, p.key); });
+  std::set<Key> removedSet(removed.begin(), removed.end());
+  removeProviders(g, removedSet);
 
   bool aborted = false;
   if (g.protocol) {
     Protocol& P = *g.protocol;
-    auto gone = [&removed](const Key& k) { return contains(removed, k); };
+    auto gone = [&removedSet](const Key& k) { return removedSet.count(k) != 0; };
     eraseIf(&P.voters, gone);
     eraseIf(&P.voted, gone);
+    for (const Key& k : removed) {
+      P.voterSet.erase(k);
+      P.votedSet.erase(k);
+    }
     if (P.type == TK_GS_JOIN) {
       if (d.dropRequests) {
-        eraseIf(&P.batched, [&d](const Pending& b) {
-          return d.who(Key{b.request.join().instance(), b.node}, b.client);
+        eraseIf(&P.batched, [&d, &g](const Pending& b) {
+          if (!d.who(Key{b.request.join().instance(), b.node}, b.client)) return false;
+          forgetJoin(g, b);
+          return true;
         });
         P.changing.clear();
         for (const Pending& b : P.batched) {
@@ -857,8 +866,8 @@ void ClusterState::departParticipants(Group& g, const Departure& d) {
       }
     } else if (P.type == TK_GS_LEAVE || P.type == TK_GS_EXPEL) {
       eraseIf(&P.changing, gone);
-      eraseIf(&P.batched, [&removed](const Pending& b) {
-        return contains(removed, Key{instanceOf(b.request), b.node});
+      eraseIf(&P.batched, [&gone](const Pending& b) {
+        return gone(Key{instanceOf(b.request), b.node});
       });
     }
     bool membership = P.type == TK_GS_JOIN || P.type == TK_GS_LEAVE || P.type == TK_GS_EXPEL;
@@ -966,10 +975,10 @@ std::unique_ptr<ClusterState::Group> ClusterState::fromImage(const proto::GroupI
     Provider p;
     p.key = Key{pi.id().instance(), pi.id().node()};
     // A provider listed twice counts once.
-    if (findProvider(*g, p.key) != nullptr) continue;
+    if (providerClient(*g, p.key) != nullptr) continue;
     p.client = pi.client();
     p.clientName = pi.client_name();
-    g->providers.push_back(std::move(p));
+    addProvider(*g, std::move(p));
   }
   g->hasValue = in.has_state_value();
   g->value = in.state_value();
@@ -990,6 +999,10 @@ std::unique_ptr<ClusterState::Group> ClusterState::fromImage(const proto::GroupI
     P->changing = keys(pi.changing());
     P->voters = keys(pi.voters());
     P->voted = keys(pi.voted());
+    P->voterSet = std::set<Key>(P->voters.begin(), P->voters.end());
+    for (const Key& k : P->voted) {
+      if (P->voterSet.count(k) != 0) P->votedSet.insert(k);
+    }
     P->rejected = pi.rejected();
     P->continued = pi.continued();
     P->summary = pi.summary_code();
@@ -1001,11 +1014,17 @@ std::unique_ptr<ClusterState::Group> ClusterState::fromImage(const proto::GroupI
     P->initiatorRequest = pi.initiator_request();
     for (const proto::QueuedRequestImage& q : pi.batched()) {
       P->batched.push_back(Pending{q.node(), q.client(), q.request()});
+      if (P->type == TK_GS_JOIN && q.request().op_case() == proto::Request::kJoin) {
+        g->joiningClients[Key{q.request().join().instance(), q.node()}] = q.client();
+      }
     }
     g->protocol = std::move(P);
   }
   for (const proto::QueuedRequestImage& q : in.queued()) {
     g->queued.push_back(Pending{q.node(), q.client(), q.request()});
+    if (q.request().op_case() == proto::Request::kJoin) {
+      g->joiningClients[Key{q.request().join().instance(), q.node()}] = q.client();
+    }
   }
   return g;
 }
@@ -1185,9 +1204,12 @@ void ClusterState::adopt(std::vector<proto::Snapshot> snapshots) {
     }
     std::vector<Key> nowKeys = keysOf(now->providers);
     std::vector<Key> left, stayed, joined;
-    for (const Key& k : b.providers) (contains(nowKeys, k) ? stayed : left).push_back(k);
+    for (const Key& k : b.providers) {
+      (now->providerClients.count(k) != 0 ? stayed : left).push_back(k);
+    }
+    std::set<Key> knew(b.providers.begin(), b.providers.end());
     for (const Key& k : nowKeys) {
-      if (!contains(b.providers, k)) joined.push_back(k);
+      if (knew.count(k) == 0) joined.push_back(k);
     }
     if (!left.empty()) emitChange(GroupChange::LEFT, e.first, now->attributes, left, stayed);
     if (!joined.empty()) emitChange(GroupChange::JOINED, e.first, now->attributes, joined, nowKeys);
@@ -1252,7 +1274,9 @@ void ClusterState::notifyProtocol(const Group& g, const Protocol& P, proto::Noti
   bool anyHere = std::any_of(recipients.begin(), recipients.end(),
                              [this](const Provider& p) { return p.key.node == self_; });
   if (!anyHere) return;
-  proto::Notification n;
+  proto::AgentFrame f;
+  f.set_version(proto::WIRE_VERSION_1);
+  proto::Notification& n = *f.mutable_notification();
   n.set_kind(kind);
   n.set_group(g.name);
   n.set_protocol(P.id);
@@ -1289,7 +1313,24 @@ void ClusterState::notifyProtocol(const Group& g, const Protocol& P, proto::Noti
   n.set_message(P.message);
   n.set_time_limit(P.timeLimit);
   n.set_default_vote(P.defaultVote);
-  for (const Provider& p : recipients) notifyProvider(p, n);
+  // One notification per connection, naming all of its providers among the
+  // recipients: a client with many providers in a large group would
+  // otherwise get the whole membership once per provider.
+  std::vector<std::pair<uint64_t, std::vector<uint32_t>>> byClient;
+  std::map<uint64_t, size_t> slot;
+  for (const Provider& p : recipients) {
+    if (p.key.node != self_) continue;
+    auto at = slot.emplace(p.client, byClient.size());
+    if (at.second) byClient.emplace_back(p.client, std::vector<uint32_t>());
+    byClient[at.first->second].second.push_back(p.key.instance);
+  }
+  n.set_for_subscriber(false);
+  for (const auto& c : byClient) {
+    n.set_instance(c.second.front());
+    n.clear_more_instances();
+    for (size_t i = 1; i < c.second.size(); ++i) n.add_more_instances(c.second[i]);
+    sink_->toClient(c.first, f);
+  }
 }
 
 void ClusterState::emitChange(GroupChange::Kind kind, const Group& g,
@@ -1332,35 +1373,32 @@ const ClusterState::Group* ClusterState::find(const std::string& name) const {
   return it == groups_.end() ? nullptr : it->second.get();
 }
 
-const ClusterState::Provider* ClusterState::findProvider(const Group& g, const Key& k) {
-  for (const Provider& p : g.providers) {
-    if (p.key == k) return &p;
-  }
-  return nullptr;
+const uint64_t* ClusterState::providerClient(const Group& g, const Key& k) {
+  auto it = g.providerClients.find(k);
+  return it == g.providerClients.end() ? nullptr : &it->second;
 }
 
-const ClusterState::Pending* ClusterState::findPendingJoin(const Group& g, const Key& k) const {
-  for (const Pending& q : g.queued) {
-    if (q.request.op_case() == proto::Request::kJoin &&
-        Key{q.request.join().instance(), q.node} == k) {
-      return &q;
-    }
-  }
-  if (g.protocol && g.protocol->type == TK_GS_JOIN) {
-    for (const Pending& b : g.protocol->batched) {
-      if (Key{b.request.join().instance(), b.node} == k) return &b;
-    }
-  }
-  return nullptr;
+void ClusterState::addProvider(Group& g, Provider p) {
+  g.providerClients[p.key] = p.client;
+  g.providers.push_back(std::move(p));
 }
 
-size_t ClusterState::pendingJoins(const Group& g) const {
-  size_t n = 0;
-  for (const Pending& q : g.queued) {
-    if (q.request.op_case() == proto::Request::kJoin) ++n;
-  }
-  if (g.protocol && g.protocol->type == TK_GS_JOIN) n += g.protocol->batched.size();
-  return n;
+void ClusterState::removeProviders(Group& g, const std::set<Key>& keys) {
+  if (keys.empty()) return;
+  eraseIf(&g.providers, [&keys](const Provider& p) { return keys.count(p.key) != 0; });
+  for (const Key& k : keys) g.providerClients.erase(k);
+}
+
+void ClusterState::forgetJoin(Group& g, const Pending& p) {
+  if (p.request.op_case() != proto::Request::kJoin) return;
+  auto it = g.joiningClients.find(Key{p.request.join().instance(), p.node});
+  // Only the join that holds the entry drops it.
+  if (it != g.joiningClients.end() && it->second == p.client) g.joiningClients.erase(it);
+}
+
+const uint64_t* ClusterState::joiningClient(const Group& g, const Key& k) {
+  auto it = g.joiningClients.find(k);
+  return it == g.joiningClients.end() ? nullptr : &it->second;
 }
 
 std::vector<ClusterState::Key> ClusterState::keysOf(const std::vector<Provider>& providers) {

@@ -132,6 +132,10 @@ class ClusterState : private KorSink {
     std::vector<Key> changing;
     std::vector<Key> voters;
     std::vector<Key> voted;
+    // The same keys as sets, so that a vote is checked and counted without
+    // scanning the group: votedSet is always within voterSet.
+    std::set<Key> voterSet;
+    std::set<Key> votedSet;
     bool rejected = false;
     bool continued = false;
     uint32_t summary = 0;
@@ -151,6 +155,11 @@ class ClusterState : private KorSink {
     std::string value;
     std::unique_ptr<Protocol> protocol;
     std::deque<Pending> queued;
+    // Indexes kept with the lists above, so that no request scans the
+    // group: each provider's client, and the client of each join not yet
+    // decided (queued, or carried by the join protocol).
+    std::map<Key, uint64_t> providerClients;
+    std::map<Key, uint64_t> joiningClients;
   };
   struct Agent {
     uint32_t version = 0;
@@ -205,14 +214,19 @@ class ClusterState : private KorSink {
   // Helpers.
   Group* find(const std::string& name);
   const Group* find(const std::string& name) const;
-  static const Provider* findProvider(const Group& g, const Key& k);
+  // The client of provider k, or null when k is no provider of g.
+  static const uint64_t* providerClient(const Group& g, const Key& k);
+  static void addProvider(Group& g, Provider p);
+  static void removeProviders(Group& g, const std::set<Key>& keys);
+  // A join of g's queue or protocol is decided or dropped.
+  static void forgetJoin(Group& g, const Pending& p);
   // The group of a provider request whose requester (this connection's
   // instance) is one of its providers; otherwise answers the refusal and
   // returns null.
   Group* requesterGroup(uint32_t origin, uint64_t client, const proto::Request& r,
                         const std::string& name, uint32_t instance);
-  const Pending* findPendingJoin(const Group& g, const Key& k) const;
-  size_t pendingJoins(const Group& g) const;
+  // The client of the undecided join of k, or null when there is none.
+  static const uint64_t* joiningClient(const Group& g, const Key& k);
   static std::vector<Key> keysOf(const std::vector<Provider>& providers);
   std::vector<LocalPending> localPending(const Group& g) const;
   static void toImage(const Group& g, proto::GroupImage* out);

@@ -347,6 +347,22 @@ void Replica::Impl::report(bool forceDeadlines) {
 
 // ------------------------------------------------------------ Replica
 
+void splitGroupedNotification(const proto::AgentFrame& frame,
+                              const std::function<bool(const proto::AgentFrame&)>& send) {
+  if (!frame.has_notification() || frame.notification().more_instances_size() == 0) {
+    send(frame);
+    return;
+  }
+  proto::AgentFrame one = frame;
+  proto::Notification* n = one.mutable_notification();
+  n->clear_more_instances();
+  if (!send(one)) return;
+  for (uint32_t instance : frame.notification().more_instances()) {
+    n->set_instance(instance);
+    if (!send(one)) return;
+  }
+}
+
 Replica::Replica(Bus* bus, ReplicaSink* sink, uint32_t agentVersion, ReplicaLimits limits)
     : impl_(std::make_unique<Impl>(bus, sink, agentVersion, limits)) {
   bus->setHandler(this);

@@ -10,6 +10,7 @@
 
 #include <stdint.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -61,7 +62,9 @@ class ReplicaSink {
  public:
   virtual ~ReplicaSink() = default;
   // A frame for a client connection of this node (replies, provider
-  // notifications).
+  // notifications). A provider notification names every provider of that
+  // connection it is for (instance, more_instances); see
+  // splitGroupedNotification for clients that take one provider per frame.
   virtual void toClient(uint64_t client, const proto::AgentFrame& frame) = 0;
   virtual void groupChanged(const GroupChange& change) = 0;
   // The protocol deadlines this node must watch changed (only the lowest
@@ -75,6 +78,12 @@ class ReplicaSink {
   // replicated stream.
   virtual void korChanged(const KorChange& change) { (void)change; }
 };
+
+// Hands a frame to send as the client expects it: a notification for
+// several providers (more_instances) as one frame per provider, anything
+// else unchanged. Stops when send returns false (the client is gone).
+void splitGroupedNotification(const proto::AgentFrame& frame,
+                              const std::function<bool(const proto::AgentFrame&)>& send);
 
 // Limits on what clients may make the cluster hold.
 struct ReplicaLimits {

@@ -214,6 +214,12 @@ bool validFrame(const proto::AgentFrame& f, std::string* why) {
     *why = "notification for instance " + std::to_string(n.instance());
     return false;
   }
+  for (uint32_t instance : n.more_instances()) {
+    if (instance > 0xffff) {
+      *why = "notification for instance " + std::to_string(instance);
+      return false;
+    }
+  }
   for (const proto::ProviderId& p : n.current()) {
     if (!validProvider(p)) {
       *why = "provider id out of range in a notification";
@@ -648,6 +654,16 @@ tk_gs_rc_t GSController::Impl::processItem(QueuedItem& item) {
         node = static_cast<uint16_t>(this->node < 0 ? 0 : this->node);
       }
       internal::ClientAccess::deliver(n, item.seq, node);
+      // The agent sends one notification for all of our providers it is
+      // for: each of them gets it as its own.
+      if (n.more_instances_size() > 0) {
+        proto::Notification each = n;
+        each.clear_more_instances();
+        for (uint32_t instance : n.more_instances()) {
+          each.set_instance(instance);
+          internal::ClientAccess::deliver(each, item.seq, node);
+        }
+      }
       return TK_GS_OK;
     }
     default:
@@ -731,6 +747,7 @@ tk_gs_rc_t GSController::initialize() {
     uint32_t wireOptions = 0;
     if ((impl_->socketOptions & (1u << TK_GS_ENABLE_ADAPTER_INFO)) != 0) wireOptions |= TK_GS_ENABLE_ADAPTER_INFO;
     h->set_socket_options(wireOptions);
+    h->set_grouped_notifications(true);
     handshakeBound = impl_->handshakeBound;
   }
   std::string helloBytes;

@@ -83,7 +83,11 @@ void TestNode::clearRecords() {
 }
 
 void TestNode::toClient(uint64_t client, const proto::AgentFrame& frame) {
-  frames_.push_back(Frame{client, frame});
+  // Recorded as a client that takes one provider per frame sees them.
+  splitGroupedNotification(frame, [this, client](const proto::AgentFrame& f) {
+    frames_.push_back(Frame{client, f});
+    return true;
+  });
 }
 
 void TestNode::groupChanged(const GroupChange& change) {

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -20,7 +21,10 @@ namespace {
 class Recorder : public ReplicaSink {
  public:
   void toClient(uint64_t client, const proto::AgentFrame& f) override {
-    frames.push_back({client, f});
+    splitGroupedNotification(f, [this, client](const proto::AgentFrame& one) {
+      frames.push_back({client, one});
+      return true;
+    });
   }
   void groupChanged(const GroupChange& c) override { changes.push_back(c); }
   void deadlinesChanged(const std::vector<Deadline>&) override {}
@@ -158,6 +162,123 @@ TEST_F(SnapshotMerge, ASideSpeaksOnlyForProvidersOnItsOwnNodes) {
   EXPECT_EQ("1/2", ids(rec.changes[0].changing));
   // The agents are those of the covered nodes, each from its own side.
   EXPECT_EQ(kOldVersion, a->activeVersion());
+}
+
+// ------------------------------------------------------------ cost
+
+// Counts what a state tells its agent without keeping it: frames, and the
+// provider ids their notifications carry (what the agent serialises and
+// sends). Remembers the last protocol that asked for votes.
+class Counter : public ReplicaSink {
+ public:
+  void toClient(uint64_t, const proto::AgentFrame& f) override {
+    ++frames;
+    if (!f.has_notification()) return;
+    const proto::Notification& n = f.notification();
+    ids += static_cast<uint64_t>(n.current_size() + n.changing_size() + n.more_instances_size());
+    if (n.kind() == proto::Notification::N_PHASE) votingProtocol = n.protocol();
+    if (n.kind() == proto::Notification::APPROVED) ++approvals;
+  }
+  void groupChanged(const GroupChange&) override {}
+  void deadlinesChanged(const std::vector<Deadline>&) override {}
+  void activeVersionChanged(uint32_t) override {}
+  uint64_t frames = 0;
+  uint64_t ids = 0;
+  uint64_t approvals = 0;
+  uint64_t votingProtocol = 0;
+};
+
+double secondsSince(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// One client that holds every provider of a large group: each protocol
+// costs the group's size once, not once per provider.
+class GroupProtocolCost : public ::testing::Test {
+ protected:
+  static constexpr uint32_t kProviders = 2000;
+  static constexpr uint64_t kClient = 7;
+  // Far above what the state needs, far below what a cubic or quadratic
+  // step would take; only a loop that was cut short for taking too long
+  // reaches it.
+  static constexpr double kBudgetSeconds = 20;
+
+  // Joins kProviders instances of kClient to "big", one request each, as
+  // a client that pipelines its joins; stops early when the cost runs away.
+  void joinAll(ClusterState* s, Counter* sink, uint64_t idBound) {
+    auto start = std::chrono::steady_clock::now();
+    for (uint32_t i = 1; i <= kProviders; ++i) {
+      s->applyRequest(1, from(kClient, i, joinReq("big", i, attrs(1, TK_GS_VOTE_APPROVE, 0, 0))));
+      if (sink->ids > idBound || secondsSince(start) > kBudgetSeconds) {
+        ADD_FAILURE() << "stopped after " << i << " joins: " << sink->ids << " ids in "
+                      << secondsSince(start) << " s";
+        return;
+      }
+    }
+  }
+};
+
+TEST_F(GroupProtocolCost, PipelinedJoinsNameTheGroupOncePerJoin) {
+  Counter sink;
+  ClusterState s(1, kDefaultVersion, ReplicaLimits(), &sink);
+  // Join i's approval names the i members and the joiner once, with the
+  // client's i instances: about 1.5 n^2 ids in all. One frame per provider
+  // would be about n^3 / 3.
+  const uint64_t bound = 2ull * kProviders * kProviders;
+  joinAll(&s, &sink, bound);
+  EXPECT_EQ(kProviders, s.members("big").size());
+  EXPECT_LE(sink.ids, bound);
+  // A reply and one approval per join.
+  EXPECT_EQ(2ull * kProviders, sink.frames);
+  EXPECT_EQ(uint64_t{kProviders}, sink.approvals);
+}
+
+TEST_F(GroupProtocolCost, EveryProviderVotingInALargeGroupIsCheap) {
+  // The group comes from a snapshot, which costs its size once: large
+  // enough that a vote costing the group's size squared runs for minutes.
+  constexpr uint32_t kVoters = 10000;
+  Counter sink;
+  ClusterState s(1, kDefaultVersion, ReplicaLimits(), &sink);
+  proto::Snapshot snap;
+  snap.set_view_id(1);
+  snap.add_covers(1);
+  proto::AgentImage* agent = snap.mutable_state()->add_agents();
+  agent->set_node(1);
+  agent->set_agent_version(kDefaultVersion);
+  proto::GroupImage* big = snap.mutable_state()->add_groups();
+  big->set_name("big");
+  *big->mutable_attributes() = attrs(1, TK_GS_VOTE_APPROVE, 0, 0);
+  big->mutable_attributes()->set_group_name("big");
+  for (uint32_t i = 1; i <= kVoters; ++i) {
+    proto::ProviderImage* p = big->add_providers();
+    p->mutable_id()->set_instance(i);
+    p->mutable_id()->set_node(1);
+    p->set_client(kClient);
+  }
+  s.adopt({snap});
+  ASSERT_EQ(kVoters, s.members("big").size());
+  s.applyRequest(1, from(kClient, 1, valueReq("big", 1, "new", TK_GS_N_PHASE, 30)));
+  ASSERT_NE(0u, sink.votingProtocol);
+  uint64_t protocol = sink.votingProtocol;
+  uint64_t approvalsBefore = sink.approvals;
+  auto start = std::chrono::steady_clock::now();
+  for (uint32_t i = 1; i <= kVoters; ++i) {
+    s.applyRequest(1, from(kClient, 1 + i, voteReq("big", i, protocol, 1, TK_GS_VOTE_APPROVE)));
+    ASSERT_LT(secondsSince(start), kBudgetSeconds) << "stopped after " << i << " votes";
+  }
+  // The last vote concluded the change: one approval for the client.
+  EXPECT_EQ(approvalsBefore + 1, sink.approvals);
+  EXPECT_TRUE(s.deadlines().empty());
+}
+
+TEST_F(GroupProtocolCost, ClientWithEveryProviderLeavingIsOneDeparture) {
+  Counter sink;
+  ClusterState s(1, kDefaultVersion, ReplicaLimits(), &sink);
+  joinAll(&s, &sink, 2ull * kProviders * kProviders);
+  proto::ClientGone gone;
+  gone.set_client(kClient);
+  s.applyClientGone(1, gone);
+  EXPECT_FALSE(s.groupExists("big"));
 }
 
 }  // namespace

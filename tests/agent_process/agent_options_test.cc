@@ -102,6 +102,34 @@ TEST(AgentVersionText, RoundTrips) {
   EXPECT_FALSE(parseVersion("2..4", &v));
 }
 
+TEST(AgentClientBounds, SizesAndTheConnectionLimitAreTaken) {
+  AgentOptions o;
+  std::string error;
+  ASSERT_EQ(parse({}, &o, &error), ParseOutcome::kRun);
+  EXPECT_EQ(o.maxUnsentTotal, size_t{256} << 20);
+  EXPECT_EQ(o.maxUnsentBytes, size_t{64} << 20);
+  EXPECT_EQ(o.maxClients, 1024u);
+  ASSERT_EQ(parse({"--max-unsent-total", "1G", "--max-unsent", "16777216", "--max-clients", "16"},
+                  &o, &error),
+            ParseOutcome::kRun)
+      << error;
+  EXPECT_EQ(o.maxUnsentTotal, size_t{1} << 30);
+  EXPECT_EQ(o.maxUnsentBytes, size_t{16} << 20);
+  EXPECT_EQ(o.maxClients, 16u);
+}
+
+TEST(AgentClientBounds, BadValuesAreUsageErrors) {
+  AgentOptions o;
+  std::string error;
+  // Less than one largest frame, no number, a unit we do not know, too many.
+  for (const char* bad : {"1M", "M", "64X", "", "99999999G"}) {
+    EXPECT_EQ(parse({"--max-unsent-total", bad}, &o, &error), ParseOutcome::kUsageError) << bad;
+    EXPECT_NE(error.find("--max-unsent-total"), std::string::npos) << error;
+  }
+  EXPECT_EQ(parse({"--max-clients", "15"}, &o, &error), ParseOutcome::kUsageError);
+  EXPECT_EQ(parse({"--max-clients", "many"}, &o, &error), ParseOutcome::kUsageError);
+}
+
 TEST(AgentTopologyOptions, InterfacesAndLinkPollAreTaken) {
   AgentOptions o;
   std::string error;

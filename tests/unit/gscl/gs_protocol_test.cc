@@ -408,6 +408,7 @@ TEST_F(GSHandshake, SaysWhoWeAreAndTakesTheAgentsAnswer) {
   EXPECT_EQ(3610u, h.responsiveness().interval());
   EXPECT_EQ(10u, h.responsiveness().response_time_limit());
   EXPECT_EQ(static_cast<uint32_t>(TK_GS_ENABLE_ADAPTER_INFO), h.socket_options());
+  EXPECT_TRUE(h.grouped_notifications());
   EXPECT_TRUE(controller_.isConnected());
   EXPECT_EQ(static_cast<int>(kNode), controller_.getNodeNumber());
   EXPECT_EQ(gscl_test::kAgentVersion, controller_.agentVersion());
@@ -619,6 +620,36 @@ TEST_F(GSProviderNotifications, ApprovalOfOurJoinMakesUsJoined) {
   ASSERT_EQ(1u, members.count());
   EXPECT_EQ(idOf(4, kNode), members[0].gs_provider_id);
   EXPECT_EQ(idOf(4, kNode), p.getProviderId().gs_provider_id);
+}
+
+TEST_F(GSProviderNotifications, OneNotificationForSeveralOfOurProvidersReachesEachOfThem) {
+  ASSERT_TRUE(connect());
+  TestProvider first("shared", 4);
+  TestProvider second("shared", 5);
+  TestProvider other("shared", 6);   // not named: hears nothing
+  for (TestProvider* p : {&first, &second, &other}) {
+    proto::Request r;
+    ASSERT_EQ(TK_GS_OK, answered([&] { return p->joinGroup(); }, TK_GS_OK, &r));
+  }
+  proto::Notification n = notification(proto::Notification::APPROVED, "shared", 4);
+  n.add_more_instances(5);
+  n.set_protocol_type(TK_GS_JOIN);
+  n.set_proposal_changes(TK_GS_PROPOSED_MEMBERSHIP);
+  *n.add_changing() = providerId(4, kNode);
+  *n.add_changing() = providerId(5, kNode);
+  *n.add_current() = providerId(4, kNode);
+  *n.add_current() = providerId(5, kNode);
+  ASSERT_TRUE(agent_->notify(n));
+  ASSERT_EQ(TK_GS_OK, controller_.dispatch(TK_GS_BLOCKING));
+  for (TestProvider* p : {&first, &second}) {
+    std::vector<Seen> seen = p->seen();
+    ASSERT_EQ(1u, seen.size()) << p->getInstanceNumber();
+    EXPECT_EQ("approved", seen[0].what);
+    EXPECT_EQ(GS_IAM_JOINED, p->getClientState());
+    EXPECT_EQ((std::vector<uint32_t>{idOf(4, kNode), idOf(5, kNode)}), seen[0].changing);
+  }
+  EXPECT_TRUE(other.seen().empty());
+  EXPECT_NE(GS_IAM_JOINED, other.getClientState());
 }
 
 TEST_F(GSProviderNotifications, CallbacksRunInOrderWithWhatTheAgentSaid) {
