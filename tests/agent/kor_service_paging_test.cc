@@ -230,7 +230,9 @@ TEST_F(KorServicePages, RowsHoldTheSameAnswerWithTheNamesOncePerPage) {
           rows += static_cast<size_t>(k.rows_size());
           size_t bytes = 0;
           for (const proto::KorRow& r : k.rows()) bytes += r.ByteSizeLong();
-          if (k.rows_size() > 1) EXPECT_LE(bytes, pageBytes);
+          if (k.rows_size() > 1) {
+            EXPECT_LE(bytes, pageBytes);
+          }
         }
         const std::vector<proto::KorResource> want = kor.query(cls, names);
         EXPECT_EQ(rows, want.size());

@@ -1432,7 +1432,6 @@ void randomValue(std::mt19937* rng, uint32_t type, proto::KorValue* v);
 proto::KorResource randomResource(std::mt19937* rng) {
   auto pick = [rng](int n) { return static_cast<int>((*rng)() % static_cast<uint32_t>(n)); };
   static const char* const kNames[] = {"Name", "IPAddress", "NodeIDs", "LogicalID", "X", "Zed", "Näme", "名前"};
-  static const char* const kTexts[] = {"", "sxn0", "10.0.0.1", "ü", "名前", "80:00:02:08:fe:80", "a b c"};
   proto::KorResource r;
   r.set_class_name(pick(4) == 0 ? "" : KOR_CLASS_NETWORK_INTERFACE);
   r.set_handle("node/" + std::to_string(pick(3000)) + "/sxn" + std::to_string(pick(48)));
