@@ -9,30 +9,15 @@
 #include <string>
 #include <vector>
 
+#include "adapter_updates.h"
 #include "gs_types.h"
 
 namespace velt {
 namespace agent {
 namespace {
 
-std::string ipOf(uint32_t node, uint32_t index) {
-  return std::string{10, static_cast<char>(index), 0, static_cast<char>(node)};
-}
-
-proto::AdapterUpdate update(uint32_t node, uint32_t index, bool alive, bool removed = false,
-                            const std::string& ip = "") {
-  proto::AdapterUpdate u;
-  proto::AdapterInfo* a = u.mutable_adapter();
-  a->set_ip(ip.empty() ? ipOf(node, index) : ip);
-  a->set_interface_name("sxn" + std::to_string(index));
-  a->set_node(node);
-  a->set_network_name("sxn" + std::to_string(index));
-  a->set_network_type("switch");
-  a->set_instance(index);
-  u.set_alive(alive);
-  u.set_removed(removed);
-  return u;
-}
+using testing::ipOf;
+using testing::update;
 
 // "index/node" of each provider: "0/1 1/2".
 std::string ids(const std::vector<proto::ProviderId>& v) {

@@ -8,31 +8,13 @@
 #include <string>
 #include <vector>
 
+#include "adapter_updates.h"
 #include "cluster_harness.h"
 
 namespace velt {
 namespace agent {
 namespace testing {
 namespace {
-
-std::string ipOf(uint32_t node, uint32_t index) {
-  return std::string{10, static_cast<char>(index), 0, static_cast<char>(node)};
-}
-
-proto::AdapterUpdate update(uint32_t node, uint32_t index, bool alive, bool removed = false,
-                            const std::string& ip = "") {
-  proto::AdapterUpdate u;
-  proto::AdapterInfo* a = u.mutable_adapter();
-  a->set_ip(ip.empty() ? ipOf(node, index) : ip);
-  a->set_interface_name("sxn" + std::to_string(index));
-  a->set_node(node);
-  a->set_network_name("sxn" + std::to_string(index));
-  a->set_network_type("switch");
-  a->set_instance(index);
-  u.set_alive(alive);
-  u.set_removed(removed);
-  return u;
-}
 
 // "ip-last-byte/interface" of each adapter, in order: "1/sxn0 2/sxn1".
 std::string adapters(const std::vector<proto::AdapterInfo>& v) {
