@@ -35,7 +35,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -52,6 +51,7 @@
 #include "AMCfgMonitor.h"
 #include "AMController.h"
 #include "bench_figures.h"
+#include "bench_process.h"
 #include "AMNetIf.h"
 #include "kor_resources.h"
 #include "kor_store.h"
@@ -251,58 +251,12 @@ class AgentProcess {
     std::vector<std::string> args = {VELTD_PATH, "--standalone", "--socket", socket_, "--state-dir", stateDir(),
                                      "--log", log_, "--node", std::to_string(kAgentNode), "--node-id", nodeId,
                                      "--interfaces", "none"};
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(&a[0]);
-    argv.push_back(nullptr);
-    int devNull = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    if (devNull < 0) {
-      *why = std::string("cannot open /dev/null: ") + strerror(errno);
-      return false;
-    }
-    pid_t parent = getpid();
-    pid_t pid = fork();
-    if (pid < 0) {
-      close(devNull);
-      *why = std::string("cannot start veltd: fork: ") + strerror(errno);
-      return false;
-    }
-    if (pid == 0) {
-      // A benchmark that dies must not leave its agent behind.
-      prctl(PR_SET_PDEATHSIG, SIGTERM);
-      if (getppid() != parent) _exit(126);
-      dup2(devNull, 0);
-      execv(argv[0], argv.data());
-      static const char kExecFailed[] = "kor_bench: cannot execute " VELTD_PATH "\n";
-      ssize_t ignored = write(2, kExecFailed, sizeof kExecFailed - 1);
-      (void)ignored;
-      _exit(127);
-    }
-    close(devNull);
-    pid_ = pid;
-    return true;
+    pid_ = bench::startChild(std::move(args), why);
+    return pid_ > 0;
   }
 
   // Whether veltd has ended; *how says how. Does not wait.
-  bool hasEnded(std::string* how) {
-    if (pid_ <= 0) {
-      *how = "veltd is not running";
-      return true;
-    }
-    int status = 0;
-    pid_t r = waitpid(pid_, &status, WNOHANG);
-    if (r == 0) return false;
-    pid_ = -1;
-    if (r < 0) {
-      *how = std::string("veltd cannot be waited for: ") + strerror(errno);
-    } else if (WIFEXITED(status)) {
-      *how = "veltd exited with status " + std::to_string(WEXITSTATUS(status));
-    } else if (WIFSIGNALED(status)) {
-      *how = "veltd was ended by signal " + std::to_string(WTERMSIG(status));
-    } else {
-      *how = "veltd ended";
-    }
-    return true;
-  }
+  bool hasEnded(std::string* how) { return bench::childEnded(&pid_, "veltd", how); }
 
   // SIGTERM, then SIGKILL past the bound. *how says how it ended.
   void stop(std::string* how = nullptr) {
