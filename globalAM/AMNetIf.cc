@@ -425,6 +425,9 @@ int AMGlobalAdapterTable::updateAdapterStateWithLock(int isUp, const tk_gs_membe
       } else {
         // Held back: clients keep seeing the adapter up until the delay
         // runs out, so that a short flap never reaches them.
+        if (!row->isPending) {
+          heldDownRows_.emplace_back(static_cast<uint32_t>(offsetOfAdapterItem(node, instance)), row);
+        }
         row->isPending = 1;
         row->isUp = 0;
         row->when_happen = now;
@@ -701,13 +704,18 @@ int AMGlobalAdapterTable::processDelayedDownEvents() {
   int64_t earliest = nowUs;
   int pending = 0;
   int n_updates = 0;
-  for (auto& entry : pAdapterItemList) {
+  // In the table's order, as a walk over every row would meet them.
+  std::sort(heldDownRows_.begin(), heldDownRows_.end());
+  heldDownRows_.erase(std::unique(heldDownRows_.begin(), heldDownRows_.end()), heldDownRows_.end());
+  std::vector<std::pair<uint32_t, AMAdapterItem*>> stillHeld;
+  for (auto& entry : heldDownRows_) {
     AMAdapterItem* row = entry.second;
     if (!row->isPending) continue;
     const int64_t happened = usecsOf(row->when_happen);
     if (nowUs - happened < WAIT_PENDING_DELAYED_DOWN_USECS) {
       ++pending;
       if (happened < earliest) earliest = happened;
+      stillHeld.push_back(entry);
       continue;
     }
     row->isPending = 0;
@@ -727,6 +735,7 @@ int AMGlobalAdapterTable::processDelayedDownEvents() {
                static_cast<int>(row->isNodeStopped));
     }
   }
+  heldDownRows_.swap(stillHeld);
   earliest_down_event_time.store(earliest);
   n_pending_downs.store(pending);
   // Published under the table lock; reflect_NAM_changes never takes it.

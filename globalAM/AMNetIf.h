@@ -19,6 +19,8 @@
 
 #include <atomic>
 #include <map>
+#include <utility>
+#include <vector>
 
 #include "common.h"
 
@@ -187,6 +189,11 @@ class AMGlobalAdapterTable : public GSLockableObject {
   void clear_pAdapterItemList();
 
   AdapterItemCollection pAdapterItemList;  // GUARDED_BY(this)
+  // The rows whose down was held back, with their keys: a superset of the
+  // rows pending (another path may have ended one's wait), so that the
+  // delayed downs are found without a walk over every adapter of the
+  // cluster.
+  std::vector<std::pair<uint32_t, AMAdapterItem*>> heldDownRows_;  // GUARDED_BY(this)
   // The two delayed-down counters are written under the write lock but read
   // by computeNextWaitTime without it, so they are atomic; the earliest
   // time is kept in microseconds of the half-second clock.

@@ -418,6 +418,26 @@ TEST_F(DelayedDown, APassKeepsTheYoungerDownsAndRetimesToTheOldestOfThem) {
   EXPECT_EQ(std::vector<int>{VELT_NAM_CONNECT_DOWN}, statusesSeen(*client_, 3, "sxn0"));
 }
 
+// Down, up and down again before any pass: one down, announced once, its
+// delay counted from the second.
+TEST_F(DelayedDown, AFlapWithinTheDelayIsOneDownCountedFromItsLastChange) {
+  down();
+  advanceSeconds(5);
+  table_->updateAdapterStateWithLock(1, Members().add(2, idx_).get(), 1);
+  advanceSeconds(5);
+  down();
+  advanceSeconds(15);  // 20 s after the first down, 15 after the second
+  EXPECT_EQ(1, table_->processDelayedDownEvents());
+  EXPECT_EQ(std::vector<int>{VELT_NAM_CONNECT_UP}, statusesSeen(*client_, 2, "sxn0"));
+  advanceSeconds(1);
+  EXPECT_EQ(0, table_->processDelayedDownEvents());
+  EXPECT_EQ((std::vector<int>{VELT_NAM_CONNECT_UP, VELT_NAM_CONNECT_DOWN}), statusesSeen(*client_, 2, "sxn0"));
+  advanceSeconds(20);
+  EXPECT_EQ(0, table_->processDelayedDownEvents());
+  EXPECT_EQ((std::vector<int>{VELT_NAM_CONNECT_UP, VELT_NAM_CONNECT_DOWN}), statusesSeen(*client_, 2, "sxn0"));
+  EXPECT_FALSE(table_->IsThereADelayedDownEvent());
+}
+
 TEST_F(DelayedDown, ADelayOfZeroAnnouncesEveryDownOnTheNextPass) {
   // What start-up leaves for SW_HERDLET_DOWN_DELAY_SECS=0.
   WAIT_PENDING_DELAYED_DOWN_USECS = 0;
