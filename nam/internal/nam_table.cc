@@ -151,6 +151,10 @@ int AdapterTable::parseUpdate(const uint8_t* body, size_t length, std::vector<In
 }
 
 int AdapterTable::checkMergeLimits(const std::vector<Incoming>& incoming, std::string* why) const {
+  // Into an empty table (the whole table of a new session) an update
+  // cannot bring more networks or adapters than its own counts, which
+  // parseUpdate held to the limits already.
+  if (networkOf_.empty()) return VELT_NAM_OK;
   // Where each adapter of the update ends up (a later record wins), and
   // how that changes the size of each network.
   std::unordered_map<AdapterKey, uint64_t, AdapterKeyHash> destination;
