@@ -6,8 +6,10 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/prctl.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -49,6 +51,28 @@ inline pid_t startChild(std::vector<std::string> args, std::string* why) {
   }
   close(devNull);
   return pid;
+}
+
+// Makes a private directory "NAME.XXXXXX" under $TMPDIR (or /tmp) for an
+// agent's socket, state and log, and checks that its socket path fits a
+// UNIX socket address. Returns the directory, or "" with *why.
+inline std::string makeAgentDirectory(const std::string& name, std::string* why) {
+  const char* tmp = getenv("TMPDIR");
+  std::string base = tmp != nullptr && tmp[0] != '\0' ? tmp : "/tmp";
+  std::string pattern = base + "/" + name + ".XXXXXX";
+  std::vector<char> buf(pattern.begin(), pattern.end());
+  buf.push_back('\0');
+  if (mkdtemp(buf.data()) == nullptr) {
+    *why = "cannot make a directory for veltd under " + base + ": " + strerror(errno);
+    return "";
+  }
+  std::string dir = buf.data();
+  if ((dir + "/agent.sock").size() >= sizeof(sockaddr_un{}.sun_path)) {
+    rmdir(dir.c_str());
+    *why = "the socket path " + dir + "/agent.sock is too long for a UNIX socket; set TMPDIR to a shorter directory";
+    return "";
+  }
+  return dir;
 }
 
 // Whether the child *pid (named name) has ended; *how says how, and *pid

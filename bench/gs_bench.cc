@@ -307,22 +307,10 @@ class AgentProcess {
   // Makes the directory and starts veltd. False, with *why, when either
   // cannot be done.
   bool start(std::string* why) {
-    const char* tmp = getenv("TMPDIR");
-    std::string base = tmp != nullptr && tmp[0] != '\0' ? tmp : "/tmp";
-    std::string pattern = base + "/gs_bench.XXXXXX";
-    std::vector<char> buf(pattern.begin(), pattern.end());
-    buf.push_back('\0');
-    if (mkdtemp(buf.data()) == nullptr) {
-      *why = "cannot make a directory for veltd under " + base + ": " + strerror(errno);
-      return false;
-    }
-    dir_ = buf.data();
+    dir_ = bench::makeAgentDirectory("gs_bench", why);
+    if (dir_.empty()) return false;
     socket_ = dir_ + "/agent.sock";
     log_ = dir_ + "/veltd.log";
-    if (socket_.size() >= sizeof(sockaddr_un{}.sun_path)) {
-      *why = "the socket path " + socket_ + " is too long for a UNIX socket; set TMPDIR to a shorter directory";
-      return false;
-    }
     // Everything the child needs is made before fork: it only calls
     // async-signal-safe functions.
     std::vector<std::string> args = {VELTD_PATH, "--standalone", "--socket", socket_,

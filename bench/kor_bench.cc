@@ -221,22 +221,10 @@ class AgentProcess {
 
   // Makes the directory (and its state directory). False with *why.
   bool makeDirectory(std::string* why) {
-    const char* tmp = getenv("TMPDIR");
-    std::string base = tmp != nullptr && tmp[0] != '\0' ? tmp : "/tmp";
-    std::string pattern = base + "/kor_bench.XXXXXX";
-    std::vector<char> buf(pattern.begin(), pattern.end());
-    buf.push_back('\0');
-    if (mkdtemp(buf.data()) == nullptr) {
-      *why = "cannot make a directory under " + base + ": " + strerror(errno);
-      return false;
-    }
-    dir_ = buf.data();
+    dir_ = bench::makeAgentDirectory("kor_bench", why);
+    if (dir_.empty()) return false;
     socket_ = dir_ + "/agent.sock";
     log_ = dir_ + "/veltd.log";
-    if (socket_.size() >= sizeof(sockaddr_un{}.sun_path)) {
-      *why = "the socket path " + socket_ + " is too long; set TMPDIR to a shorter directory";
-      return false;
-    }
     if (mkdir(stateDir().c_str(), 0700) != 0) {
       *why = "cannot make " + stateDir() + ": " + strerror(errno);
       return false;

@@ -181,19 +181,8 @@ class MediatorFixture : public table_test::TableFixture {
   void SetUp() override {
     TableFixture::SetUp();
     if (HasFatalFailure()) return;
-    // A death test's child runs this again in a fresh process; it inherits
-    // the directory so that the parent reads what the child logged.
-    const char* inherited = getenv("VELT_MEDIATOR_TEST_DIR");
-    if (inherited) {
-      dir_ = inherited;
-    } else {
-      std::string tmpl = ::testing::TempDir() + "mediatorXXXXXX";
-      std::vector<char> buf(tmpl.begin(), tmpl.end());
-      buf.push_back('\0');
-      ASSERT_NE(mkdtemp(buf.data()), nullptr);
-      dir_ = buf.data();
-      setenv("VELT_MEDIATOR_TEST_DIR", dir_.c_str(), 1);
-    }
+    dir_ = table_test::inheritedTestDir("VELT_MEDIATOR_TEST_DIR", "mediator");
+    ASSERT_FALSE(dir_.empty()) << "no directory for the test";
     logFile_ = dir_ + "/tolkvaskd.log";
     setenv("VELT_AGENT_SOCKET", (dir_ + "/agent.sock").c_str(), 1);
     traceMarket = TraceStream::traceMarket;

@@ -169,19 +169,8 @@ class MonitorFixture : public table_test::TableFixture {
   void SetUp() override {
     TableFixture::SetUp();
     if (HasFatalFailure()) return;
-    // A death test's child runs this again in a fresh process; it inherits
-    // the directory so that the parent reads what the child logged.
-    const char* inherited = getenv("VELT_MONITOR_TEST_DIR");
-    if (inherited) {
-      dir_ = inherited;
-    } else {
-      std::string tmpl = ::testing::TempDir() + "monitorXXXXXX";
-      std::vector<char> buf(tmpl.begin(), tmpl.end());
-      buf.push_back('\0');
-      ASSERT_NE(mkdtemp(buf.data()), nullptr);
-      dir_ = buf.data();
-      setenv("VELT_MONITOR_TEST_DIR", dir_.c_str(), 1);
-    }
+    dir_ = table_test::inheritedTestDir("VELT_MONITOR_TEST_DIR", "monitor");
+    ASSERT_FALSE(dir_.empty()) << "no directory for the test";
     logFile_ = dir_ + "/tolkvaskd.log";
     traceMarket = TraceStream::traceMarket;
     traceMarket->resumeMarket();

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <net/if.h>
 #include <netinet/in.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <time.h>
@@ -222,6 +223,22 @@ inline AMNetInterface makeInterface(int node, const char* name, const char* ip, 
   obj.spigot_id = 1;
   snprintf(obj.devicePathName, sizeof obj.devicePathName, "/dev/%s", name);
   return obj;
+}
+
+// A fixture's private directory: the one named by the environment variable
+// env (a death test's child runs SetUp again in a fresh process and takes
+// its parent's, so that the parent reads what the child logged), else a new
+// one "prefixXXXXXX" under gtest's temporary directory, which env then
+// names. "" when none can be made.
+inline std::string inheritedTestDir(const char* env, const std::string& prefix) {
+  const char* inherited = getenv(env);
+  if (inherited != nullptr) return inherited;
+  std::string tmpl = ::testing::TempDir() + prefix + "XXXXXX";
+  std::vector<char> buf(tmpl.begin(), tmpl.end());
+  buf.push_back('\0');
+  if (mkdtemp(buf.data()) == nullptr) return "";
+  setenv(env, buf.data(), 1);
+  return buf.data();
 }
 
 // A membership list that owns its providers.
