@@ -10,7 +10,7 @@ namespace internal {
 
 size_t DaemonStream::bytesWanted() const {
   if (headerHave_ < sizeof header_) return sizeof header_ - headerHave_;
-  size_t left = static_cast<size_t>(header_.msg_length) - body_.size();
+  size_t left = static_cast<size_t>(header_.msg_length) - bodyHave_;
   return std::min(left, kReadChunk);
 }
 
@@ -55,30 +55,39 @@ int DaemonStream::take(const uint8_t* data, size_t n, int* msgType, std::string*
     int rc = checkHeader(why);
     if (rc != VELT_NAM_OK) return rc;
     // Every message that passes has a body.
-    body_.reserve(std::min(static_cast<size_t>(header_.msg_length), kReadChunk));
+    bodyHave_ = 0;
+    if (header_.msg_type == VELT_NAM_DAEMON_UPDATE_MSG) {
+      return finishOnError(table_->beginUpdate(static_cast<size_t>(header_.msg_length), why));
+    }
+    body_.reserve(static_cast<size_t>(header_.msg_length));
     return VELT_NAM_NO_NEW_DATA;
   }
-  // Grow by what arrived, never past the announced length.
-  size_t length = static_cast<size_t>(header_.msg_length);
-  if (body_.capacity() < body_.size() + n) {
-    body_.reserve(std::min(length, std::max(body_.size() + n, 2 * body_.capacity())));
+  const size_t length = static_cast<size_t>(header_.msg_length);
+  bodyHave_ += n;
+  if (header_.msg_type == VELT_NAM_DAEMON_UPDATE_MSG) {
+    int rc = table_->takeUpdate(data, n, why);
+    if (rc != VELT_NAM_OK) return finishOnError(rc);
+  } else {
+    body_.insert(body_.end(), data, data + n);
   }
-  body_.insert(body_.end(), data, data + n);
-  if (body_.size() < length) return VELT_NAM_NO_NEW_DATA;
+  if (bodyHave_ < length) return VELT_NAM_NO_NEW_DATA;
   return finishMessage(msgType, why);
+}
+
+int DaemonStream::finishOnError(int rc) {
+  if (rc == VELT_NAM_OK) return VELT_NAM_NO_NEW_DATA;
+  headerHave_ = 0;
+  bodyHave_ = 0;
+  return rc;
 }
 
 int DaemonStream::finishMessage(int* msgType, std::string* why) {
   *msgType = header_.msg_type;
   int rc = header_.msg_type == VELT_NAM_DAEMON_INIT_MSG ? table_->applyInit(body_.data(), body_.size(), why)
-                                                        : table_->applyUpdate(body_.data(), body_.size(), why);
+                                                        : table_->finishUpdate(why);
   headerHave_ = 0;
-  // A large body's memory goes back at once; a small one is reused.
-  if (body_.capacity() > kReadChunk) {
-    std::vector<uint8_t>().swap(body_);
-  } else {
-    body_.clear();
-  }
+  bodyHave_ = 0;
+  body_.clear();
   return rc;
 }
 

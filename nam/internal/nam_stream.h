@@ -1,5 +1,7 @@
 // Reassembles the daemon's messages from what the socket delivers, in
-// whatever pieces it comes, and applies each whole message to the table.
+// whatever pieces it comes, and applies each whole message to the table
+// (an update's pieces are handed to the table as they come, which checks
+// and stages them at once).
 // It asks for no more than the message under way still needs, so whatever
 // the daemon sent after it stays in the socket and keeps the descriptor
 // readable. Thread-compatible (the session serialises).
@@ -39,15 +41,19 @@ class DaemonStream {
   int take(const uint8_t* data, size_t n, int* msgType, std::string* why);
 
   // Bytes of a message under way (the stream is between messages at 0).
-  size_t bytesPending() const { return headerHave_ + body_.size(); }
+  size_t bytesPending() const { return headerHave_ + bodyHave_; }
 
  private:
   int checkHeader(std::string* why) const;
   int finishMessage(int* msgType, std::string* why);
+  // VELT_NAM_NO_NEW_DATA for VELT_NAM_OK; else rc, with the message dropped.
+  int finishOnError(int rc);
 
   AdapterTable* const table_;
   velt_nam_msg_hdr header_{};
   size_t headerHave_ = 0;
+  size_t bodyHave_ = 0;
+  // The init answer's body; an update's goes to the table as it comes.
   std::vector<uint8_t> body_;
 };
 
