@@ -146,6 +146,37 @@ void MappedBody::release() {
   length_ = 0;
 }
 
+namespace {
+
+// The whole table as last packed for a new client, sent again to each
+// next new client for as long as the adapter table is not written (its
+// write generation unchanged): the processes of a parallel job that start
+// together on a node then cost one packing of a large cluster's table, not
+// one each. Read under the table's read hold, it is exactly what packing
+// the rows again would make.
+std::mutex packedTableMutex;
+std::shared_ptr<const PackedTable> lastPackedTable;  // guarded by packedTableMutex
+
+}  // namespace
+
+std::shared_ptr<const PackedTable> packedWholeTable(AMGlobalAdapterTable* table) {
+  GSReadGuard hold(*table);
+  const uint64_t generation = table->writeGeneration();
+  {
+    std::lock_guard<std::mutex> lk(packedTableMutex);
+    if (lastPackedTable != nullptr && lastPackedTable->table == table && lastPackedTable->generation == generation) {
+      return lastPackedTable;
+    }
+  }
+  auto packed = std::make_shared<PackedTable>();
+  if (NAMClient::packAdapterTable(table, &packed->hdr, &packed->body) < 0) return nullptr;
+  packed->table = table;
+  packed->generation = generation;
+  std::lock_guard<std::mutex> lk(packedTableMutex);
+  lastPackedTable = packed;
+  return packed;
+}
+
 NAMClient::NAMClient() = default;
 
 NAMClient::NAMClient(int sock, NAMServer* server) : fd_(sock), server_(server) {
@@ -238,20 +269,23 @@ bool NAMClient::sendInitialMessages() {
   checkAndEmptyEventList();
   AM_TRACE(TRACE_FYI) << "packMsg() to send to the lib the initial  adapter table." << endl;
   velt_nam_msg_hdr updateHdr = {0, 0};
-  MappedBody packed;
   char* updateMsgBody = nullptr;
   AMGlobalAdapterTable* adapters = AMController::pGAdapterCfgTbl;
-  if (adapters == nullptr || packAdapterTable(adapters, &updateHdr, &packed) < 0) {
+  std::shared_ptr<const PackedTable> packed;
+  if (adapters != nullptr) packed = packedWholeTable(adapters);
+  if (packed != nullptr) {
+    updateHdr = packed->hdr;
+  } else {
     veltnamNetInfoList table;
     AMController* ctl = amController();
     if (ctl) ctl->obtainAdapterInfoFromGlobalTable(table, 0);
     packMsg(&updateHdr, &updateMsgBody, table);
     clear_net_adapter_table(table);
   }
-  rc = writeSock(updateHdr, updateMsgBody != nullptr ? updateMsgBody : packed.data(), errCode);
+  rc = writeSock(updateHdr, updateMsgBody != nullptr ? updateMsgBody : packed->body.data(), errCode);
   AM_TRACE(TRACE_DEBUG) << "delete[] updateMsgBody" << endl;
   delete[] updateMsgBody;
-  packed.release();
+  packed.reset();
   if (rc <= 0) {
     AM_TRACE(TRACE_FYI) << "errCode = " << errCode << " and so close the socket." << endl;
     closeSocket();
@@ -570,51 +604,58 @@ int NAMClient::packMsg(velt_nam_msg_hdr* hdr, char** body, const veltnamNetInfoL
 int NAMClient::packAdapterTable(AMGlobalAdapterTable* table, velt_nam_msg_hdr* hdr, MappedBody* body) {
   GSReadGuard hold(*table);
   AdapterItemCollection& rows = table->getAdapterItemList();
-  // First the counts of every network, UP, DOWN and the others apart: they
-  // give each record its place in the body.
-  std::map<uint64_t, std::array<size_t, 3>> counts;
-  size_t adapters = 0;
+  // One walk over the rows builds every record, in the order clients read
+  // them within a network's UP, DOWN and other records, and notes its slot
+  // (network and group); the records are then copied to their places. The
+  // rows are touched once: in a large cluster they are what costs.
+  std::vector<velt_nam_connect> records;
+  std::vector<uint32_t> slots;
+  records.reserve(rows.size());
+  slots.reserve(rows.size());
+  std::map<uint64_t, uint32_t> networkIndex;  // network id -> index in order of first sight
   bool ordered = forEachRecordedRow(rows, [&](const AMAdapterItem& row, uint64_t network) {
-    counts[network][groupOf(static_cast<uint8_t>(velt_nam_status_of(row)))]++;
-    ++adapters;
+    records.emplace_back();
+    build_velt_nam_conn_item(row, &records.back());
+    auto index = networkIndex.emplace(network, static_cast<uint32_t>(networkIndex.size())).first->second;
+    slots.push_back(index * 3 + static_cast<uint32_t>(groupOf(records.back().status)));
   });
   if (!ordered) return -1;
-  const size_t length = 12 + sizeof(velt_nam_connect_net_info) * counts.size() + sizeof(velt_nam_connect) * adapters;
+  std::vector<size_t> counts(networkIndex.size() * 3, 0);
+  for (uint32_t slot : slots) ++counts[slot];
+  const size_t length =
+      12 + sizeof(velt_nam_connect_net_info) * networkIndex.size() + sizeof(velt_nam_connect) * records.size();
   if (!body->allocate(length)) return -1;
   hdr->msg_type = VELT_NAM_DAEMON_UPDATE_MSG;
   hdr->msg_length = static_cast<int32_t>(length);
 
   velt_nam_daemon_update_msg header;
-  header.num_networks = static_cast<int32_t>(counts.size());
-  header.num_adapter_info = static_cast<int32_t>(adapters);
+  header.num_networks = static_cast<int32_t>(networkIndex.size());
+  header.num_adapter_info = static_cast<int32_t>(records.size());
   memcpy(body->data(), &header, sizeof header);
-  traceUpdateCounts(counts.size(), adapters);
-  std::map<uint64_t, std::array<char*, 3>> next;
+  traceUpdateCounts(networkIndex.size(), records.size());
+  // Networks in ascending id, each followed by its UP, DOWN and other
+  // records.
+  std::vector<char*> next(counts.size());
   char* out = body->data() + sizeof header;
-  for (const auto& entry : counts) {
+  for (const auto& entry : networkIndex) {
+    const size_t* count = &counts[entry.second * 3];
     velt_nam_connect_net_info info;
     memset(&info, 0, sizeof info);
     info.network_id = entry.first;
-    info.num_up = static_cast<uint32_t>(entry.second[0]);
-    info.num_down = static_cast<uint32_t>(entry.second[1]);
-    info.num_connect = static_cast<uint32_t>(entry.second[0] + entry.second[1] + entry.second[2]);
+    info.num_up = static_cast<uint32_t>(count[0]);
+    info.num_down = static_cast<uint32_t>(count[1]);
+    info.num_connect = static_cast<uint32_t>(count[0] + count[1] + count[2]);
     traceNetworkCounts(info);
     memcpy(out, &info, sizeof info);
     out += sizeof info;
-    std::array<char*, 3>& at = next[entry.first];
     for (int g = 0; g < 3; ++g) {
-      at[g] = out;
-      out += sizeof(velt_nam_connect) * entry.second[g];
+      next[entry.second * 3 + g] = out;
+      out += sizeof(velt_nam_connect) * count[g];
     }
   }
-  // Then the records, each at the next place of its group; the rows are
-  // read under the same lock, so they are what was counted.
-  forEachRecordedRow(rows, [&](const AMAdapterItem& row, uint64_t network) {
-    velt_nam_connect rec;
-    build_velt_nam_conn_item(row, &rec);
-    char*& at = next[network][groupOf(rec.status)];
-    memcpy(at, &rec, sizeof rec);
-    at += sizeof rec;
-  });
+  for (size_t i = 0; i < records.size(); ++i) {
+    memcpy(next[slots[i]], &records[i], sizeof records[i]);
+    next[slots[i]] += sizeof records[i];
+  }
   return static_cast<int>(length);
 }

@@ -17,6 +17,7 @@
 
 #include <atomic>
 #include <list>
+#include <memory>
 #include <mutex>
 
 #include "common.h"
@@ -47,6 +48,21 @@ class MappedBody {
   void* base_ = nullptr;
   size_t length_ = 0;
 };
+
+// The update a new client is sent: every row of the adapter table, packed
+// at write generation `generation` of `table`.
+struct PackedTable {
+  const AMGlobalAdapterTable* table = nullptr;
+  uint64_t generation = 0;
+  velt_nam_msg_hdr hdr{0, 0};
+  MappedBody body;
+};
+
+// The whole table for a new client: the one packed last when the table has
+// not been written since, else packed now (and kept for the next client).
+// Null when the rows cannot be packed straight (see
+// NAMClient::packAdapterTable). Takes the table's read lock. Thread-safe.
+std::shared_ptr<const PackedTable> packedWholeTable(AMGlobalAdapterTable* table);
 
 // Records queued for one client at most; the one after them finds the client
 // not reading, and the client is cut off.

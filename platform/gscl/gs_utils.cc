@@ -104,7 +104,13 @@ void dropReadHold(const GSLockableObject* l) {
 
 }  // namespace
 
-GSLockableObject::GSLockableObject() {
+namespace {
+// Where every GSLockableObject's write generation is taken from.
+std::atomic<uint64_t> lastWriteGeneration{0};
+uint64_t nextWriteGeneration() { return lastWriteGeneration.fetch_add(1, std::memory_order_relaxed) + 1; }
+}  // namespace
+
+GSLockableObject::GSLockableObject() : writeGeneration_(nextWriteGeneration()) {
   gsCheck(pthread_mutex_init(&mu_, nullptr), "pthread_mutex_init");
   gsCheck(pthread_cond_init(&cv_, nullptr), "pthread_cond_init");
   gsCheck(pthread_cond_init(&writersCv_, nullptr), "pthread_cond_init");
@@ -166,6 +172,7 @@ void GSLockableObject::unlock() {
   gsCheck(pthread_mutex_lock(&mu_), "pthread_mutex_lock");
   if (writeDepth_ > 0 && pthread_equal(writer_, self)) {
     if (--writeDepth_ == 0) {
+      writeGeneration_.store(nextWriteGeneration(), std::memory_order_release);
       // Writers first: readers that queued behind a writer keep waiting
       // until no writer is left.
       if (waitingWriters_ > 0) {

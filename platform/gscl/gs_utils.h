@@ -60,6 +60,11 @@ class GSLockableObject {
   void writeLock();
   void unlock();   // releases the caller's innermost hold
   bool isWriteLockedByMe() const;
+  // Changes each time the outermost write hold ends, to a number no other
+  // object and no earlier state of this one had in this process. It stands
+  // still while any read hold lasts, so a reader can tell whether the
+  // object was written since it last looked.
+  uint64_t writeGeneration() const { return writeGeneration_.load(std::memory_order_acquire); }
   // Writers blocked in writeLock(), so that tests can wait for that state.
   int waitingWritersForTesting() const;
  private:
@@ -70,6 +75,7 @@ class GSLockableObject {
   int writeDepth_ = 0;         // GUARDED_BY(mu_): nested write (and read-under-write) holds
   pthread_t writer_{};         // GUARDED_BY(mu_)
   int waitingWriters_ = 0;     // GUARDED_BY(mu_)
+  std::atomic<uint64_t> writeGeneration_{0};
 };
 
 // Scoped read or write hold on a GSLockableObject. Owned by the thread that

@@ -452,6 +452,32 @@ TEST_F(NamServer, TheWholeTableIsPackedStraightFromTheRowsByteForByteAsFromACopy
   delete[] copyBody;
 }
 
+TEST_F(NamServer, NewClientsShareOnePackingOfTheTableUntilItIsWritten) {
+  AMGlobalAdapterTable* table = AMController::pGAdapterCfgTbl;
+  table->setAdapterDefinedWithLock(makeInterface(2, "sxn0", "10.0.0.2", 0xB0));
+  std::shared_ptr<const PackedTable> first = packedWholeTable(table);
+  ASSERT_NE(nullptr, first);
+  EXPECT_EQ(first, packedWholeTable(table));
+  // A second client after a change is sent the change, not the old table.
+  table->setAdapterDefinedWithLock(makeInterface(3, "sxn0", "10.0.0.3", 0xB0));
+  std::shared_ptr<const PackedTable> second = packedWholeTable(table);
+  ASSERT_NE(nullptr, second);
+  EXPECT_NE(first, second);
+  velt_nam_msg_hdr hdr = {0, 0};
+  MappedBody fresh;
+  ASSERT_EQ(second->hdr.msg_length, NAMClient::packAdapterTable(table, &hdr, &fresh));
+  EXPECT_EQ(std::string(fresh.data(), hdr.msg_length), std::string(second->body.data(), second->hdr.msg_length));
+  EXPECT_EQ(2, i32At(std::string(second->body.data(), 8), 4));  // two adapters
+  // The packing in use by a sender outlives its replacement.
+  EXPECT_EQ(1, i32At(std::string(first->body.data(), 8), 4));
+  // Another table of the same content is packed on its own.
+  AMGlobalAdapterTable other;
+  std::shared_ptr<const PackedTable> ofOther = packedWholeTable(&other);
+  ASSERT_NE(nullptr, ofOther);
+  EXPECT_EQ(0, i32At(std::string(ofOther->body.data(), 8), 4));
+  EXPECT_NE(second, packedWholeTable(table));
+}
+
 // ------------------------------------------------------------ life cycle
 
 TEST_F(NamServer, TheSocketIsOwnerOnly) {
