@@ -15,36 +15,26 @@ namespace velt {
 
 class CondVar;
 
-// A plain (not recursive) mutex.
-class CAPABILITY("mutex") Mutex {
+// A mutex over the standard one M: Mutex is plain, RecursiveMutex may be
+// taken again by the thread that holds it (each lock matched by one
+// unlock; to the analysis a second hold in the same function is still an
+// error, as it follows one hold per function).
+template <typename M>
+class CAPABILITY("mutex") BasicMutex {
  public:
-  Mutex() = default;
-  Mutex(const Mutex&) = delete;
-  Mutex& operator=(const Mutex&) = delete;
+  BasicMutex() = default;
+  BasicMutex(const BasicMutex&) = delete;
+  BasicMutex& operator=(const BasicMutex&) = delete;
 
   void lock() ACQUIRE() { mu_.lock(); }
   void unlock() RELEASE() { mu_.unlock(); }
 
  private:
   friend class CondVar;
-  std::mutex mu_;
+  M mu_;
 };
-
-// A mutex that the thread holding it may take again; each lock is matched
-// by one unlock. To the analysis a second hold in the same function is
-// still an error: it follows one hold per function.
-class CAPABILITY("mutex") RecursiveMutex {
- public:
-  RecursiveMutex() = default;
-  RecursiveMutex(const RecursiveMutex&) = delete;
-  RecursiveMutex& operator=(const RecursiveMutex&) = delete;
-
-  void lock() ACQUIRE() { mu_.lock(); }
-  void unlock() RELEASE() { mu_.unlock(); }
-
- private:
-  std::recursive_mutex mu_;
-};
+using Mutex = BasicMutex<std::mutex>;
+using RecursiveMutex = BasicMutex<std::recursive_mutex>;
 
 // Holds a mutex (Mutex or RecursiveMutex) from its construction until its
 // destruction or unlock(), whichever comes first. Owned by the thread that
