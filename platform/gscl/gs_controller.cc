@@ -552,7 +552,8 @@ internal::CallResult GSController::Impl::call(proto::Request* request, const cha
   }
   velt::MutexLock lk(mu);
   const auto deadline = std::chrono::steady_clock::now() + bound;
-  while (!pendingCall->done && replyCv.waitUntil(mu, deadline)) {
+  while (!pendingCall->done) {
+    if (!replyCv.waitUntil(mu, deadline)) break;
   }
   const bool answered = pendingCall->done;
   pending.erase(id);

@@ -8,11 +8,11 @@ namespace velt_gscl_V1 {
 
 namespace {
 
-// The absolute CLOCK_MONOTONIC time t on the steady clock, which counts
-// on that clock. Nanoseconds outside [0, 1e9) are carried into seconds
-// (a wait would refuse them, which would turn a consumer's wait into a
-// spin), and a time beyond the steady clock's range (some 290 years either
-// way) is cut to what it can hold: so far off, it makes no difference.
+// The absolute CLOCK_MONOTONIC time t as a time of the steady clock, which
+// counts on CLOCK_MONOTONIC. Nanoseconds outside [0, 1e9) are carried into
+// seconds, and a time beyond the steady clock's range (some 290 years
+// either way) is cut to what it can hold: so far off, it makes no
+// difference.
 std::chrono::steady_clock::time_point steadyTime(const struct timespec& t) {
   constexpr long long kLimitSecs = 9000000000LL;
   long long secs = static_cast<long long>(t.tv_sec) + t.tv_nsec / 1000000000L;
