@@ -70,6 +70,13 @@ int usage(const char* why) {
   return 2;
 }
 
+// NLMSG_OK, without its comparison of the unsigned message length with the
+// signed count of bytes left (which clang warns about).
+bool messageFits(const struct nlmsghdr* h, int left) {
+  return left >= static_cast<int>(sizeof(struct nlmsghdr)) && h->nlmsg_len >= sizeof(struct nlmsghdr) &&
+         h->nlmsg_len <= static_cast<unsigned>(left);
+}
+
 // The kernel's interface events on an rtnetlink socket.
 class LinkEvents {
  public:
@@ -93,7 +100,7 @@ class LinkEvents {
       if (len <= 0) return;   // EAGAIN: all read; an overrun loses only history
       long long t = wallMicros();
       int left = static_cast<int>(len);
-      for (struct nlmsghdr* h = reinterpret_cast<struct nlmsghdr*>(buf); NLMSG_OK(h, left);
+      for (struct nlmsghdr* h = reinterpret_cast<struct nlmsghdr*>(buf); messageFits(h, left);
            h = NLMSG_NEXT(h, left)) {
         if (h->nlmsg_type != RTM_NEWLINK && h->nlmsg_type != RTM_DELLINK) continue;
         if (h->nlmsg_len < NLMSG_LENGTH(sizeof(struct ifinfomsg))) continue;

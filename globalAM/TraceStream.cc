@@ -151,18 +151,18 @@ std::atomic<int> disableTraceHeader{0};
 
 std::atomic<TraceSRCOutputRoutine> srcOutputRoutine{nullptr};
 
-class ReadHold {
+class SCOPED_CAPABILITY ReadHold {
  public:
-  explicit ReadHold(velt_gscl_V1::GSRWLock& l) : l_(l) { l_.readLock(); }
-  ~ReadHold() { l_.unlock(); }
+  explicit ReadHold(velt_gscl_V1::GSRWLock& l) ACQUIRE_SHARED(l) : l_(l) { l_.readLock(); }
+  ~ReadHold() RELEASE() { l_.unlock(); }
  private:
   velt_gscl_V1::GSRWLock& l_;
 };
 
-class WriteHold {
+class SCOPED_CAPABILITY WriteHold {
  public:
-  explicit WriteHold(velt_gscl_V1::GSRWLock& l) : l_(l) { l_.writeLock(); }
-  ~WriteHold() { l_.unlock(); }
+  explicit WriteHold(velt_gscl_V1::GSRWLock& l) ACQUIRE(l) : l_(l) { l_.writeLock(); }
+  ~WriteHold() RELEASE() { l_.unlock(); }
  private:
   velt_gscl_V1::GSRWLock& l_;
 };

@@ -9,10 +9,10 @@
 
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "internal/nam_session.h"
+#include "velt_mutex.h"
 
 namespace {
 
@@ -22,18 +22,18 @@ using velt::nam::internal::Session;
 class Registry {
  public:
   velt_nam_handle_t add(std::shared_ptr<Session> session) {
-    std::lock_guard<std::mutex> lk(mu_);
+    velt::MutexLock lk(mu_);
     velt_nam_handle_t handle = next_++;
     sessions_[handle] = std::move(session);
     return handle;
   }
   std::shared_ptr<Session> find(velt_nam_handle_t handle) {
-    std::lock_guard<std::mutex> lk(mu_);
+    velt::MutexLock lk(mu_);
     auto it = sessions_.find(handle);
     return it == sessions_.end() ? nullptr : it->second;
   }
   std::shared_ptr<Session> remove(velt_nam_handle_t handle) {
-    std::lock_guard<std::mutex> lk(mu_);
+    velt::MutexLock lk(mu_);
     auto it = sessions_.find(handle);
     if (it == sessions_.end()) return nullptr;
     std::shared_ptr<Session> session = std::move(it->second);
@@ -42,9 +42,9 @@ class Registry {
   }
 
  private:
-  std::mutex mu_;
-  std::map<velt_nam_handle_t, std::shared_ptr<Session>> sessions_;  // Guarded by mu_.
-  velt_nam_handle_t next_ = 1;                                       // Guarded by mu_.
+  velt::Mutex mu_;
+  std::map<velt_nam_handle_t, std::shared_ptr<Session>> sessions_ GUARDED_BY(mu_);
+  velt_nam_handle_t next_ GUARDED_BY(mu_) = 1;
 };
 
 // Never destroyed: a program's threads may still call in during exit.

@@ -91,10 +91,10 @@ int Session::open(const std::string& path, int timeoutMs, std::shared_ptr<Sessio
     errno = err;
     return VELT_NAM_SOCKET_CONNECT_FAILED;
   }
-  std::lock_guard<std::mutex> lk(session->mu_);
+  MutexLock lk(session->mu_);
   int64_t startMs = monotonicMs();
   int rc = session->sendInit(timeoutMs, startMs, why);
-  if (rc == VELT_NAM_OK) rc = session->awaitConfig(timeoutMs, startMs, why);
+  if (rc == VELT_NAM_OK) rc = session->awaitConfigLocked(timeoutMs, startMs, why);
   if (rc != VELT_NAM_OK) return rc;
   uint32_t active = session->table_.daemonConfig().velt_active_version.quick_version;
   if (active < VELT_NAM_MIN_ACTIVE_VERSION) {
@@ -149,11 +149,11 @@ int Session::sendInit(int timeoutMs, int64_t startMs, std::string* why) {
   return VELT_NAM_OK;
 }
 
-int Session::awaitConfig(int timeoutMs, int64_t startMs, std::string* why) {
+int Session::awaitConfigLocked(int timeoutMs, int64_t startMs, std::string* why) {
   while (!table_.hasConfig()) {
     int rc = VELT_NAM_OK;
     int msgType = -1;
-    switch (readStep(&rc, &msgType, why)) {
+    switch (readStepLocked(&rc, &msgType, why)) {
       case Step::kApplied:
       case Step::kPartial:
         break;
@@ -168,7 +168,7 @@ int Session::awaitConfig(int timeoutMs, int64_t startMs, std::string* why) {
   return VELT_NAM_OK;
 }
 
-Session::Step Session::readStep(int* rc, int* msgType, std::string* why) {
+Session::Step Session::readStepLocked(int* rc, int* msgType, std::string* why) {
   ssize_t n;
   do {
     n = recv(fd_, readBuffer_.data(), stream_.bytesWanted(), MSG_DONTWAIT);
@@ -191,7 +191,7 @@ Session::Step Session::readStep(int* rc, int* msgType, std::string* why) {
 }
 
 int Session::update(std::string* why) {
-  std::lock_guard<std::mutex> lk(mu_);
+  MutexLock lk(mu_);
   if (brokenRc_ != VELT_NAM_OK) {
     *why = brokenWhy_;
     return brokenRc_;
@@ -200,7 +200,7 @@ int Session::update(std::string* why) {
   while (applied < kMaxMessagesPerUpdate) {
     int rc = VELT_NAM_OK;
     int msgType = -1;
-    Step step = readStep(&rc, &msgType, why);
+    Step step = readStepLocked(&rc, &msgType, why);
     if (step == Step::kWouldBlock) break;
     if (step == Step::kApplied) ++applied;
     if (step != Step::kFailed) continue;
@@ -216,7 +216,7 @@ int Session::update(std::string* why) {
 }
 
 void Session::config(velt_nam_config* out) {
-  std::lock_guard<std::mutex> lk(mu_);
+  MutexLock lk(mu_);
   const velt_nam_daemon_config& c = table_.daemonConfig();
   out->supported_lib_version = static_cast<int>(c.velt_active_version.quick_version);
   out->velt_nam_max_adapter_info = c.velt_nam_max_adapter_info;
@@ -225,12 +225,12 @@ void Session::config(velt_nam_config* out) {
 }
 
 velt_nam_net_info* Session::copyNetInfo() {
-  std::lock_guard<std::mutex> lk(mu_);
+  MutexLock lk(mu_);
   return table_.copyNetInfo();
 }
 
 velt_nam_node_adap_info* Session::copyNodeAdapInfo(int node) {
-  std::lock_guard<std::mutex> lk(mu_);
+  MutexLock lk(mu_);
   return table_.copyNodeAdapInfo(node);
 }
 

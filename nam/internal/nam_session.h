@@ -5,12 +5,12 @@
 #define VELT_NAM_INTERNAL_NAM_SESSION_H_
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "internal/nam_stream.h"
 #include "internal/nam_table.h"
+#include "velt_mutex.h"
 #include "velt_nam.h"
 
 namespace velt {
@@ -35,31 +35,29 @@ class Session {
 
   int fd() const { return fd_; }
   // As velt_nam_update.
-  int update(std::string* why);
-  void config(velt_nam_config* out);
+  int update(std::string* why) EXCLUDES(mu_);
+  void config(velt_nam_config* out) EXCLUDES(mu_);
   // Null when memory runs out.
-  velt_nam_net_info* copyNetInfo();
-  velt_nam_node_adap_info* copyNodeAdapInfo(int node);
+  velt_nam_net_info* copyNetInfo() EXCLUDES(mu_);
+  velt_nam_node_adap_info* copyNodeAdapInfo(int node) EXCLUDES(mu_);
 
  private:
   explicit Session(int fd);
 
   enum class Step { kApplied, kPartial, kWouldBlock, kFailed };
   // One read of what the message under way wants, and its application.
-  // Requires: mu_ held.
-  Step readStep(int* rc, int* msgType, std::string* why);
+  Step readStepLocked(int* rc, int* msgType, std::string* why) REQUIRES(mu_);
   int sendInit(int timeoutMs, int64_t startMs, std::string* why);
-  int awaitConfig(int timeoutMs, int64_t startMs, std::string* why);
+  int awaitConfigLocked(int timeoutMs, int64_t startMs, std::string* why) REQUIRES(mu_);
 
   const int fd_;
-  std::mutex mu_;
-  // Guarded by mu_.
-  AdapterTable table_;
-  DaemonStream stream_;
-  std::vector<uint8_t> readBuffer_;
+  Mutex mu_;
+  AdapterTable table_ GUARDED_BY(mu_);
+  DaemonStream stream_ GUARDED_BY(mu_);
+  std::vector<uint8_t> readBuffer_ GUARDED_BY(mu_);
   // Set once the session is broken: every later update returns it.
-  int brokenRc_ = 0;
-  std::string brokenWhy_;
+  int brokenRc_ GUARDED_BY(mu_) = 0;
+  std::string brokenWhy_ GUARDED_BY(mu_);
 };
 
 }  // namespace internal

@@ -21,6 +21,7 @@
 #include <mutex>
 #include <string>
 
+#include "velt_mutex.h"
 #include "vx_cu.h"
 
 namespace {
@@ -49,13 +50,13 @@ static_assert(kIdHostSymbols + kIdPidSymbols + kIdTimeSymbols + kIdCounterSymbol
 // guards all of it and serialises the file writes of this process; writes of
 // other processes are serialised by flock on the file itself.
 struct FfdcState {
-  std::mutex mu;
-  bool initialized = false;      // GUARDED_BY(mu)
-  bool envRead = false;          // GUARDED_BY(mu)
-  std::string envPath;           // GUARDED_BY(mu): $VELT_FFDC_LOG, made absolute
-  std::string explicitPath;      // GUARDED_BY(mu): from fc_set_log_file
-  std::string component;         // GUARDED_BY(mu)
-  size_t maxLogBytes = kDefaultMaxLogBytes;  // GUARDED_BY(mu)
+  velt::Mutex mu;
+  bool initialized GUARDED_BY(mu) = false;
+  bool envRead GUARDED_BY(mu) = false;
+  std::string envPath GUARDED_BY(mu);        // $VELT_FFDC_LOG, made absolute
+  std::string explicitPath GUARDED_BY(mu);   // from fc_set_log_file
+  std::string component GUARDED_BY(mu);
+  size_t maxLogBytes GUARDED_BY(mu) = kDefaultMaxLogBytes;
 };
 
 FfdcState& state() {
@@ -255,8 +256,7 @@ bool absolutePath(const char* path, std::string* out) {
 }
 
 // Reads $VELT_FFDC_LOG once. Returns false when it is set but unusable.
-// Requires: state().mu held.
-bool loadEnvPathLocked(FfdcState& st) {
+bool loadEnvPathLocked(FfdcState& st) REQUIRES(st.mu) {
   if (st.envRead) return true;
   st.envRead = true;
   const char* env = getenv("VELT_FFDC_LOG");
@@ -264,8 +264,7 @@ bool loadEnvPathLocked(FfdcState& st) {
   return absolutePath(env, &st.envPath);
 }
 
-// Requires: state().mu held.
-std::string logPathLocked(FfdcState& st) {
+std::string logPathLocked(FfdcState& st) REQUIRES(st.mu) {
   loadEnvPathLocked(st);
   return st.envPath.empty() ? st.explicitPath : st.envPath;
 }
@@ -285,10 +284,11 @@ int openLogFile(const std::string& path) {
 }
 
 // Appends line to the file at path, moving the file to path.1 first when the
-// line would take it past maxBytes. Returns FC_SUCCESS or FC_LOG_OPEN_FAILED.
-// Requires: state().mu held (serialises this process; flock serialises the
-// others that share the file).
-int appendLineLocked(const std::string& path, const std::string& line, size_t maxBytes) {
+// line would take it past the state's bound. Returns FC_SUCCESS or
+// FC_LOG_OPEN_FAILED. The state's mu serialises this process; flock
+// serialises the others that share the file.
+int appendLineLocked(FfdcState& st, const std::string& path, const std::string& line) REQUIRES(st.mu) {
+  const size_t maxBytes = st.maxLogBytes;
   for (int attempt = 0; attempt < kWriteAttempts; ++attempt) {
     int fd = openLogFile(path);
     if (fd < 0) return FC_LOG_OPEN_FAILED;
@@ -356,7 +356,7 @@ void sendToSyslog(int priority, const char* msg) {
 
 int fc_init_1(const char* component) {
   FfdcState& st = state();
-  std::lock_guard<std::mutex> lock(st.mu);
+  velt::MutexLock lock(st.mu);
   if (st.initialized) return FC_ALREADY_INITIALIZED;
   st.initialized = true;
   st.component.assign(component == nullptr ? "" : component,
@@ -375,7 +375,7 @@ int fc_set_log_file(const char* path) {
   std::string full;
   if (!absolutePath(path, &full)) return FC_INVALID_ARGUMENT;
   FfdcState& st = state();
-  std::lock_guard<std::mutex> lock(st.mu);
+  velt::MutexLock lock(st.mu);
   st.explicitPath = full;
   return FC_SUCCESS;
 }
@@ -433,7 +433,7 @@ int fc_log_error(fc_eid_t new_id, const char* ref_id, const char* program, const
   sendToSyslog(syslogPriority(type), sysLine.c_str());
 
   FfdcState& st = state();
-  std::lock_guard<std::mutex> lock(st.mu);
+  velt::MutexLock lock(st.mu);
   std::string path = logPathLocked(st);
   if (path.empty()) return FC_SUCCESS;
 
@@ -465,7 +465,7 @@ int fc_log_error(fc_eid_t new_id, const char* ref_id, const char* program, const
   json += ",\"text\":";
   appendJsonString(json, detail, textLen, kMaxTextBytes);
   json += "}\n";
-  return appendLineLocked(path, json, st.maxLogBytes);
+  return appendLineLocked(st, path, json);
 }
 
 int fc_is_id_empty(const char* id) {
@@ -475,7 +475,7 @@ int fc_is_id_empty(const char* id) {
 
 void fc_set_max_log_bytes_ForTesting(size_t max_bytes) {
   FfdcState& st = state();
-  std::lock_guard<std::mutex> lock(st.mu);
+  velt::MutexLock lock(st.mu);
   st.maxLogBytes = max_bytes == 0 ? kDefaultMaxLogBytes : max_bytes;
 }
 
@@ -485,7 +485,7 @@ void fc_set_syslog_ForTesting(fc_syslog_fn fn) {
 
 void fc_reset_ForTesting(void) {
   FfdcState& st = state();
-  std::lock_guard<std::mutex> lock(st.mu);
+  velt::MutexLock lock(st.mu);
   st.initialized = false;
   st.envRead = false;
   st.envPath.clear();

@@ -39,13 +39,13 @@ namespace {
 // other static object.
 // Lock order: the callback gate, then mu, then a client's own locks.
 struct Registry {
-  std::mutex mu;
-  std::vector<GSClient*> clients;                                // GUARDED_BY(mu), in order of creation
-  std::map<std::pair<std::string, uint16_t>, GSProvider*> providers;   // GUARDED_BY(mu)
-  std::map<uint32_t, GSSubscriber*> subscribers;                 // GUARDED_BY(mu)
-  uint32_t nextSubscriber = 1;                                   // GUARDED_BY(mu)
-  std::set<std::string> names;                                   // GUARDED_BY(mu): interned group names
-  uint64_t nextClient = 1;                                       // GUARDED_BY(mu)
+  velt::Mutex mu;
+  std::vector<GSClient*> clients GUARDED_BY(mu);   // in order of creation
+  std::map<std::pair<std::string, uint16_t>, GSProvider*> providers GUARDED_BY(mu);
+  std::map<uint32_t, GSSubscriber*> subscribers GUARDED_BY(mu);
+  uint32_t nextSubscriber GUARDED_BY(mu) = 1;
+  std::set<std::string> names GUARDED_BY(mu);      // interned group names
+  uint64_t nextClient GUARDED_BY(mu) = 1;
 };
 
 Registry& registry() {
@@ -53,13 +53,13 @@ Registry& registry() {
   return *r;
 }
 
-bool isRegisteredWithLock(Registry& r, const GSClient* c) {
+bool isRegisteredLocked(Registry& r, const GSClient* c) REQUIRES(r.mu) {
   return std::find(r.clients.begin(), r.clients.end(), c) != r.clients.end();
 }
 
 uint64_t nextClientNumber() {
   Registry& r = registry();
-  std::lock_guard<std::mutex> lk(r.mu);
+  velt::MutexLock lk(r.mu);
   return r.nextClient++;
 }
 
@@ -178,7 +178,7 @@ const char* internGroupName(const char* name) {
   size_t len = strnlen(name, kMaxInternedName + 1);
   if (len > kMaxInternedName) return nullptr;
   Registry& r = registry();
-  std::lock_guard<std::mutex> lk(r.mu);
+  velt::MutexLock lk(r.mu);
   auto it = r.names.find(name);
   if (it != r.names.end()) return it->c_str();
   if (r.names.size() >= kMaxInternedNames) return nullptr;
@@ -210,16 +210,16 @@ GSClient::GSClient(const char* groupName, const std::string& traceId) : traceId_
   }
   groupName_.store(interned);
   Registry& r = registry();
-  std::lock_guard<std::mutex> lk(r.mu);
+  velt::MutexLock lk(r.mu);
   r.clients.push_back(this);
 }
 
 GSClient::~GSClient() { unregister(); }
 
 void GSClient::unregister() {
-  std::lock_guard<std::recursive_mutex> gate(internal::ClientAccess::callbackGate());
+  velt::RecursiveMutexLock gate(internal::ClientAccess::callbackGate());
   Registry& r = registry();
-  std::lock_guard<std::mutex> lk(r.mu);
+  velt::MutexLock lk(r.mu);
   r.clients.erase(std::remove(r.clients.begin(), r.clients.end(), this), r.clients.end());
   for (auto it = r.providers.begin(); it != r.providers.end();) {
     it = it->second == this ? r.providers.erase(it) : std::next(it);
@@ -230,13 +230,13 @@ void GSClient::unregister() {
 }
 
 GSClientState GSClient::getClientState() const {
-  std::lock_guard<std::mutex> lk(mu_);
+  velt::MutexLock lk(mu_);
   return state_;
 }
 
 tk_gs_rc_t GSClient::getMembers(GSMembershipList* out) const {
   if (out == nullptr) return TK_GS_BAD_PARAMETER;
-  std::lock_guard<std::mutex> lk(mu_);
+  velt::MutexLock lk(mu_);
   if (!haveMembers_) {
     out->clear();
     return TK_GS_NOT_OK;
@@ -253,7 +253,7 @@ tk_gs_rc_t GSClient::changeGroupName(const char* name) {
   return TK_GS_OK;
 }
 
-void GSClient::setStateWithLock(GSClientState s, uint64_t seq) {
+void GSClient::setStateLocked(GSClientState s, uint64_t seq) {
   state_ = s;
   stateSeq_ = std::max(stateSeq_, seq);
   if (s == GS_IAM_IDLE) {
@@ -264,18 +264,18 @@ void GSClient::setStateWithLock(GSClientState s, uint64_t seq) {
 
 // ---- the routing side ----
 
-std::recursive_mutex& internal::ClientAccess::callbackGate() {
-  static std::recursive_mutex* gate = new std::recursive_mutex;
+velt::RecursiveMutex& internal::ClientAccess::callbackGate() {
+  static velt::RecursiveMutex* gate = new velt::RecursiveMutex;
   return *gate;
 }
 
 void internal::ClientAccess::deliver(const proto::Notification& n, uint64_t seq, uint16_t node) {
-  std::lock_guard<std::recursive_mutex> gate(callbackGate());
+  velt::RecursiveMutexLock gate(callbackGate());
   Registry& r = registry();
   GSProvider* provider = nullptr;
   GSSubscriber* subscriber = nullptr;
   {
-    std::lock_guard<std::mutex> lk(r.mu);
+    velt::MutexLock lk(r.mu);
     if (n.for_subscriber()) {
       auto it = r.subscribers.find(n.subscriber());
       if (it != r.subscribers.end()) subscriber = it->second;
@@ -300,29 +300,29 @@ void internal::ClientAccess::deliver(const proto::Notification& n, uint64_t seq,
 }
 
 void internal::ClientAccess::deliverDeath(uint64_t seq) {
-  std::lock_guard<std::recursive_mutex> gate(callbackGate());
+  velt::RecursiveMutexLock gate(callbackGate());
   Registry& r = registry();
   std::vector<GSClient*> snapshot;
   {
-    std::lock_guard<std::mutex> lk(r.mu);
+    velt::MutexLock lk(r.mu);
     snapshot = r.clients;
     r.subscribers.clear();
   }
   for (GSClient* c : snapshot) {
     {
       // A callback before may have destroyed it.
-      std::lock_guard<std::mutex> lk(r.mu);
-      if (!isRegisteredWithLock(r, c)) continue;
+      velt::MutexLock lk(r.mu);
+      if (!isRegisteredLocked(r, c)) continue;
     }
     {
-      std::lock_guard<std::mutex> lk(c->mu_);
-      c->setStateWithLock(GS_IAM_IDLE, seq);
+      velt::MutexLock lk(c->mu_);
+      c->setStateLocked(GS_IAM_IDLE, seq);
     }
     tk_gs_membership_t empty = {0, nullptr};
     if (c->getClientType() == GS_PROVIDER_CLIENT) {
       GSProvider* p = static_cast<GSProvider*>(c);
       {
-        std::lock_guard<std::mutex> lk(p->providerMu_);
+        velt::MutexLock lk(p->providerMu_);
         p->voteOwed_ = false;
       }
       tk_gs_announcement_notification_t a;
@@ -348,16 +348,16 @@ void internal::ClientAccess::deliverDeath(uint64_t seq) {
 
 void internal::ClientAccess::resetAll(uint64_t seq) {
   Registry& r = registry();
-  std::lock_guard<std::mutex> lk(r.mu);
+  velt::MutexLock lk(r.mu);
   r.subscribers.clear();
   for (GSClient* c : r.clients) {
     {
-      std::lock_guard<std::mutex> clk(c->mu_);
-      c->setStateWithLock(GS_IAM_IDLE, seq);
+      velt::MutexLock clk(c->mu_);
+      c->setStateLocked(GS_IAM_IDLE, seq);
     }
     if (c->getClientType() == GS_PROVIDER_CLIENT) {
       GSProvider* p = static_cast<GSProvider*>(c);
-      std::lock_guard<std::mutex> plk(p->providerMu_);
+      velt::MutexLock plk(p->providerMu_);
       p->voteOwed_ = false;
     } else {
       static_cast<GSSubscriber*>(c)->number_.store(0);
@@ -382,7 +382,7 @@ void internal::ClientAccess::deliverToProvider(GSProvider* p, const proto::Notif
   // Record what the notification says before the callback runs, so that
   // the callback (and every other thread) sees the new state.
   {
-    std::lock_guard<std::mutex> lk(p->mu_);
+    velt::MutexLock lk(p->mu_);
     if (seq > p->stateSeq_) {
       GSClientState s = p->state_;
       switch (n.kind()) {
@@ -406,7 +406,7 @@ void internal::ClientAccess::deliverToProvider(GSProvider* p, const proto::Notif
         default:
           break;
       }
-      if (s != p->state_) p->setStateWithLock(s, seq);
+      if (s != p->state_) p->setStateLocked(s, seq);
       bool carriesMembership = n.kind() == proto::Notification::N_PHASE ||
                                n.kind() == proto::Notification::APPROVED ||
                                n.kind() == proto::Notification::REJECTED;
@@ -418,7 +418,7 @@ void internal::ClientAccess::deliverToProvider(GSProvider* p, const proto::Notif
     }
   }
   {
-    std::lock_guard<std::mutex> lk(p->providerMu_);
+    velt::MutexLock lk(p->providerMu_);
     switch (n.kind()) {
       case proto::Notification::N_PHASE:
         p->voteOwed_ = true;
@@ -547,14 +547,14 @@ void internal::ClientAccess::deliverToSubscriber(GSSubscriber* s, const proto::N
   const unsigned int type = n.subscription_type();
   bool forget = false;   // the subscription ended on the agent's side
   {
-    std::lock_guard<std::mutex> lk(s->mu_);
+    velt::MutexLock lk(s->mu_);
     if (seq > s->stateSeq_) {
       if (n.kind() == proto::Notification::SUBSCRIPTION) {
         if ((type & (TK_GS_SUBSCRIPTION_DISSOLVED | TK_GS_SUBSCRIPTION_GS_HAS_DIED)) != 0) {
-          s->setStateWithLock(GS_IAM_IDLE, seq);
+          s->setStateLocked(GS_IAM_IDLE, seq);
           forget = true;
         } else {
-          if (s->state_ != GS_IAM_SUBSCRIBED) s->setStateWithLock(GS_IAM_SUBSCRIBED, seq);
+          if (s->state_ != GS_IAM_SUBSCRIBED) s->setStateLocked(GS_IAM_SUBSCRIBED, seq);
           s->members_.clear();
           for (const proto::ProviderId& id : n.current()) {
             s->members_.add(gsMakeProvider(static_cast<uint16_t>(id.node()), static_cast<uint16_t>(id.instance())));
@@ -564,7 +564,7 @@ void internal::ClientAccess::deliverToSubscriber(GSSubscriber* s, const proto::N
       } else if (n.kind() == proto::Notification::DELAYED_ERROR && n.delayed_rc() != TK_GS_UNKNOWN_GROUP) {
         // An unknown group keeps the subscription pending until the group
         // appears; any other delayed error ends it.
-        s->setStateWithLock(GS_IAM_IDLE, seq);
+        s->setStateLocked(GS_IAM_IDLE, seq);
         forget = true;
       }
     }
@@ -575,7 +575,7 @@ void internal::ClientAccess::deliverToSubscriber(GSSubscriber* s, const proto::N
     s->number_.compare_exchange_strong(expected, 0);
     {
       Registry& r = registry();
-      std::lock_guard<std::mutex> lk(r.mu);
+      velt::MutexLock lk(r.mu);
       r.subscribers.erase(number);
     }
     if (n.kind() == proto::Notification::SUBSCRIPTION) {
@@ -706,7 +706,7 @@ tk_gs_rc_t GSProvider::joinGroup() {
   join->set_instance(static_cast<uint32_t>(instance_));
   join->set_client_name(clientName_);
   {
-    std::lock_guard<std::mutex> lk(providerMu_);
+    velt::MutexLock lk(providerMu_);
     if (attributes_.given) {
       fillAttributes(attributes_.a, group, attributes_.hasSource ? &attributes_.sourceGroupName : nullptr,
                      join->mutable_attributes());
@@ -719,14 +719,14 @@ tk_gs_rc_t GSProvider::joinGroup() {
   // before this thread sees the answer.
   uint64_t mark = internal::ControllerAccess::lastFrameSeq();
   {
-    std::lock_guard<std::mutex> lk(mu_);
+    velt::MutexLock lk(mu_);
     if (state_ != GS_IAM_IDLE) return TK_GS_ALREADY_JOINED;
-    setStateWithLock(GS_IAM_JOINING, mark);
+    setStateLocked(GS_IAM_JOINING, mark);
     mark = stateSeq_;
   }
   {
     Registry& r = registry();
-    std::lock_guard<std::mutex> lk(r.mu);
+    velt::MutexLock lk(r.mu);
     auto key = std::make_pair(std::string(group), static_cast<uint16_t>(instance_));
     auto it = r.providers.find(key);
     if (it != r.providers.end() && it->second != this && it->second->getClientState() != GS_IAM_IDLE) {
@@ -741,9 +741,9 @@ tk_gs_rc_t GSProvider::joinGroup() {
     rc = result.rc;
   }
   if (rc != TK_GS_OK) {
-    std::lock_guard<std::mutex> lk(mu_);
+    velt::MutexLock lk(mu_);
     // Undone only when nothing newer settled the state meanwhile.
-    if (state_ == GS_IAM_JOINING && stateSeq_ == mark) setStateWithLock(GS_IAM_IDLE, result.seq);
+    if (state_ == GS_IAM_JOINING && stateSeq_ == mark) setStateLocked(GS_IAM_IDLE, result.seq);
   }
   return rc;
 }
@@ -759,9 +759,9 @@ tk_gs_rc_t GSProvider::goodbyeGroup() {
   internal::CallResult result = internal::ControllerAccess::call(&request, "goodbye");
   if (result.rc == TK_GS_OK) {
     // The others are told; we are out at once.
-    std::lock_guard<std::mutex> lk(mu_);
-    if (result.seq > stateSeq_) setStateWithLock(GS_IAM_IDLE, result.seq);
-    std::lock_guard<std::mutex> plk(providerMu_);
+    velt::MutexLock lk(mu_);
+    if (result.seq > stateSeq_) setStateLocked(GS_IAM_IDLE, result.seq);
+    velt::MutexLock plk(providerMu_);
     voteOwed_ = false;
   }
   return result.rc;
@@ -877,7 +877,7 @@ tk_gs_rc_t GSProvider::vote(tk_gs_vote_t voteValue, const tk_gs_state_value_t* n
   proto::Request request;
   proto::Vote* pv = request.mutable_vote();
   {
-    std::lock_guard<std::mutex> lk(providerMu_);
+    velt::MutexLock lk(providerMu_);
     if (!voteOwed_) return TK_GS_INVALID_STATE;
     pv->set_protocol(voteProtocol_);
     pv->set_phase(votePhase_);
@@ -901,7 +901,7 @@ tk_gs_rc_t GSProvider::vote(tk_gs_vote_t voteValue, const tk_gs_state_value_t* n
   internal::CallResult result = internal::ControllerAccess::call(&request, "vote");
   if (result.rc == TK_GS_OK) {
     // One vote per phase: the next n-phase notification asks again.
-    std::lock_guard<std::mutex> lk(providerMu_);
+    velt::MutexLock lk(providerMu_);
     if (voteOwed_ && voteProtocol_ == protocol && votePhase_ == phase) voteOwed_ = false;
   }
   return result.rc;
@@ -929,7 +929,7 @@ tk_gs_rc_t GSProvider::setGroupAttributes(const tk_gs_group_attributes_t* attrib
   if (attributes == nullptr) return TK_GS_BAD_PARAMETER;
   tk_gs_rc_t rc = checkAttributes(*attributes, getGroupName());
   if (rc != TK_GS_OK) return rc;
-  std::lock_guard<std::mutex> lk(providerMu_);
+  velt::MutexLock lk(providerMu_);
   attributes_.given = true;
   attributes_.a = *attributes;
   // The names are copied: the caller's texts need not outlive the call.
@@ -946,7 +946,7 @@ tk_gs_provider_t GSProvider::getProviderId() const {
 
 tk_gs_rc_t GSProvider::getStateValue(std::string* out) const {
   if (out == nullptr) return TK_GS_BAD_PARAMETER;
-  std::lock_guard<std::mutex> lk(providerMu_);
+  velt::MutexLock lk(providerMu_);
   if (!haveStateValue_) return TK_GS_NOT_OK;
   *out = stateValue_;
   return TK_GS_OK;
@@ -988,9 +988,9 @@ tk_gs_rc_t GSSubscriber::subscribeGroup() {
 
   uint64_t mark = internal::ControllerAccess::lastFrameSeq();
   {
-    std::lock_guard<std::mutex> lk(mu_);
+    velt::MutexLock lk(mu_);
     if (state_ != GS_IAM_IDLE) return TK_GS_ALREADY_SUBSCRIBED;
-    setStateWithLock(GS_IAM_SUBSCRIBING, mark);
+    setStateLocked(GS_IAM_SUBSCRIBING, mark);
     mark = stateSeq_;
   }
   // Each subscription gets a number of its own, so that notifications of
@@ -998,7 +998,7 @@ tk_gs_rc_t GSSubscriber::subscribeGroup() {
   uint32_t number;
   {
     Registry& r = registry();
-    std::lock_guard<std::mutex> lk(r.mu);
+    velt::MutexLock lk(r.mu);
     do {
       number = r.nextSubscriber++;
     } while (number == 0 || r.subscribers.count(number) != 0);
@@ -1013,13 +1013,13 @@ tk_gs_rc_t GSSubscriber::subscribeGroup() {
   internal::CallResult result = internal::ControllerAccess::call(&request, "subscribe");
   if (result.rc != TK_GS_OK) {
     {
-      std::lock_guard<std::mutex> lk(mu_);
-      if (state_ == GS_IAM_SUBSCRIBING && stateSeq_ == mark) setStateWithLock(GS_IAM_IDLE, result.seq);
+      velt::MutexLock lk(mu_);
+      if (state_ == GS_IAM_SUBSCRIBING && stateSeq_ == mark) setStateLocked(GS_IAM_IDLE, result.seq);
     }
     uint32_t expected = number;
     number_.compare_exchange_strong(expected, 0);
     Registry& r = registry();
-    std::lock_guard<std::mutex> lk(r.mu);
+    velt::MutexLock lk(r.mu);
     auto it = r.subscribers.find(number);
     if (it != r.subscribers.end() && it->second == this) r.subscribers.erase(it);
   }
@@ -1040,13 +1040,13 @@ tk_gs_rc_t GSSubscriber::unsubscribeGroup() {
   bool ended = result.rc == TK_GS_OK || result.rc == TK_GS_NOT_SUBSCRIBED;
   if (ended) {
     {
-      std::lock_guard<std::mutex> lk(mu_);
-      setStateWithLock(GS_IAM_IDLE, std::max(result.seq, stateSeq_));
+      velt::MutexLock lk(mu_);
+      setStateLocked(GS_IAM_IDLE, std::max(result.seq, stateSeq_));
     }
     uint32_t expected = number;
     number_.compare_exchange_strong(expected, 0);
     Registry& r = registry();
-    std::lock_guard<std::mutex> lk(r.mu);
+    velt::MutexLock lk(r.mu);
     auto it = r.subscribers.find(number);
     if (it != r.subscribers.end() && it->second == this) r.subscribers.erase(it);
   }

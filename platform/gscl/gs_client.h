@@ -12,11 +12,11 @@
 #include <stdint.h>
 
 #include <atomic>
-#include <mutex>
 #include <string>
 
 #include "gs_types.h"
 #include "gs_utils.h"
+#include "velt_mutex.h"
 
 namespace velt_gscl_V1 {
 
@@ -85,21 +85,20 @@ class GSClient : public GSObject {
 
   // Sets the state and the frame number it reflects (a newer number
   // wins; older frames no longer change it). Idle forgets the membership.
-  // Requires: mu_ held.
-  void setStateWithLock(GSClientState s, uint64_t seq);
+  void setStateLocked(GSClientState s, uint64_t seq) REQUIRES(mu_);
 
   std::atomic<const char*> groupName_;   // interned, never freed
   std::string traceId_;                  // written once in the constructor
 
   // Lock order: the registry's lock before mu_; mu_ is never held while a
   // request waits for the agent or a callback runs.
-  mutable std::mutex mu_;
-  GSClientState state_ = GS_IAM_IDLE;    // GUARDED_BY(mu_)
-  // GUARDED_BY(mu_): number of the newest agent frame the state reflects,
-  // so that notifications dispatched late never undo a newer sync answer.
-  uint64_t stateSeq_ = 0;
-  GSMembershipList members_;             // GUARDED_BY(mu_)
-  bool haveMembers_ = false;             // GUARDED_BY(mu_)
+  mutable velt::Mutex mu_;
+  GSClientState state_ GUARDED_BY(mu_) = GS_IAM_IDLE;
+  // Number of the newest agent frame the state reflects, so that
+  // notifications dispatched late never undo a newer sync answer.
+  uint64_t stateSeq_ GUARDED_BY(mu_) = 0;
+  GSMembershipList members_ GUARDED_BY(mu_);
+  bool haveMembers_ GUARDED_BY(mu_) = false;
 };
 
 // One provider (instance number on this node) of one group. Thread-safe:
@@ -185,13 +184,13 @@ class GSProvider : public GSClient {
 
   // Taken after GSClient's lock when both are needed; never held while
   // calling the agent.
-  mutable std::mutex providerMu_;
-  Attributes attributes_;               // GUARDED_BY(providerMu_)
-  bool voteOwed_ = false;               // GUARDED_BY(providerMu_)
-  uint64_t voteProtocol_ = 0;           // GUARDED_BY(providerMu_)
-  uint32_t votePhase_ = 0;              // GUARDED_BY(providerMu_)
-  std::string stateValue_;              // GUARDED_BY(providerMu_)
-  bool haveStateValue_ = false;         // GUARDED_BY(providerMu_)
+  mutable velt::Mutex providerMu_;
+  Attributes attributes_ GUARDED_BY(providerMu_);
+  bool voteOwed_ GUARDED_BY(providerMu_) = false;
+  uint64_t voteProtocol_ GUARDED_BY(providerMu_) = 0;
+  uint32_t votePhase_ GUARDED_BY(providerMu_) = 0;
+  std::string stateValue_ GUARDED_BY(providerMu_);
+  bool haveStateValue_ GUARDED_BY(providerMu_) = false;
 };
 
 // A subscriber to one group's membership. Thread-safe: subscribe and

@@ -13,11 +13,9 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -27,6 +25,7 @@
 #include "internal/gs_internal.h"
 #include "internal/gs_link.h"
 #include "velt.pb.h"
+#include "velt_mutex.h"
 #include "vx_ffdc.h"
 
 namespace velt_gscl_V1 {
@@ -270,7 +269,8 @@ std::atomic<GSController*> theController{nullptr};
 
 // One answer awaited: filled by the reader thread (or by quit and the
 // loss of the connection), read by the waiting caller. Guarded by the
-// controller's mu.
+// controller's mu, which is not annotated here: the analysis cannot name
+// a mutex of the controller from this struct.
 struct PendingCall {
   bool done = false;
   bool detached = false;    // nobody waits: the answer is only traced
@@ -301,41 +301,40 @@ struct GSController::Impl {
   // Lock order: sendMu before mu. mu is never held while a system call
   // could block (except the short shutdown in quit), nor while a callback
   // or a registered debug routine runs.
-  std::mutex sendMu;   // one message at a time on the socket
-  mutable std::mutex mu;
-  std::condition_variable queueCv;   // a queued item, the death, or quit
-  std::condition_variable replyCv;   // an answer came, or quit
+  velt::Mutex sendMu;   // one message at a time on the socket
+  mutable velt::Mutex mu;
+  velt::CondVar queueCv;   // a queued item, the death, or quit
+  velt::CondVar replyCv;   // an answer came, or quit
 
-  // GUARDED_BY(mu):
-  int fd = -1;
-  bool dead = false;        // the connection is lost (its death is queued)
-  bool quitting = false;    // quit() is taking the connection down
-  std::thread reader;       // started by initialize, joined by quit
-  std::string socketPath;
-  tk_gs_responsiveness_t responsiveness{};
-  unsigned int socketOptions = 0;
-  tk_gs_velt_version_t activeVersion{};
-  bool haveActiveVersion = false;
-  int node = -1;
-  uint32_t agentVersion = 0;
-  char ffdcId[FC_ID_LEN + 1] = {0};
-  std::map<uint64_t, std::shared_ptr<PendingCall>> pending;
-  uint64_t nextRequestId = 1;
-  uint64_t frameSeq = 0;    // frames read, all connections
-  std::deque<QueuedItem> queue;
-  size_t queuedBytes = 0;
-  int waitingDispatchers = 0;
-  bool havePing = false;    // a ping is being dispatched
-  uint64_t pingSeq = 0;
-  std::map<std::string, tk_gs_adapter_info_t> adapters;   // by 16-byte address
-  bool adapterBoundReported = false;
-  std::chrono::milliseconds handshakeBound = kDefaultHandshakeBound;
-  std::chrono::milliseconds requestBound = kDefaultRequestBound;
+  int fd GUARDED_BY(mu) = -1;
+  bool dead GUARDED_BY(mu) = false;       // the connection is lost (its death is queued)
+  bool quitting GUARDED_BY(mu) = false;   // quit() is taking the connection down
+  std::thread reader GUARDED_BY(mu);      // started by initialize, joined by quit
+  std::string socketPath GUARDED_BY(mu);
+  tk_gs_responsiveness_t responsiveness GUARDED_BY(mu){};
+  unsigned int socketOptions GUARDED_BY(mu) = 0;
+  tk_gs_velt_version_t activeVersion GUARDED_BY(mu){};
+  bool haveActiveVersion GUARDED_BY(mu) = false;
+  int node GUARDED_BY(mu) = -1;
+  uint32_t agentVersion GUARDED_BY(mu) = 0;
+  char ffdcId[FC_ID_LEN + 1] GUARDED_BY(mu) = {0};
+  std::map<uint64_t, std::shared_ptr<PendingCall>> pending GUARDED_BY(mu);
+  uint64_t nextRequestId GUARDED_BY(mu) = 1;
+  uint64_t frameSeq GUARDED_BY(mu) = 0;   // frames read, all connections
+  std::deque<QueuedItem> queue GUARDED_BY(mu);
+  size_t queuedBytes GUARDED_BY(mu) = 0;
+  int waitingDispatchers GUARDED_BY(mu) = 0;
+  bool havePing GUARDED_BY(mu) = false;   // a ping is being dispatched
+  uint64_t pingSeq GUARDED_BY(mu) = 0;
+  std::map<std::string, tk_gs_adapter_info_t> adapters GUARDED_BY(mu);   // by 16-byte address
+  bool adapterBoundReported GUARDED_BY(mu) = false;
+  std::chrono::milliseconds handshakeBound GUARDED_BY(mu) = kDefaultHandshakeBound;
+  std::chrono::milliseconds requestBound GUARDED_BY(mu) = kDefaultRequestBound;
 
   void readerLoop(int fd);
   // Handles one frame from the reader. Returns false (with *why) when the
-  // connection has to be given up. Requires: mu held.
-  bool takeFrameWithLock(proto::AgentFrame&& f, size_t bytes, std::string* why);
+  // connection has to be given up.
+  bool takeFrameLocked(proto::AgentFrame&& f, size_t bytes, std::string* why) REQUIRES(mu);
   void connectionLost(const std::string& why, int err);
   // Sends one frame. Returns 0 or an errno value (ENOTCONN without a
   // connection).
@@ -399,14 +398,14 @@ void GSController::Impl::readerLoop(int rfd) {
     }
     size_t bytes = message.size();
     message.clear();
-    std::unique_lock<std::mutex> lk(mu);
+    velt::MutexLock lk(mu);
     if (quitting) return;
-    if (!takeFrameWithLock(std::move(frame), bytes, &why)) break;
+    if (!takeFrameLocked(std::move(frame), bytes, &why)) break;
   }
   connectionLost(why, err);
 }
 
-bool GSController::Impl::takeFrameWithLock(proto::AgentFrame&& f, size_t bytes, std::string* why) {
+bool GSController::Impl::takeFrameLocked(proto::AgentFrame&& f, size_t bytes, std::string* why) {
   uint64_t seq = ++frameSeq;
   if (f.body_case() == proto::AgentFrame::kReply) {
     const proto::Reply& reply = f.reply();
@@ -433,7 +432,7 @@ bool GSController::Impl::takeFrameWithLock(proto::AgentFrame&& f, size_t bytes, 
       }
       return true;
     }
-    replyCv.notify_all();
+    replyCv.notifyAll();
     return true;
   }
   if (queue.size() >= kMaxQueuedNotifications || queuedBytes + bytes > kMaxQueuedBytes) {
@@ -447,14 +446,14 @@ bool GSController::Impl::takeFrameWithLock(proto::AgentFrame&& f, size_t bytes, 
   item.frame = std::move(f);
   queue.push_back(std::move(item));
   queuedBytes += bytes;
-  queueCv.notify_all();
+  queueCv.notifyAll();
   return true;
 }
 
 void GSController::Impl::connectionLost(const std::string& why, int err) {
   std::string path;
   {
-    std::lock_guard<std::mutex> lk(mu);
+    velt::MutexLock lk(mu);
     if (quitting) return;   // quit() took the connection down: no death to announce
     path = socketPath;
   }
@@ -469,7 +468,7 @@ void GSController::Impl::connectionLost(const std::string& why, int err) {
   fc_log_error(id, nullptr, program_invocation_short_name, GSTraceDebugName(), __FILE__, "1", __LINE__, 1, 0,
                &kAgentLostTemplate, text.c_str(), text.size(), nullptr);
 
-  std::lock_guard<std::mutex> lk(mu);
+  velt::MutexLock lk(mu);
   if (!fc_is_id_empty(id)) memcpy(ffdcId, id, sizeof ffdcId);
   if (quitting) return;
   dead = true;
@@ -482,8 +481,8 @@ void GSController::Impl::connectionLost(const std::string& why, int err) {
   death.death = true;
   death.seq = ++frameSeq;
   queue.push_back(std::move(death));
-  replyCv.notify_all();
-  queueCv.notify_all();
+  replyCv.notifyAll();
+  queueCv.notifyAll();
 }
 
 // ---- sending and requests ----
@@ -492,10 +491,10 @@ int GSController::Impl::sendFrame(const proto::ClientFrame& f) {
   std::string bytes;
   if (!f.SerializeToString(&bytes)) return EINVAL;
   if (bytes.size() > velt::wire::kDefaultMaxMessage) return EMSGSIZE;
-  std::lock_guard<std::mutex> sendLock(sendMu);
+  velt::MutexLock sendLock(sendMu);
   int sfd;
   {
-    std::lock_guard<std::mutex> lk(mu);
+    velt::MutexLock lk(mu);
     if (fd < 0 || quitting) return ENOTCONN;
     if (dead) return EPIPE;
     sfd = fd;
@@ -513,7 +512,7 @@ internal::CallResult GSController::Impl::call(proto::Request* request, const cha
   uint64_t id;
   std::chrono::milliseconds bound;
   {
-    std::lock_guard<std::mutex> lk(mu);
+    velt::MutexLock lk(mu);
     if (fd < 0 || quitting) {
       result.rc = TK_GS_NOT_INITIALIZED;
       return result;
@@ -532,7 +531,7 @@ internal::CallResult GSController::Impl::call(proto::Request* request, const cha
   *frame.mutable_request() = *request;
   int err = sendFrame(frame);
   if (err != 0) {
-    std::lock_guard<std::mutex> lk(mu);
+    velt::MutexLock lk(mu);
     pending.erase(id);
     char etext[128];
     GSDebugPrintf(0, "gscl: cannot send %s to the agent: %s", what, strerror_r(err, etext, sizeof etext));
@@ -551,8 +550,12 @@ internal::CallResult GSController::Impl::call(proto::Request* request, const cha
     result.rc = TK_GS_OK;
     return result;
   }
-  std::unique_lock<std::mutex> lk(mu);
-  bool answered = replyCv.wait_for(lk, bound, [&] { return pendingCall->done; });
+  velt::MutexLock lk(mu);
+  const auto deadline = std::chrono::steady_clock::now() + bound;
+  while (!pendingCall->done) {
+    if (!replyCv.waitUntil(mu, deadline)) break;
+  }
+  const bool answered = pendingCall->done;
   pending.erase(id);
   if (!answered) {
     lk.unlock();
@@ -580,7 +583,7 @@ internal::CallResult GSController::Impl::call(proto::Request* request, const cha
 // ---- dispatch ----
 
 void GSController::Impl::storeAdapters(const proto::Notification& n) {
-  std::lock_guard<std::mutex> lk(mu);
+  velt::MutexLock lk(mu);
   for (const auto* list : {&n.full_ip(), &n.changing_ip()}) {
     for (const proto::AdapterInfo& a : *list) {
       std::string key = ipKey(a.ip());
@@ -618,7 +621,7 @@ tk_gs_rc_t GSController::Impl::processItem(QueuedItem& item) {
   switch (f.body_case()) {
     case proto::AgentFrame::kPing: {
       {
-        std::lock_guard<std::mutex> lk(mu);
+        velt::MutexLock lk(mu);
         havePing = true;
         pingSeq = f.ping().seq();
       }
@@ -627,7 +630,7 @@ tk_gs_rc_t GSController::Impl::processItem(QueuedItem& item) {
       n.gs_notification_type = TK_GS_RESPONSIVENESS_NOTIFICATION;
       n.gs_time_limit = static_cast<uint16_t>(std::min<uint32_t>(f.ping().time_limit(), 0xffff));
       self->responsivenessCb(&n);
-      std::lock_guard<std::mutex> lk(mu);
+      velt::MutexLock lk(mu);
       havePing = false;
       return TK_GS_OK;
     }
@@ -650,7 +653,7 @@ tk_gs_rc_t GSController::Impl::processItem(QueuedItem& item) {
       if (n.kind() == proto::Notification::SUBSCRIPTION) storeAdapters(n);
       uint16_t node;
       {
-        std::lock_guard<std::mutex> lk(mu);
+        velt::MutexLock lk(mu);
         node = static_cast<uint16_t>(this->node < 0 ? 0 : this->node);
       }
       internal::ClientAccess::deliver(n, item.seq, node);
@@ -689,7 +692,7 @@ GSController::~GSController() {
 tk_gs_rc_t GSController::initialize() {
   char etext[128];
   {
-    std::lock_guard<std::mutex> lk(impl_->mu);
+    velt::MutexLock lk(impl_->mu);
     if (impl_->fd >= 0) return TK_GS_ALREADY_INITIALIZED;
   }
 
@@ -737,7 +740,7 @@ tk_gs_rc_t GSController::initialize() {
   hello.set_version(kWireVersion);
   std::chrono::milliseconds handshakeBound;
   {
-    std::lock_guard<std::mutex> lk(impl_->mu);
+    velt::MutexLock lk(impl_->mu);
     proto::Hello* h = hello.mutable_hello();
     h->set_interface_word(static_cast<uint32_t>(interfaceWord_));
     h->set_pid(static_cast<uint32_t>(getpid()));
@@ -798,7 +801,7 @@ tk_gs_rc_t GSController::initialize() {
   const proto::HelloReply& reply = answer.hello_reply();
 
   {
-    std::lock_guard<std::mutex> lk(impl_->mu);
+    velt::MutexLock lk(impl_->mu);
     if (impl_->fd >= 0) {
       // Another initialize won the race; ours is not needed.
       close(fd);
@@ -840,7 +843,7 @@ void GSController::quit() {
   std::thread reader;
   uint64_t seq;
   {
-    std::lock_guard<std::mutex> lk(impl_->mu);
+    velt::MutexLock lk(impl_->mu);
     if (impl_->fd < 0 || impl_->quitting) return;
     impl_->quitting = true;
     // Ends the reader's wait, and tells the agent at once.
@@ -852,8 +855,8 @@ void GSController::quit() {
     impl_->pending.clear();
     impl_->queue.clear();
     impl_->queuedBytes = 0;
-    impl_->replyCv.notify_all();
-    impl_->queueCv.notify_all();
+    impl_->replyCv.notifyAll();
+    impl_->queueCv.notifyAll();
     reader = std::move(impl_->reader);
     seq = ++impl_->frameSeq;
   }
@@ -868,8 +871,8 @@ void GSController::quit() {
   // The descriptor is closed only once no send uses it, so that a number
   // reused by another open never gets written to here. A send in progress
   // ends at once: the socket is shut down.
-  std::lock_guard<std::mutex> sendLock(impl_->sendMu);
-  std::lock_guard<std::mutex> lk(impl_->mu);
+  velt::MutexLock sendLock(impl_->sendMu);
+  velt::MutexLock lk(impl_->mu);
   close(impl_->fd);
   impl_->fd = -1;
   impl_->dead = false;
@@ -879,7 +882,7 @@ void GSController::quit() {
 tk_gs_rc_t GSController::dispatch(tk_gs_dispatch_type_t how) {
   const int howBits = enumBits(how);
   if (howBits != TK_GS_BLOCKING && howBits != TK_GS_NON_BLOCKING) return TK_GS_BAD_PARAMETER;
-  std::unique_lock<std::mutex> lk(impl_->mu);
+  velt::MutexLock lk(impl_->mu);
   while (true) {
     if (impl_->fd < 0 || impl_->quitting) return TK_GS_NOT_INITIALIZED;
     if (!impl_->queue.empty()) {
@@ -899,7 +902,7 @@ tk_gs_rc_t GSController::dispatch(tk_gs_dispatch_type_t how) {
     // Waits without a time limit by design: the dispatch thread has
     // nothing else to do, and quit() or the agent's next frame wakes it.
     ++impl_->waitingDispatchers;
-    impl_->queueCv.wait(lk);
+    impl_->queueCv.wait(impl_->mu);
     --impl_->waitingDispatchers;
   }
 }
@@ -908,7 +911,7 @@ tk_gs_callback_rc_t GSController::responsivenessCb(const tk_gs_responsiveness_no
   if (n == nullptr) return TK_GS_CALLBACK_NOT_OK;
   uint64_t seq;
   {
-    std::lock_guard<std::mutex> lk(impl_->mu);
+    velt::MutexLock lk(impl_->mu);
     if (!impl_->havePing) return TK_GS_CALLBACK_OK;   // not called from dispatch: nothing to answer
     impl_->havePing = false;
     seq = impl_->pingSeq;
@@ -941,7 +944,7 @@ tk_gs_rc_t GSController::changeResponsiveness(const tk_gs_responsiveness_t* r) {
   if (r == nullptr || !validResponsiveness(*r)) return TK_GS_BAD_PARAMETER;
   bool connected;
   {
-    std::lock_guard<std::mutex> lk(impl_->mu);
+    velt::MutexLock lk(impl_->mu);
     impl_->responsiveness = *r;
     connected = impl_->fd >= 0 && !impl_->quitting;
   }
@@ -960,34 +963,37 @@ tk_gs_rc_t GSController::dissolveDomain() {
 
 tk_gs_rc_t GSController::setResponsiveness(const tk_gs_responsiveness_t& r) {
   if (!validResponsiveness(r)) return TK_GS_BAD_PARAMETER;
-  std::lock_guard<std::mutex> lk(impl_->mu);
+  velt::MutexLock lk(impl_->mu);
   impl_->responsiveness = r;
   return TK_GS_OK;
 }
 
-const tk_gs_responsiveness_t& GSController::responsiveness() const { return impl_->responsiveness; }
+tk_gs_responsiveness_t GSController::responsiveness() const {
+  velt::MutexLock lk(impl_->mu);
+  return impl_->responsiveness;
+}
 
 tk_gs_rc_t GSController::setSocketOption(int option) {
   if (!knownSocketOption(option)) return TK_GS_BAD_PARAMETER;
-  std::lock_guard<std::mutex> lk(impl_->mu);
+  velt::MutexLock lk(impl_->mu);
   impl_->socketOptions |= 1u << option;
   return TK_GS_OK;
 }
 
 bool GSController::isSocketOptionSet(int option) const {
   if (!knownSocketOption(option)) return false;
-  std::lock_guard<std::mutex> lk(impl_->mu);
+  velt::MutexLock lk(impl_->mu);
   return (impl_->socketOptions & (1u << option)) != 0;
 }
 
 const char* GSController::get_ffdc_id() const {
-  std::lock_guard<std::mutex> lk(impl_->mu);
+  velt::MutexLock lk(impl_->mu);
   return impl_->ffdcId[0] != '\0' ? impl_->ffdcId : nullptr;
 }
 
 tk_gs_rc_t GSController::get_velt_active_version(tk_gs_velt_version_t* out) const {
   if (out == nullptr) return TK_GS_BAD_PARAMETER;
-  std::lock_guard<std::mutex> lk(impl_->mu);
+  velt::MutexLock lk(impl_->mu);
   if (!impl_->haveActiveVersion) {
     memset(out, 0, sizeof *out);
     return TK_GS_NOT_OK;
@@ -999,7 +1005,7 @@ tk_gs_rc_t GSController::get_velt_active_version(tk_gs_velt_version_t* out) cons
 tk_gs_rc_t GSController::get_adapter_info(const tk_gs_ip_addr* ip, tk_gs_adapter_info_t* info) const {
   if (ip == nullptr || info == nullptr) return TK_GS_BAD_PARAMETER;
   std::string key(reinterpret_cast<const char*>(ip->gs_bytes), sizeof ip->gs_bytes);
-  std::lock_guard<std::mutex> lk(impl_->mu);
+  velt::MutexLock lk(impl_->mu);
   auto it = impl_->adapters.find(key);
   if (it == impl_->adapters.end()) return TK_GS_ADDRESS_UNKNOWN;
   *info = it->second;
@@ -1009,38 +1015,38 @@ tk_gs_rc_t GSController::get_adapter_info(const tk_gs_ip_addr* ip, tk_gs_adapter
 const char* GSController::getTraceIdStr() const { return impl_->traceId.c_str(); }
 
 void GSController::setActiveVersion(const tk_gs_velt_version_t& v) {
-  std::lock_guard<std::mutex> lk(impl_->mu);
+  velt::MutexLock lk(impl_->mu);
   impl_->activeVersion = v;
   impl_->haveActiveVersion = true;
 }
 
 bool GSController::isConnected() const {
-  std::lock_guard<std::mutex> lk(impl_->mu);
+  velt::MutexLock lk(impl_->mu);
   return impl_->fd >= 0 && !impl_->dead && !impl_->quitting;
 }
 
 int GSController::getNodeNumber() const {
-  std::lock_guard<std::mutex> lk(impl_->mu);
+  velt::MutexLock lk(impl_->mu);
   return impl_->node;
 }
 
 uint32_t GSController::agentVersion() const {
-  std::lock_guard<std::mutex> lk(impl_->mu);
+  velt::MutexLock lk(impl_->mu);
   return impl_->agentVersion;
 }
 
 int GSController::dispatchersWaitingForTesting() const {
-  std::lock_guard<std::mutex> lk(impl_->mu);
+  velt::MutexLock lk(impl_->mu);
   return impl_->waitingDispatchers;
 }
 
 void GSController::setHandshakeTimeoutForTesting(std::chrono::milliseconds bound) {
-  std::lock_guard<std::mutex> lk(impl_->mu);
+  velt::MutexLock lk(impl_->mu);
   impl_->handshakeBound = bound;
 }
 
 void GSController::setRequestTimeoutForTesting(std::chrono::milliseconds bound) {
-  std::lock_guard<std::mutex> lk(impl_->mu);
+  velt::MutexLock lk(impl_->mu);
   impl_->requestBound = bound;
 }
 
@@ -1068,14 +1074,14 @@ void ControllerAccess::sendDetached(proto::Request* request, const char* what) {
 uint64_t ControllerAccess::lastFrameSeq() {
   GSController* c = current();
   if (c == nullptr) return 0;
-  std::lock_guard<std::mutex> lk(c->impl_->mu);
+  velt::MutexLock lk(c->impl_->mu);
   return c->impl_->frameSeq;
 }
 
 uint16_t ControllerAccess::nodeNumber() {
   GSController* c = current();
   if (c == nullptr) return 0;
-  std::lock_guard<std::mutex> lk(c->impl_->mu);
+  velt::MutexLock lk(c->impl_->mu);
   return static_cast<uint16_t>(c->impl_->node < 0 ? 0 : c->impl_->node);
 }
 

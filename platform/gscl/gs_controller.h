@@ -82,8 +82,8 @@ class GSController {
   tk_gs_rc_t setResponsiveness(const tk_gs_responsiveness_t& r);
   tk_gs_rc_t setSocketOption(int option);
   bool isSocketOptionSet(int option) const;
-  // The settings as kept; read them from the thread that sets them.
-  const tk_gs_responsiveness_t& responsiveness() const;
+  // The settings as kept (a copy).
+  tk_gs_responsiveness_t responsiveness() const;
 
   // The identifier of the last error-log entry this library made (it makes
   // one when the agent connection is lost or unreadable), or null. The text

@@ -11,6 +11,7 @@
 #include <deque>
 
 #include "gs_utils.h"
+#include "velt_mutex.h"
 
 namespace velt_gscl_V1 {
 
@@ -47,11 +48,11 @@ class GSMarket : public GSObject {
   int waitingConsumersForTesting() const;
 
  private:
-  mutable pthread_mutex_t mu_;
-  pthread_cond_t cv_;             // measures time on CLOCK_MONOTONIC
-  int waitingConsumers_ = 0;      // GUARDED_BY(mu_)
-  std::deque<GSObject*> queue_;   // GUARDED_BY(mu_)
-  bool running_ = true;           // GUARDED_BY(mu_)
+  mutable velt::Mutex mu_;
+  velt::CondVar cv_;   // something queued, or the market stopped
+  int waitingConsumers_ GUARDED_BY(mu_) = 0;
+  std::deque<GSObject*> queue_ GUARDED_BY(mu_);
+  bool running_ GUARDED_BY(mu_) = true;
 };
 
 }  // namespace velt_gscl_V1

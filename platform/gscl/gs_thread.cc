@@ -3,12 +3,10 @@
 
 #include <errno.h>
 
-#include "internal/gs_internal.h"
+#include <algorithm>
+#include <chrono>
 
 namespace velt_gscl_V1 {
-
-using internal::gsCheck;
-using internal::GSMutexHold;
 
 namespace {
 
@@ -19,15 +17,12 @@ thread_local const GSThread* tlsRunning = nullptr;
 
 }  // namespace
 
-GSThread::GSThread() {
-  gsCheck(pthread_mutex_init(&mu_, nullptr), "pthread_mutex_init");
-  internal::gsInitMonotonicCond(&cv_);
-}
+GSThread::GSThread() = default;
 
 GSThread::~GSThread() {
   bool mustJoin;
   {
-    GSMutexHold hold(&mu_);
+    velt::MutexLock hold(mu_);
     mustJoin = started_ && joinState_ == kNotJoined;
   }
   if (mustJoin) {
@@ -40,8 +35,6 @@ GSThread::~GSThread() {
       join();
     }
   }
-  pthread_cond_destroy(&cv_);
-  pthread_mutex_destroy(&mu_);
 }
 
 void* GSThread::trampoline(void* self) {
@@ -50,15 +43,15 @@ void* GSThread::trampoline(void* self) {
   void* result = t->run(t->arg_);
   if (tlsRunning != t) return result;   // run() deleted its own object
   tlsRunning = nullptr;
-  GSMutexHold hold(&t->mu_);
+  velt::MutexLock hold(t->mu_);
   t->state_ = GS_THREAD_STOPPED;
   // Whoever waits on this thread's events learns that no answer will come.
-  pthread_cond_broadcast(&t->cv_);
+  t->cv_.notifyAll();
   return result;
 }
 
 int GSThread::start(void* arg) {
-  GSMutexHold hold(&mu_);
+  velt::MutexLock hold(mu_);
   if (started_ || state_ != GS_THREAD_IDLE) return EINVAL;
   arg_ = arg;
   // RUNNING before the thread exists, so that a stop() right after start()
@@ -80,59 +73,59 @@ int GSThread::start(void* arg) {
 }
 
 int GSThread::stop() {
-  GSMutexHold hold(&mu_);
+  velt::MutexLock hold(mu_);
   stopAsked_ = true;
   if (state_ != GS_THREAD_STOPPED) state_ = GS_THREAD_STOPPING;
-  pthread_cond_broadcast(&cv_);
+  cv_.notifyAll();
   return 0;
 }
 
 int GSThread::join() {
   {
-    GSMutexHold hold(&mu_);
+    velt::MutexLock hold(mu_);
     if (!started_) return EINVAL;
     if (tlsRunning == this) return EDEADLK;
     if (joinState_ != kNotJoined) {
-      while (joinState_ != kJoined) gsCheck(pthread_cond_wait(&cv_, &mu_), "pthread_cond_wait");
+      while (joinState_ != kJoined) cv_.wait(mu_);
       return 0;
     }
     joinState_ = kJoining;
   }
   int rc = pthread_join(thread_, nullptr);
-  GSMutexHold hold(&mu_);
+  velt::MutexLock hold(mu_);
   joinState_ = rc == 0 ? kJoined : kNotJoined;
-  pthread_cond_broadcast(&cv_);
+  cv_.notifyAll();
   return rc;
 }
 
 GSThreadState GSThread::getThreadState() const {
-  GSMutexHold hold(&mu_);
+  velt::MutexLock hold(mu_);
   return state_;
 }
 
 int GSThread::pendingSyncEvents() const {
-  GSMutexHold hold(&mu_);
+  velt::MutexLock hold(mu_);
   return static_cast<int>(events_.size());
 }
 
 int GSThread::waitersForTesting() const {
-  GSMutexHold hold(&mu_);
+  velt::MutexLock hold(mu_);
   return waiters_;
 }
 
 int GSThread::postSyncEvent(int event) {
-  GSMutexHold hold(&mu_);
+  velt::MutexLock hold(mu_);
   events_.push_back(event);
   // Each event needs one taker; a waiter that finds the queue empty again
   // goes back to sleep. Broadcast because join() waiters share the variable.
-  pthread_cond_broadcast(&cv_);
+  cv_.notifyAll();
   return 0;
 }
 
 int GSThread::pushSyncEvent(int event) { return postSyncEvent(event); }
 
 int GSThread::popSyncEvent(int* event) {
-  GSMutexHold hold(&mu_);
+  velt::MutexLock hold(mu_);
   if (events_.empty()) return -1;
   if (event != nullptr) *event = events_.front();
   events_.pop_front();
@@ -143,9 +136,12 @@ int GSThread::waitSyncEvent(int* event, int secs) { return waitSyncEvent(event, 
 
 int GSThread::waitSyncEvent(int* event, int secs, int usecs) {
   const bool limited = secs >= 0;
-  struct timespec deadline = {0, 0};
-  if (limited) deadline = internal::gsMonotonicAfter(secs, usecs);
-  GSMutexHold hold(&mu_);
+  std::chrono::steady_clock::time_point deadline;
+  if (limited) {
+    deadline = std::chrono::steady_clock::now() + std::chrono::seconds(secs) +
+               std::chrono::microseconds(std::max(usecs, 0));
+  }
+  velt::MutexLock hold(mu_);
   ++waiters_;
   int rc;
   while (true) {
@@ -160,17 +156,15 @@ int GSThread::waitSyncEvent(int* event, int secs, int usecs) {
       break;
     }
     if (!limited) {
-      gsCheck(pthread_cond_wait(&cv_, &mu_), "pthread_cond_wait");
+      cv_.wait(mu_);
       continue;
     }
-    int w = pthread_cond_timedwait(&cv_, &mu_, &deadline);
-    if (w == ETIMEDOUT) {
+    if (!cv_.waitUntil(mu_, deadline)) {
       // An event that came with the time-out still counts.
       if (!events_.empty()) continue;
       rc = GS_WAIT_TIMEDOUT;
       break;
     }
-    gsCheck(w, "pthread_cond_timedwait");
   }
   --waiters_;
   return rc;

@@ -15,6 +15,7 @@
 #include <deque>
 
 #include "gs_utils.h"
+#include "velt_mutex.h"
 
 namespace velt_gscl_V1 {
 
@@ -78,16 +79,18 @@ class GSThread : public GSObject {
  private:
   static void* trampoline(void* self);
 
-  mutable pthread_mutex_t mu_;
-  pthread_cond_t cv_;               // measures time on CLOCK_MONOTONIC
-  std::deque<int> events_;          // GUARDED_BY(mu_)
-  GSThreadState state_ = GS_THREAD_IDLE;  // GUARDED_BY(mu_)
-  bool stopAsked_ = false;          // GUARDED_BY(mu_)
-  int waiters_ = 0;                 // GUARDED_BY(mu_)
-  bool started_ = false;            // GUARDED_BY(mu_)
-  // GUARDED_BY(mu_): a second joiner waits for the first instead of
-  // returning before run() ended.
-  enum JoinState { kNotJoined, kJoining, kJoined } joinState_ = kNotJoined;
+  // A second joiner waits for the first instead of returning before run()
+  // ended.
+  enum JoinState { kNotJoined, kJoining, kJoined };
+
+  mutable velt::Mutex mu_;
+  velt::CondVar cv_;   // an event, a stop, the end of run() or of a join
+  std::deque<int> events_ GUARDED_BY(mu_);
+  GSThreadState state_ GUARDED_BY(mu_) = GS_THREAD_IDLE;
+  bool stopAsked_ GUARDED_BY(mu_) = false;
+  int waiters_ GUARDED_BY(mu_) = 0;
+  bool started_ GUARDED_BY(mu_) = false;
+  JoinState joinState_ GUARDED_BY(mu_) = kNotJoined;
   void* arg_ = nullptr;             // written before the thread starts
   pthread_t thread_{};              // written before the thread starts
 };

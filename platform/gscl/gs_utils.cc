@@ -27,33 +27,6 @@ void gsFatal(const char* fmt, ...) {
   abort();
 }
 
-void gsInitMonotonicCond(pthread_cond_t* cv) {
-  pthread_condattr_t attr;
-  gsCheck(pthread_condattr_init(&attr), "pthread_condattr_init");
-  gsCheck(pthread_condattr_setclock(&attr, CLOCK_MONOTONIC), "pthread_condattr_setclock");
-  gsCheck(pthread_cond_init(cv, &attr), "pthread_cond_init");
-  pthread_condattr_destroy(&attr);
-}
-
-struct timespec gsMonotonicNow() {
-  struct timespec now;
-  if (clock_gettime(CLOCK_MONOTONIC, &now) != 0) gsFatal("clock_gettime(CLOCK_MONOTONIC) failed");
-  return now;
-}
-
-struct timespec gsMonotonicAfter(long secs, long usecs) {
-  if (secs < 0) secs = 0;
-  if (usecs < 0) usecs = 0;
-  struct timespec t = gsMonotonicNow();
-  t.tv_sec += secs + usecs / 1000000;
-  t.tv_nsec += (usecs % 1000000) * 1000;
-  if (t.tv_nsec >= 1000000000L) {
-    t.tv_sec += 1;
-    t.tv_nsec -= 1000000000L;
-  }
-  return t;
-}
-
 }  // namespace internal
 
 using internal::gsCheck;
@@ -110,21 +83,13 @@ std::atomic<uint64_t> lastWriteGeneration{0};
 uint64_t nextWriteGeneration() { return lastWriteGeneration.fetch_add(1, std::memory_order_relaxed) + 1; }
 }  // namespace
 
-GSLockableObject::GSLockableObject() : writeGeneration_(nextWriteGeneration()) {
-  gsCheck(pthread_mutex_init(&mu_, nullptr), "pthread_mutex_init");
-  gsCheck(pthread_cond_init(&cv_, nullptr), "pthread_cond_init");
-  gsCheck(pthread_cond_init(&writersCv_, nullptr), "pthread_cond_init");
-}
+GSLockableObject::GSLockableObject() : writeGeneration_(nextWriteGeneration()) {}
 
-GSLockableObject::~GSLockableObject() {
-  pthread_cond_destroy(&writersCv_);
-  pthread_cond_destroy(&cv_);
-  pthread_mutex_destroy(&mu_);
-}
+GSLockableObject::~GSLockableObject() = default;
 
-void GSLockableObject::readLock() {
+void GSLockableObject::takeReadHold() {
   pthread_t self = pthread_self();
-  gsCheck(pthread_mutex_lock(&mu_), "pthread_mutex_lock");
+  velt::MutexLock lk(mu_);
   if (writeDepth_ > 0 && pthread_equal(writer_, self)) {
     // A read under our own write lock is one more nested hold of it.
     ++writeDepth_;
@@ -134,77 +99,65 @@ void GSLockableObject::readLock() {
     ++h->depth;
     ++readers_;
   } else {
-    while (writeDepth_ > 0 || waitingWriters_ > 0) {
-      gsCheck(pthread_cond_wait(&cv_, &mu_), "pthread_cond_wait");
-    }
+    while (writeDepth_ > 0 || waitingWriters_ > 0) cv_.wait(mu_);
     ++readers_;
     tlsReadHolds.push_back(ReadHold{this, 1});
   }
-  pthread_mutex_unlock(&mu_);
 }
 
-void GSLockableObject::writeLock() {
+void GSLockableObject::takeWriteHold() {
   pthread_t self = pthread_self();
-  gsCheck(pthread_mutex_lock(&mu_), "pthread_mutex_lock");
+  velt::MutexLock lk(mu_);
   if (writeDepth_ > 0 && pthread_equal(writer_, self)) {
     ++writeDepth_;
-    pthread_mutex_unlock(&mu_);
     return;
   }
   if (findReadHold(this) != nullptr) {
     // We would wait for our own read hold to go away.
-    pthread_mutex_unlock(&mu_);
+    lk.unlock();
     gsFatal("GSLockableObject::writeLock by a thread that holds a read lock on %p",
             static_cast<const void*>(this));
   }
   ++waitingWriters_;
-  while (writeDepth_ > 0 || readers_ > 0) {
-    gsCheck(pthread_cond_wait(&writersCv_, &mu_), "pthread_cond_wait");
-  }
+  while (writeDepth_ > 0 || readers_ > 0) writersCv_.wait(mu_);
   --waitingWriters_;
   writer_ = self;
   writeDepth_ = 1;
-  pthread_mutex_unlock(&mu_);
 }
 
-void GSLockableObject::unlock() {
+void GSLockableObject::dropHold() {
   pthread_t self = pthread_self();
-  gsCheck(pthread_mutex_lock(&mu_), "pthread_mutex_lock");
+  velt::MutexLock lk(mu_);
   if (writeDepth_ > 0 && pthread_equal(writer_, self)) {
     if (--writeDepth_ == 0) {
       writeGeneration_.store(nextWriteGeneration(), std::memory_order_release);
       // Writers first: readers that queued behind a writer keep waiting
       // until no writer is left.
       if (waitingWriters_ > 0) {
-        pthread_cond_signal(&writersCv_);
+        writersCv_.notifyOne();
       } else {
-        pthread_cond_broadcast(&cv_);
+        cv_.notifyAll();
       }
     }
   } else {
     if (findReadHold(this) == nullptr) {
-      pthread_mutex_unlock(&mu_);
+      lk.unlock();
       gsFatal("GSLockableObject::unlock by a thread that holds no lock on %p",
               static_cast<const void*>(this));
     }
     dropReadHold(this);
-    if (--readers_ == 0 && waitingWriters_ > 0) pthread_cond_signal(&writersCv_);
+    if (--readers_ == 0 && waitingWriters_ > 0) writersCv_.notifyOne();
   }
-  pthread_mutex_unlock(&mu_);
 }
 
 bool GSLockableObject::isWriteLockedByMe() const {
-  gsCheck(pthread_mutex_lock(&mu_), "pthread_mutex_lock");
-  bool mine = writeDepth_ > 0 && pthread_equal(writer_, pthread_self());
-  pthread_mutex_unlock(&mu_);
-  return mine;
+  velt::MutexLock lk(mu_);
+  return writeDepth_ > 0 && pthread_equal(writer_, pthread_self());
 }
 
 int GSLockableObject::waitingWritersForTesting() const {
-  gsCheck(pthread_mutex_lock(&mu_), "pthread_mutex_lock");
-  int n = waitingWriters_;
-  pthread_mutex_unlock(&mu_);
-  return n;
+  velt::MutexLock lk(mu_);
+  return waitingWriters_;
 }
 
 // ---- GSString ----

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "gs_types.h"
+#include "velt_mutex.h"
 
 namespace velt_gscl_V1 {
 
@@ -29,15 +30,15 @@ class GSObject {
 unsigned long GSThreadSelfId();
 
 // Plain reader/writer lock. Thread-safe.
-class GSRWLock {
+class CAPABILITY("mutex") GSRWLock {
  public:
   GSRWLock();
   ~GSRWLock();
   GSRWLock(const GSRWLock&) = delete;
   GSRWLock& operator=(const GSRWLock&) = delete;
-  void readLock();
-  void writeLock();
-  void unlock();
+  void readLock() ACQUIRE_SHARED();
+  void writeLock() ACQUIRE();
+  void unlock() RELEASE_GENERIC();
  private:
   pthread_rwlock_t lock_;
 };
@@ -50,47 +51,64 @@ class GSRWLock {
 // the write lock while holding only a read hold would deadlock and ends
 // the process instead. Holds belong to the thread that took them (unlock
 // on the same thread). Thread-safe.
-class GSLockableObject {
+//
+// To clang's analysis it is a lock of its own: members of a derived class
+// may be GUARDED_BY(this), readable under a read hold and writable under a
+// write hold. The analysis does not know that holds nest: to it, a second
+// hold taken in the function that holds the lock is a deadlock.
+class CAPABILITY("mutex") GSLockableObject {
  public:
   GSLockableObject();
   virtual ~GSLockableObject();
   GSLockableObject(const GSLockableObject&) = delete;
   GSLockableObject& operator=(const GSLockableObject&) = delete;
-  void readLock();
-  void writeLock();
-  void unlock();   // releases the caller's innermost hold
-  bool isWriteLockedByMe() const;
+  void readLock() ACQUIRE_SHARED() { takeReadHold(); }
+  void writeLock() ACQUIRE() { takeWriteHold(); }
+  // Releases the caller's innermost hold.
+  void unlock() RELEASE_GENERIC() { dropHold(); }
+  bool isWriteLockedByMe() const EXCLUDES(mu_);
   // Changes each time the outermost write hold ends, to a number no other
   // object and no earlier state of this one had in this process. It stands
   // still while any read hold lasts, so a reader can tell whether the
   // object was written since it last looked.
   uint64_t writeGeneration() const { return writeGeneration_.load(std::memory_order_acquire); }
   // Writers blocked in writeLock(), so that tests can wait for that state.
-  int waitingWritersForTesting() const;
+  int waitingWritersForTesting() const EXCLUDES(mu_);
  private:
-  mutable pthread_mutex_t mu_;
-  pthread_cond_t cv_;          // readers wait here
-  pthread_cond_t writersCv_;   // writers wait here
-  int readers_ = 0;            // GUARDED_BY(mu_): read holds of threads that do not write
-  int writeDepth_ = 0;         // GUARDED_BY(mu_): nested write (and read-under-write) holds
-  pthread_t writer_{};         // GUARDED_BY(mu_)
-  int waitingWriters_ = 0;     // GUARDED_BY(mu_)
-  std::atomic<uint64_t> writeGeneration_{0};
+  // The work of the three calls above. clang leaves the lock functions of
+  // a capability unchecked, so their bodies are here, where it checks the
+  // use of mu_.
+  void takeReadHold() EXCLUDES(mu_);
+  void takeWriteHold() EXCLUDES(mu_);
+  void dropHold() EXCLUDES(mu_);
+
+  mutable velt::Mutex mu_;
+  velt::CondVar cv_;          // readers wait here
+  velt::CondVar writersCv_;   // writers wait here
+  int readers_ GUARDED_BY(mu_) = 0;      // read holds of threads that do not write
+  int writeDepth_ GUARDED_BY(mu_) = 0;   // nested write (and read-under-write) holds
+  pthread_t writer_ GUARDED_BY(mu_){};
+  int waitingWriters_ GUARDED_BY(mu_) = 0;
+  std::atomic<uint64_t> writeGeneration_;
 };
 
 // Scoped read or write hold on a GSLockableObject. Owned by the thread that
 // made it (the hold is that thread's).
-class GSReadGuard {
+class SCOPED_CAPABILITY GSReadGuard {
  public:
-  explicit GSReadGuard(GSLockableObject& l) : l_(l) { l_.readLock(); }
-  ~GSReadGuard() { l_.unlock(); }
+  explicit GSReadGuard(GSLockableObject& l) ACQUIRE_SHARED(l) : l_(l) { l_.readLock(); }
+  ~GSReadGuard() RELEASE() { l_.unlock(); }
+  GSReadGuard(const GSReadGuard&) = delete;
+  GSReadGuard& operator=(const GSReadGuard&) = delete;
  private:
   GSLockableObject& l_;
 };
-class GSWriteGuard {
+class SCOPED_CAPABILITY GSWriteGuard {
  public:
-  explicit GSWriteGuard(GSLockableObject& l) : l_(l) { l_.writeLock(); }
-  ~GSWriteGuard() { l_.unlock(); }
+  explicit GSWriteGuard(GSLockableObject& l) ACQUIRE(l) : l_(l) { l_.writeLock(); }
+  ~GSWriteGuard() RELEASE() { l_.unlock(); }
+  GSWriteGuard(const GSWriteGuard&) = delete;
+  GSWriteGuard& operator=(const GSWriteGuard&) = delete;
  private:
   GSLockableObject& l_;
 };

@@ -9,13 +9,13 @@
 
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "internal/mc_session.h"
 #include "internal/mc_wire.h"
+#include "velt_mutex.h"
 
 namespace velt {
 namespace mc {
@@ -29,28 +29,30 @@ struct TableEntry {
   int depth = 0;
 };
 
-// The process's sessions. Thread-safe through tableMu(); no lock is held
-// while a session works (sessions are used by one thread at a time, which
-// the entries' marks ensure).
-std::mutex& tableMu() {
-  static std::mutex* mu = new std::mutex;
-  return *mu;
-}
-// GUARDED_BY(tableMu())
-std::map<mc_sess_hndl_t, TableEntry>& table() {
-  static auto* t = new std::map<mc_sess_hndl_t, TableEntry>;
+// The process's sessions. Thread-safe through mu; no lock is held while a
+// session works (sessions are used by one thread at a time, which the
+// entries' marks ensure). Never destroyed: a program's threads may still
+// call in during exit.
+struct SessionTable {
+  Mutex mu;
+  std::map<mc_sess_hndl_t, TableEntry> entries GUARDED_BY(mu);
+  // Handles are never given twice in a process.
+  mc_sess_hndl_t nextHandle GUARDED_BY(mu) = 1;
+};
+
+SessionTable& sessions() {
+  static auto* t = new SessionTable;
   return *t;
 }
-// GUARDED_BY(tableMu()): handles are never given twice in a process.
-mc_sess_hndl_t nextHandle = 1;
 
 // The calling thread's use of one session for the length of a call.
 class SessionUse {
  public:
   SessionUse(mc_sess_hndl_t handle, const char* call) : handle_(handle) {
-    std::lock_guard<std::mutex> lk(tableMu());
-    auto it = table().find(handle);
-    if (it == table().end()) {
+    SessionTable& t = sessions();
+    MutexLock lk(t.mu);
+    auto it = t.entries.find(handle);
+    if (it == t.entries.end()) {
       rc_ = recordError(MC_ESESSION, "%s: no session %llu (never started, or ended)", call,
                         static_cast<unsigned long long>(handle));
       return;
@@ -67,10 +69,11 @@ class SessionUse {
   }
   ~SessionUse() {
     if (session_ == nullptr) return;
-    std::lock_guard<std::mutex> lk(tableMu());
-    auto it = table().find(handle_);
+    SessionTable& t = sessions();
+    MutexLock lk(t.mu);
+    auto it = t.entries.find(handle_);
     // Gone when a callback ended the session.
-    if (it != table().end() && it->second.session == session_) --it->second.depth;
+    if (it != t.entries.end() && it->second.session == session_) --it->second.depth;
   }
   SessionUse(const SessionUse&) = delete;
   SessionUse& operator=(const SessionUse&) = delete;
@@ -114,9 +117,10 @@ bool emptyOrNull(const char* text) { return text == nullptr || *text == '\0'; }
 int waitingDispatchersForTesting(mc_sess_hndl_t handle) {
   std::shared_ptr<Session> s;
   {
-    std::lock_guard<std::mutex> lk(tableMu());
-    auto it = table().find(handle);
-    if (it == table().end()) return -1;
+    SessionTable& t = sessions();
+    MutexLock lk(t.mu);
+    auto it = t.entries.find(handle);
+    if (it == t.entries.end()) return -1;
     s = it->second.session;
   }
   return s->waitingDispatchersForTesting();
@@ -146,12 +150,13 @@ int mc_start_session(const char* contact, uint32_t options, int mode, mc_sess_hn
   std::shared_ptr<Session> s;
   int rc = Session::open(mode, &s);
   if (rc != MC_OK) return rc;
-  std::lock_guard<std::mutex> lk(velt::mc::internal::tableMu());
-  mc_sess_hndl_t handle = velt::mc::internal::nextHandle++;
+  velt::mc::internal::SessionTable& t = velt::mc::internal::sessions();
+  velt::MutexLock lk(t.mu);
+  mc_sess_hndl_t handle = t.nextHandle++;
   s->setHandle(handle);
   velt::mc::internal::TableEntry entry;
   entry.session = std::move(s);
-  velt::mc::internal::table().emplace(handle, std::move(entry));
+  t.entries.emplace(handle, std::move(entry));
   *session = handle;
   return MC_OK;
 }
@@ -159,10 +164,10 @@ int mc_start_session(const char* contact, uint32_t options, int mode, mc_sess_hn
 int mc_end_session(mc_sess_hndl_t session) {
   std::shared_ptr<Session> s;
   {
-    std::lock_guard<std::mutex> lk(velt::mc::internal::tableMu());
-    auto& table = velt::mc::internal::table();
-    auto it = table.find(session);
-    if (it == table.end()) {
+    velt::mc::internal::SessionTable& t = velt::mc::internal::sessions();
+    velt::MutexLock lk(t.mu);
+    auto it = t.entries.find(session);
+    if (it == t.entries.end()) {
       return recordError(MC_ESESSION, "mc_end_session: no session %llu (never started, or ended)",
                          static_cast<unsigned long long>(session));
     }
@@ -171,7 +176,7 @@ int mc_end_session(mc_sess_hndl_t session) {
                          static_cast<unsigned long long>(session));
     }
     s = std::move(it->second.session);
-    table.erase(it);
+    t.entries.erase(it);
   }
   // Outside the lock: closing takes system calls. A dispatch of this
   // thread that ran the ending callback still holds the session.

@@ -226,13 +226,13 @@ void SRCDriver::setError(int code, const char* text, const char* file, const cha
 }
 
 void SRCDriver::setStopCode(int code, const char* msg) {
-  std::lock_guard<std::mutex> lock(stopMu_);
+  velt::MutexLock lock(stopMu_);
   stopMsg_ = msg != nullptr ? msg : "";
   stopCode_.store(code);
 }
 
 const char* SRCDriver::getStopMsg() const {
-  std::lock_guard<std::mutex> lock(stopMu_);
+  velt::MutexLock lock(stopMu_);
   return stopMsg_.c_str();
 }
 

@@ -22,8 +22,9 @@
 #include <atomic>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <string>
+
+#include "velt_mutex.h"
 
 namespace velt_src {
 
@@ -170,8 +171,8 @@ class SRCDriver {
   unsigned int semKey_ = 0;
   velt_src::SRCError error_;
   std::atomic<int> stopCode_{0};
-  mutable std::mutex stopMu_;
-  std::string stopMsg_;          // guarded by stopMu_
+  mutable velt::Mutex stopMu_;
+  std::string stopMsg_ GUARDED_BY(stopMu_);
   // Reply state of the request being served.
   bool replying_ = false;
   std::string replyAddr_;        // sender's address (sockaddr_un bytes)

@@ -40,7 +40,7 @@ constexpr int kSteps = 250;
 
 class History {
  public:
-  explicit History(uint64_t seed) : seed_(seed), rng_(seed) {
+  explicit History(uint64_t seed) : rng_(seed) {
     size_t n = 3 + rng_() % 4;
     for (uint32_t i = 1; i <= n; ++i) ids_.push_back(i);
     cluster_ = std::make_unique<SimCluster>(ids_, seed * 31 + 7);
@@ -122,7 +122,6 @@ class History {
   void recordView(uint32_t node, const View& v);
   void collectNotes(uint32_t node);
 
-  uint64_t seed_;
   std::mt19937_64 rng_;
   std::vector<uint32_t> ids_;
   std::unique_ptr<SimCluster> cluster_;

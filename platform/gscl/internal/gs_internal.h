@@ -1,12 +1,8 @@
 // Pieces shared by the library's own sources (and its tests): the fatal
-// path for broken lock invariants, monotonic deadlines for condition
-// waits, and the parser of the debug level's environment text. No other
-// library includes this header.
+// path for broken lock invariants and the parser of the debug level's
+// environment text. No other library includes this header.
 #ifndef VELT_PLATFORM_GSCL_INTERNAL_GS_INTERNAL_H_
 #define VELT_PLATFORM_GSCL_INTERNAL_GS_INTERNAL_H_
-
-#include <pthread.h>
-#include <time.h>
 
 namespace velt_gscl_V1 {
 namespace internal {
@@ -18,33 +14,6 @@ namespace internal {
 // Ends the process through gsFatal when a pthread call returned an error.
 inline void gsCheck(int rc, const char* what) {
   if (rc != 0) gsFatal("%s failed with error %d", what, rc);
-}
-
-// Scoped hold of a pthread mutex; a failing lock call is fatal.
-class GSMutexHold {
- public:
-  explicit GSMutexHold(pthread_mutex_t* mu) : mu_(mu) { gsCheck(pthread_mutex_lock(mu_), "pthread_mutex_lock"); }
-  ~GSMutexHold() { pthread_mutex_unlock(mu_); }
-  GSMutexHold(const GSMutexHold&) = delete;
-  GSMutexHold& operator=(const GSMutexHold&) = delete;
- private:
-  pthread_mutex_t* mu_;
-};
-
-// Initialises cv so that its timed waits measure CLOCK_MONOTONIC: a change
-// of the wall clock must not stretch or cut a time limit.
-void gsInitMonotonicCond(pthread_cond_t* cv);
-
-// The monotonic clock now. The condition variables wait on the kernel's
-// clock, so this is read directly and not through a replaceable clock.
-struct timespec gsMonotonicNow();
-
-// now + secs seconds + usecs microseconds (negative parts count as 0).
-struct timespec gsMonotonicAfter(long secs, long usecs);
-
-// a <= b.
-inline bool gsTimeNotAfter(const struct timespec& a, const struct timespec& b) {
-  return a.tv_sec < b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec <= b.tv_nsec);
 }
 
 // trclvl bit that routes a GSDebugPrintf text to the debug routine; without

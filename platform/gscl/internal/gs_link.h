@@ -8,11 +8,11 @@
 
 #include <stdint.h>
 
-#include <mutex>
 #include <string>
 
 #include "gs_types.h"
 #include "velt.pb.h"
+#include "velt_mutex.h"
 
 namespace velt_gscl_V1 {
 
@@ -54,7 +54,7 @@ class ClientAccess {
   // Held by dispatch while a client's callback runs, and by a client's
   // destruction, so that a client is never destroyed under its running
   // callback (recursive: a callback may destroy a client).
-  static std::recursive_mutex& callbackGate();
+  static velt::RecursiveMutex& callbackGate();
   // Routes one notification to its provider or subscriber, records it and
   // runs the callback. seq: the frame's number; node: this node's number.
   static void deliver(const velt::proto::Notification& n, uint64_t seq, uint16_t node);
@@ -66,9 +66,10 @@ class ClientAccess {
 
  private:
   // Record the notification in the client, then run its callback.
-  // Requires: the callback gate held.
-  static void deliverToProvider(GSProvider* p, const velt::proto::Notification& n, uint64_t seq, uint16_t node);
-  static void deliverToSubscriber(GSSubscriber* s, const velt::proto::Notification& n, uint64_t seq);
+  static void deliverToProvider(GSProvider* p, const velt::proto::Notification& n, uint64_t seq, uint16_t node)
+      REQUIRES(callbackGate());
+  static void deliverToSubscriber(GSSubscriber* s, const velt::proto::Notification& n, uint64_t seq)
+      REQUIRES(callbackGate());
 };
 
 // The process keeps every group name it was given, so that names handed
