@@ -61,7 +61,10 @@ veltnamNetAdaptInfo::~veltnamNetAdaptInfo() {
 
 velt_nam_connect_status_t velt_nam_status_of(const AMAdapterItem& row) {
   if (!row.isConfiged || row.isNodeStopped) return VELT_NAM_CONNECT_UNCONFIG;
-  return row.isUp ? VELT_NAM_CONNECT_UP : VELT_NAM_CONNECT_DOWN;
+  // A down held back for the down delay has not reached clients yet: a
+  // whole table packed meanwhile shows the adapter up, as every client
+  // connected before it still sees it.
+  return row.isUp || row.isPending ? VELT_NAM_CONNECT_UP : VELT_NAM_CONNECT_DOWN;
 }
 
 void build_velt_nam_conn_item(const AMAdapterItem& row, velt_nam_connect* rec) {

@@ -45,7 +45,8 @@ class veltnamNetAdaptInfo {
 typedef std::map<uint64_t, veltnamNetAdaptInfo*> veltnamNetInfoList;
 
 // What a client sees of a row: UP when configured, its node running and
-// up; DOWN when configured, its node running and not up; UNCONFIG otherwise.
+// up or its down held back for the down delay; DOWN when configured, its
+// node running and down; UNCONFIG otherwise.
 velt_nam_connect_status_t velt_nam_status_of(const AMAdapterItem& row);
 
 // Fills rec (all 88 bytes) from a row of the adapter table.

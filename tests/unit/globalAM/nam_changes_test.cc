@@ -114,6 +114,16 @@ TEST(ClientRecord, StatusFollowsConfigurationNodeStopAndMembership) {
   EXPECT_EQ(VELT_NAM_CONNECT_UNCONFIG, velt_nam_status_of(makeRow(1, "sxn0", 1, false, true)));
 }
 
+// A down held back for the down delay has not reached clients yet.
+TEST(ClientRecord, AHeldBackDownIsStillUp) {
+  AMAdapterItem row = makeRow(1, "sxn0", 1, true, false);
+  row.isPending = 1;
+  EXPECT_EQ(VELT_NAM_CONNECT_UP, velt_nam_status_of(row));
+  velt_nam_connect rec;
+  build_velt_nam_conn_item(row, &rec);
+  EXPECT_EQ(VELT_NAM_CONNECT_UP, rec.status);
+}
+
 TEST(ClientRecord, RecordsOrderByNodeThenNameAndNothingElse) {
   compareAdaptInfo less;
   velt_nam_connect a, b;

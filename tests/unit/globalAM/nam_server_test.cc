@@ -478,6 +478,44 @@ TEST_F(NamServer, NewClientsShareOnePackingOfTheTableUntilItIsWritten) {
   EXPECT_NE(second, packedWholeTable(table));
 }
 
+// A down is held back for the down delay so that a short flap never reaches
+// clients: a client that connects meanwhile is told the adapter is up, as
+// the clients connected before it still are; once the delay has run out a
+// new client is told it is down.
+TEST_F(NamServer, ANewClientSeesAHeldBackDownAsUpUntilTheDelayRunsOut) {
+  AMGlobalAdapterTable* table = AMController::pGAdapterCfgTbl;
+  const int sxn0 = _idxFromInterfaceName("sxn0");
+  table->setAdapterDefinedWithLock(makeInterface(2, "sxn0", "10.0.0.2", 0xB0));
+  table->setAdapterDefinedWithLock(makeInterface(3, "sxn0", "10.0.0.3", 0xB0));
+  table->updateAdapterStateWithLock(1, table_test::Members().add(2, sxn0).add(3, sxn0).get(), 1);
+  table->updateAdapterStateWithLock(0, table_test::Members().add(3, sxn0).get(), 1);
+  ASSERT_TRUE(table->IsThereADelayedDownEvent());
+  startServer();
+  auto expectTable = [&](uint32_t up, uint8_t node3) {
+    RawClient c(socketPath_);
+    std::string full;
+    ASSERT_TRUE(c.handshake(101, nullptr, &full));
+    ASSERT_EQ(static_cast<size_t>(kHdr + 12 + kNet + 2 * kRec), full.size());
+    EXPECT_EQ(2u, u32At(full, 16 + 8));       // num_connect
+    EXPECT_EQ(up, u32At(full, 16 + 12));      // num_up
+    EXPECT_EQ(2 - up, u32At(full, 16 + 16));  // num_down
+    const size_t first = 16 + kNet;
+    // Up records come first.
+    const size_t of3 = u32At(full, first) == 3 ? first : first + kRec;
+    const size_t of2 = of3 == first ? first + kRec : first;
+    EXPECT_EQ(3u, u32At(full, of3));
+    EXPECT_EQ(node3, static_cast<uint8_t>(full[of3 + 87]));
+    EXPECT_EQ(2u, u32At(full, of2));
+    EXPECT_EQ(VELT_NAM_CONNECT_UP, static_cast<uint8_t>(full[of2 + 87]));
+  };
+  expectTable(2, VELT_NAM_CONNECT_UP);
+  const int delay = WAIT_PENDING_DELAYED_DOWN_USECS;
+  WAIT_PENDING_DELAYED_DOWN_USECS = 0;
+  EXPECT_EQ(0, table->processDelayedDownEvents());
+  WAIT_PENDING_DELAYED_DOWN_USECS = delay;
+  expectTable(1, VELT_NAM_CONNECT_DOWN);
+}
+
 // ------------------------------------------------------------ life cycle
 
 TEST_F(NamServer, TheSocketIsOwnerOnly) {
