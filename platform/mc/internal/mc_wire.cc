@@ -68,7 +68,8 @@ bool checkText(std::string_view text, const char* what, std::string* why) {
            std::to_string(kMaxString) + ")";
     return false;
   }
-  if (memchr(text.data(), '\0', text.size()) != nullptr) {
+  // An empty view may have no data at all, which memchr must not be given.
+  if (text.find('\0') != std::string_view::npos) {
     *why = std::string(what) + " with a NUL byte";
     return false;
   }
