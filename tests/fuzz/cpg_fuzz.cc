@@ -33,6 +33,7 @@
 
 #include "bus.h"
 #include "cpg_framing.h"
+#include "fuzz_input.h"
 #include "replica.h"
 #include "velt.pb.h"
 
@@ -71,27 +72,6 @@ class DiscardingSink : public velt::agent::ReplicaSink {
   void groupChanged(const velt::agent::GroupChange&) override {}
   void deadlinesChanged(const std::vector<velt::agent::Deadline>&) override {}
   void activeVersionChanged(uint32_t) override {}
-};
-
-// Reads the script.
-class Script {
- public:
-  Script(const uint8_t* data, size_t size) : data_(data), size_(size) {}
-  bool done() const { return at_ >= size_; }
-  uint8_t byte() { return at_ < size_ ? data_[at_++] : 0; }
-  std::string bytes() {
-    size_t len = byte();
-    len |= static_cast<size_t>(byte()) << 8;
-    len = std::min(len, size_ - at_);
-    std::string out(reinterpret_cast<const char*>(data_ + at_), len);
-    at_ += len;
-    return out;
-  }
-
- private:
-  const uint8_t* data_;
-  size_t size_;
-  size_t at_ = 0;
 };
 
 struct Node {
@@ -164,7 +144,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static bool quiet = (google::protobuf::SetLogHandler(nullptr), true);
   (void)quiet;
   Node node;
-  Script script(data, size);
+  velt_fuzz::FuzzInput script(data, size);
   for (int steps = 0; !script.done() && steps < 4096; ++steps) {
     switch (script.byte() % 4) {
       case 0:
@@ -172,13 +152,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         break;
       case 1: {
         uint32_t from = 1 + script.byte() % 4;
-        node.deliver(from, script.bytes());
+        node.deliver(from, script.bytes16());
         break;
       }
       case 2: {
         uint32_t from = 1 + script.byte() % 4;
         size_t payload = 1 + static_cast<size_t>(script.byte()) * 61;
-        node.send(from, script.bytes(), payload);
+        node.send(from, script.bytes16(), payload);
         break;
       }
       default:

@@ -7,12 +7,12 @@
 #include <stdint.h>
 #include <stdlib.h>
 
-#include <algorithm>
 #include <string>
 
 #include <google/protobuf/stubs/logging.h>
 
 #include "frame_io.h"
+#include "fuzz_input.h"
 #include "gs_types.h"
 #include "internal/gs_link.h"
 #include "velt.pb.h"
@@ -25,17 +25,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // The input is a run of packets, each behind a 2-byte length (so that
   // mutations can cut and join packets where they like).
   velt::wire::Reassembler reassembler(velt::wire::kDefaultMaxMessage);
-  size_t at = 0;
-  while (at + 2 <= size) {
-    size_t len = data[at] | (static_cast<size_t>(data[at + 1]) << 8);
-    at += 2;
-    len = std::min(len, size - at);
+  velt_fuzz::FuzzInput in(data, size);
+  while (!in.done()) {
+    const std::string packet = in.bytes16();
     velt::proto::AgentFrame frame;
     size_t bytes = 0;
     std::string why;
-    int r = velt_gscl_V1::internal::readAgentPacket(&reassembler, reinterpret_cast<const char*>(data + at), len,
-                                                    &frame, &bytes, &why);
-    at += len;
+    int r = velt_gscl_V1::internal::readAgentPacket(&reassembler, packet.data(), packet.size(), &frame, &bytes, &why);
     if (r < 0) {
       if (why.empty()) abort();
       return 0;  // the connection is given up

@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <string>
 
+#include "fuzz_input.h"
 #include "node_identity.h"
 #include "state_files.h"
 
@@ -22,23 +23,7 @@ namespace {
   abort();
 }
 
-// One state directory for the whole run, removed at exit.
-const std::string& stateDir() {
-  static const std::string* dir = [] {
-    std::string tmpl = "/tmp/velt-node-id-fuzz-XXXXXX";
-    if (mkdtemp(&tmpl[0]) == nullptr) fail("cannot make a temporary directory");
-    auto* made = new std::string(tmpl);
-    atexit([] {
-      std::error_code ec;
-      std::filesystem::remove_all(stateDir(), ec);
-    });
-    return made;
-  }();
-  return *dir;
-}
-
-bool isLowerHex(char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); }
-bool isHex(char c) { return isLowerHex(c) || (c >= 'A' && c <= 'F'); }
+bool isHex(char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'); }
 
 std::string readFile(const std::string& path) {
   std::string out;
@@ -52,7 +37,7 @@ std::string readFile(const std::string& path) {
 }
 
 void checkFile(const std::string& bytes) {
-  const std::string& dir = stateDir();
+  const std::string& dir = velt_fuzz::scratchDir();
   const std::string path = dir + "/" + velt::agent::kNodeIdFileName;
   FILE* f = fopen(path.c_str(), "wb");
   if (f == nullptr) fail("cannot write the file");

@@ -19,6 +19,7 @@
 
 #include <google/protobuf/stubs/logging.h>
 
+#include "fuzz_input.h"
 #include "nodelist_watch.h"
 #include "velt.pb.h"
 
@@ -29,31 +30,6 @@ namespace {
   abort();
 }
 
-class Reader {
- public:
-  Reader(const uint8_t* data, size_t size) : data_(data), size_(size) {}
-  bool done() const { return at_ >= size_; }
-  uint8_t byte() { return at_ < size_ ? data_[at_++] : 0; }
-  uint32_t u32() {
-    uint32_t v = 0;
-    for (int i = 0; i < 4; ++i) v |= static_cast<uint32_t>(byte()) << (8 * i);
-    return v;
-  }
-  std::string text() {
-    size_t len = byte();
-    len |= static_cast<size_t>(byte()) << 8;
-    len = std::min(len, size_ - at_);
-    std::string out(reinterpret_cast<const char*>(data_ + at_), len);
-    at_ += len;
-    return out;
-  }
-
- private:
-  const uint8_t* data_;
-  size_t size_;
-  size_t at_ = 0;
-};
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -63,14 +39,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   (void)quiet;
   std::map<std::string, uint32_t> numbers;
   std::map<std::string, std::string> strings;
-  Reader in(data, size);
+  velt_fuzz::FuzzInput in(data, size);
   for (unsigned i = 0; !in.done(); ++i) {
     const uint8_t flags = in.byte();
     const uint32_t nodeid = in.u32();
     const std::string prefix = "nodelist.node." + std::to_string(i) + ".";
     if (flags & 1) numbers[prefix + "nodeid"] = nodeid;
-    if (flags & 2) strings[prefix + "name"] = in.text();
-    if (flags & 4) strings[prefix + "ring0_addr"] = in.text();
+    if (flags & 2) strings[prefix + "name"] = in.bytes16();
+    if (flags & 4) strings[prefix + "ring0_addr"] = in.bytes16();
   }
   velt::agent::NodelistSource source;
   source.getUint32 = [&](const std::string& key, uint32_t* value) {
