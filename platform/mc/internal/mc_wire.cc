@@ -1003,7 +1003,7 @@ void* QueryAnswerBuilder::allocate(size_t bytes, size_t align) {
 char* QueryAnswerBuilder::copyText(std::string_view text) {
   char* s = static_cast<char*>(allocate(text.size() + 1, 1));
   if (s == nullptr) return nullptr;
-  memcpy(s, text.data(), text.size());
+  text.copy(s, text.size());  // an empty view may have no data to give memcpy
   s[text.size()] = '\0';
   return s;
 }
