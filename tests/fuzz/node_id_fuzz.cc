@@ -25,17 +25,6 @@ namespace {
 
 bool isHex(char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'); }
 
-std::string readFile(const std::string& path) {
-  std::string out;
-  FILE* f = fopen(path.c_str(), "rb");
-  if (f == nullptr) return out;
-  char buf[256];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof buf, f)) > 0) out.append(buf, n);
-  fclose(f);
-  return out;
-}
-
 void checkFile(const std::string& bytes) {
   const std::string& dir = velt_fuzz::scratchDir();
   const std::string path = dir + "/" + velt::agent::kNodeIdFileName;
@@ -58,7 +47,12 @@ void checkFile(const std::string& bytes) {
   }
   // A good file stays as it was; otherwise the new id is kept in its exact
   // form. Either way it reads back.
-  if (readFile(path) != (exact ? bytes : velt::agent::formatNodeId(id))) fail("the id kept is not the id used");
+  std::string kept, problem;
+  if (velt::agent::readStateFile(dir, velt::agent::kNodeIdFileName, 4096, &kept, &problem) !=
+          velt::agent::StateFileRead::kRead ||
+      kept != (exact ? bytes : velt::agent::formatNodeId(id))) {
+    fail("the id kept is not the id used");
+  }
   uint64_t again = 0;
   if (velt::agent::loadOrCreateNodeId(dir, 0, &again, &why) != 0 || again != id || !why.empty()) {
     fail("the id kept does not read back");
