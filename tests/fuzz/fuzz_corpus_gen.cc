@@ -2,10 +2,12 @@
 // messages rather than by hand: a simulated cluster of three agents (real
 // replicas on the simulated bus) lives through joins, state values,
 // adapter and KOR reports, a crash and a heal, and what it carried becomes
-// the seeds: the multicast as node 1 received it (cpg_fuzz), the frames the
-// agents sent their clients (gscl_frame_fuzz) and the clients' requests
-// with the hello libvx_gscl sends (agent_frame_fuzz). The node-id file,
-// the nodelist and the settings get what an operator or a start writes.
+// the seeds: the frames the agents sent their clients (gscl_frame_fuzz)
+// and the clients' requests with the hello libvx_gscl sends
+// (agent_frame_fuzz). Three replicas fed as veltd's bus feeds them live
+// through the same (cpgSeeds): what one of them received makes cpg_fuzz's
+// seeds. The node-id file, the nodelist and the settings get what an
+// operator or a start writes.
 //
 //   fuzz_corpus_gen DIR     writes DIR/<target>/<seed> (DIR is usually
 //                           tests/fuzz/corpus), replacing seeds of the same
@@ -14,12 +16,15 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 
+#include <map>
+#include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "adapter_updates.h"
 #include "agent_test_util.h"
-#include "cpg_framing.h"
+#include "cpg_node.h"
 #include "frame_io.h"
 #include "node_identity.h"
 #include "velt.pb.h"
@@ -60,17 +65,114 @@ std::string packets(const std::string& message, char kind = -1) {
   return out;
 }
 
-// cpg_fuzz's steps.
-std::string viewStep(const std::vector<uint32_t>& members) {
-  uint8_t mask = 0;
-  for (uint32_t n : members) {
-    if (n >= 2 && n <= 4) mask |= static_cast<uint8_t>(1u << (n - 2));
+// Three agents' replicas as veltd's bus feeds them (CpgNode), in one total
+// order per side of the cluster; what node 1 receives is written as
+// cpg_fuzz's steps, so that its replica, fed the same, takes the others'
+// snapshots for its views and applies their messages.
+class CpgCluster {
+ public:
+  CpgCluster() {
+    for (uint32_t n = 1; n <= 3; ++n) restart(n);
   }
-  return std::string{0, static_cast<char>(mask)};
-}
-std::string messageStep(uint32_t from, const std::string& bytes) {
-  // Fragments of 1 + 20 * 61 bytes, so that larger messages come in parts.
-  return std::string{2, static_cast<char>(from - 1), 20} + len16(bytes);
+  velt_fuzz::CpgNode& node(uint32_t n) { return *nodes_.at(n); }
+  // A crashed node's agent starts again, with nothing of its old state.
+  void restart(uint32_t n) { nodes_[n] = std::make_unique<velt_fuzz::CpgNode>(n); }
+
+  // The members of one side get a view of that side, then deliver what
+  // they multicast until they are quiet.
+  void view(const std::set<uint32_t>& side) {
+    for (uint32_t n : side) node(n).changeView(side);
+    if (side.count(1)) {
+      uint8_t mask = 0;
+      for (uint32_t n : side) {
+        if (n >= 2) mask |= static_cast<uint8_t>(1u << (n - 2));
+      }
+      steps_ += std::string{0, static_cast<char>(mask)};
+    }
+    deliver(side);
+  }
+  void deliver(const std::set<uint32_t>& side) {
+    for (bool more = true; more;) {
+      more = false;
+      for (uint32_t from : side) {
+        while (!node(from).outbox().empty()) {
+          std::string m = std::move(node(from).outbox().front());
+          node(from).outbox().pop_front();
+          more = true;
+          // As cpg_fuzz cuts them: its own in one fragment, the others' in
+          // fragments of 1 + 20 * 61 bytes.
+          const size_t payload = from == 1 ? 60 * 1024 : 1 + 20 * 61;
+          for (uint32_t to : side) node(to).send(from, m, payload);
+          if (side.count(1) == 0) continue;
+          if (from == 1) {
+            steps_ += std::string{3};
+          } else if (m.size() <= 0xffff) {
+            steps_ += std::string{2, static_cast<char>(from - 1), 20} + len16(m);
+          }
+        }
+      }
+      for (uint32_t n : side) node(n).replica().flushPending();
+    }
+  }
+  // Everything node 1 received so far.
+  const std::string& steps() const { return steps_; }
+
+ private:
+  std::map<uint32_t, std::unique_ptr<velt_fuzz::CpgNode>> nodes_;
+  std::string steps_;
+};
+
+void cpgSeeds() {
+  CpgCluster c;
+  const std::set<uint32_t> all{1, 2, 3};
+  c.view(all);
+  writeSeed("cpg_fuzz", "views_and_snapshots.bin", c.steps());
+
+  uint64_t id = 100;
+  auto submit = [&](uint32_t n, uint64_t client, velt::proto::Request r) {
+    r.set_id(++id);
+    c.node(n).replica().submit(client, r);
+  };
+  submit(1, 11, joinReq("sxnMembership", 1, attrs(1, 1, 30)));
+  submit(2, 21, joinReq("sxnMembership", 2, attrs(1, 1, 30)));
+  submit(3, 31, joinReq("tolkvask_cfg", 3, attrs()));
+  c.deliver(all);
+  submit(2, 21, valueReq("sxnMembership", 2, "state of node 2"));
+  submit(3, 31, messageReq("tolkvask_cfg", 3, "refresh"));
+  c.deliver(all);
+  writeSeed("cpg_fuzz", "requests_and_protocols.bin", c.steps());
+
+  c.node(2).replica().reportAdapter(update(2, 0, true));
+  c.node(3).replica().reportAdapter(update(3, 0, true));
+  c.node(3).replica().reportAdapter(update(3, 1, false));
+  velt::proto::NodeEntry a, b, d;
+  a.set_node(1), a.set_name("alpha");
+  b.set_node(2), b.set_name("beta");
+  d.set_node(3), d.set_name("10.0.0.3");
+  c.node(2).replica().reportNodeList({a, b, d});
+  c.node(2).replica().announceNodeId(0x1122334455667788ull);
+  velt::proto::InterfaceUpdate iu;
+  velt::proto::InterfaceResource* r = iu.mutable_resource();
+  r->set_name("sxn0"), r->set_device_name("sxn0"), r->set_ip_address("10.0.0.2");
+  r->set_device_sub_type(32), r->set_logical_id(1), r->set_network_id(7), r->set_network_id64(7);
+  r->set_port_id(1), r->set_hardware_address("02:00:00:00:00:02"), r->set_device_path_name("/dev/sxn0");
+  iu.set_generation(1);
+  c.node(2).replica().reportInterface(iu);
+  c.deliver(all);
+  writeSeed("cpg_fuzz", "adapters_and_kor.bin", c.steps());
+
+  // Node 3 crashes; then 1 and 2 lose each other; then all heal, node 3
+  // with a restarted agent.
+  c.node(3).outbox().clear();
+  c.view({1, 2});
+  writeSeed("cpg_fuzz", "a_node_crashes.bin", c.steps());
+  submit(2, 21, leaveReq("sxnMembership", 2));
+  c.view({1});
+  c.view({2});
+  writeSeed("cpg_fuzz", "partition.bin", c.steps());
+  c.restart(3);
+  c.view(all);
+  writeSeed("cpg_fuzz", "heal_merges_snapshots.bin", c.steps());
 }
 
 velt::proto::ClientFrame clientFrame(const velt::proto::Request& request) {
@@ -101,26 +203,10 @@ velt::proto::ClientFrame helloFrame(bool groupServices) {
 void clusterSeeds() {
   SimCluster cluster({1, 2, 3}, 20261123);
   TestNode n1(&cluster, 1), n2(&cluster, 2), n3(&cluster, 3);
-  // What node 1 receives, as cpg_fuzz steps, cut into one seed per phase.
-  std::string received;
-  cluster.beforeDeliverForTesting = [&](uint32_t node, const SimCluster::Event& e) {
-    if (node != 1) return;
-    if (e.isView) {
-      received += viewStep(e.view.members);
-    } else if (e.bytes.size() <= 0xffff) {
-      received += messageStep(e.from, e.bytes);
-    }
-  };
-  auto phase = [&](const std::string& name) {
-    cluster.deliverAll();
-    writeSeed("cpg_fuzz", name, received);
-    received.clear();
-  };
-
   n1.join();
   n2.join();
   n3.join();
-  phase("views_and_snapshots.bin");
+  cluster.deliverAll();
 
   std::vector<velt::proto::Request> requests;
   auto submit = [&](TestNode& n, uint64_t client, velt::proto::Request r) {
@@ -143,7 +229,7 @@ void clusterSeeds() {
   submit(n1, 11, valueReq("sxnMembership", 1, "state of node 1"));
   submit(n3, 31, messageReq("tolkvask_cfg", 3, "refresh"));
   submit(n1, 12, leaveReq("sxnMembership", 1));
-  phase("requests_and_protocols.bin");
+  cluster.deliverAll();
 
   n1.replica().reportAdapter(update(1, 0, true));
   n2.replica().reportAdapter(update(2, 0, true));
@@ -161,14 +247,13 @@ void clusterSeeds() {
   r->set_port_id(1), r->set_hardware_address("02:00:00:00:00:02"), r->set_device_path_name("/dev/sxn0");
   iu.set_generation(1);
   n2.replica().reportInterface(iu);
-  phase("adapters_and_kor.bin");
-
+  cluster.deliverAll();
   cluster.crash(3);
-  phase("a_node_crashes.bin");
+  cluster.deliverAll();
   cluster.partition({{1}, {2}});
-  phase("partition.bin");
+  cluster.deliverAll();
   cluster.heal();
-  phase("heal_merges_snapshots.bin");
+  cluster.deliverAll();
 
   // The frames the agents sent their clients, as libvx_gscl reads them.
   std::string frames;
@@ -277,6 +362,7 @@ int main(int argc, char** argv) {
   }
   corpusDir = argv[1];
   clusterSeeds();
+  cpgSeeds();
   nodeIdSeeds();
   nodelistSeeds();
   settingsSeeds();
