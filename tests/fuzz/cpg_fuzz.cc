@@ -11,8 +11,9 @@
 //
 // The script is a run of steps, each one byte of kind followed by its
 // arguments:
-//   0 VIEW mask                  a view of node 1 and the nodes whose bits
-//                                (1: node 2, 2: node 3, 4: node 4) are set
+//   0 VIEW mask ring             a view of node 1 and the nodes whose bits
+//                                (1: node 2, 2: node 3, 4: node 4) are set,
+//                                on the totem ring of that number
 //   1 FRAGMENT node len16 bytes  one raw fragment, header included
 //   2 MESSAGE node size len16 bytes
 //                                one message, cut into fragments of 1 + size
@@ -45,11 +46,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     switch (script.byte() % 4) {
       case 0: {
         const uint8_t mask = script.byte();
+        const uint64_t ring = script.byte();
         std::set<uint32_t> members{kSelf};
         for (uint32_t n = 2; n <= 4; ++n) {
           if (mask & (1u << (n - 2))) members.insert(n);
         }
-        node.changeView(members);
+        node.changeView(members, ring);
         break;
       }
       case 1: {

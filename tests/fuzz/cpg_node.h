@@ -41,8 +41,9 @@ class CpgNode {
   const velt::agent::View& view() const { return view_; }
 
   // CPG's configuration change to members (this node among them) and the
-  // ring after it. Returns whether the replica got a view.
-  bool changeView(const std::set<uint32_t>& members) {
+  // ring after it, which the members of the new ring share. Returns whether
+  // the replica got a view.
+  bool changeView(const std::set<uint32_t>& members, uint64_t ringSeq) {
     std::vector<velt::agent::CpgMember> all, left, joined;
     for (uint32_t n : members) {
       all.push_back({n, cpgPidOf(n), 0});
@@ -52,7 +53,7 @@ class CpgNode {
       if (members.count(n) == 0) left.push_back({n, cpgPidOf(n), velt::agent::CpgViewBuilder::kReasonNodeDown});
     }
     views_.groupChanged(all, left, joined);
-    views_.ringChanged(++ringSeq_);
+    views_.ringChanged(ringSeq);
     std::vector<std::string> notes;
     velt::agent::View made;
     if (!views_.finish(&made, &notes)) return false;
@@ -125,7 +126,6 @@ class CpgNode {
   velt::agent::Replica replica_{&bus_, &sink_, 0x02050000};
   velt::agent::FragmentReassembler reassembler_{kMaxMessage};
   velt::agent::CpgViewBuilder views_;
-  uint64_t ringSeq_ = 0;
   velt::agent::View view_;
 };
 

@@ -78,16 +78,17 @@ class CpgCluster {
   // A crashed node's agent starts again, with nothing of its old state.
   void restart(uint32_t n) { nodes_[n] = std::make_unique<velt_fuzz::CpgNode>(n); }
 
-  // The members of one side get a view of that side, then deliver what
-  // they multicast until they are quiet.
+  // The members of one side form a new ring and get a view of that side,
+  // then deliver what they multicast until they are quiet.
   void view(const std::set<uint32_t>& side) {
-    for (uint32_t n : side) node(n).changeView(side);
+    ++ring_;
+    for (uint32_t n : side) node(n).changeView(side, ring_);
     if (side.count(1)) {
       uint8_t mask = 0;
       for (uint32_t n : side) {
         if (n >= 2) mask |= static_cast<uint8_t>(1u << (n - 2));
       }
-      steps_ += std::string{0, static_cast<char>(mask)};
+      steps_ += std::string{0, static_cast<char>(mask), static_cast<char>(ring_)};
     }
     deliver(side);
   }
@@ -119,6 +120,7 @@ class CpgCluster {
 
  private:
   std::map<uint32_t, std::unique_ptr<velt_fuzz::CpgNode>> nodes_;
+  uint8_t ring_ = 0;
   std::string steps_;
 };
 
