@@ -65,6 +65,24 @@ std::string packets(const std::string& message, char kind = -1) {
   return out;
 }
 
+// KOR facts as the agents report them: one node's view of the nodelist,
+// and another's id and one of its interfaces.
+void reportKorFacts(Replica& nodelistOf, Replica& interfaceOf) {
+  velt::proto::NodeEntry a, b, c;
+  a.set_node(1), a.set_name("alpha");
+  b.set_node(2), b.set_name("beta");
+  c.set_node(3), c.set_name("10.0.0.3");
+  nodelistOf.reportNodeList({a, b, c});
+  interfaceOf.announceNodeId(0x1122334455667788ull);
+  velt::proto::InterfaceUpdate iu;
+  velt::proto::InterfaceResource* r = iu.mutable_resource();
+  r->set_name("sxn0"), r->set_device_name("sxn0"), r->set_ip_address("10.0.0.2");
+  r->set_device_sub_type(32), r->set_logical_id(1), r->set_network_id(7), r->set_network_id64(7);
+  r->set_port_id(1), r->set_hardware_address("02:00:00:00:00:02"), r->set_device_path_name("/dev/sxn0");
+  iu.set_generation(1);
+  interfaceOf.reportInterface(iu);
+}
+
 // Three agents' replicas as veltd's bus feeds them (CpgNode), in one total
 // order per side of the cluster; what node 1 receives is written as
 // cpg_fuzz's steps, so that its replica, fed the same, takes the others'
@@ -147,19 +165,7 @@ void cpgSeeds() {
   c.node(2).replica().reportAdapter(update(2, 0, true));
   c.node(3).replica().reportAdapter(update(3, 0, true));
   c.node(3).replica().reportAdapter(update(3, 1, false));
-  velt::proto::NodeEntry a, b, d;
-  a.set_node(1), a.set_name("alpha");
-  b.set_node(2), b.set_name("beta");
-  d.set_node(3), d.set_name("10.0.0.3");
-  c.node(2).replica().reportNodeList({a, b, d});
-  c.node(2).replica().announceNodeId(0x1122334455667788ull);
-  velt::proto::InterfaceUpdate iu;
-  velt::proto::InterfaceResource* r = iu.mutable_resource();
-  r->set_name("sxn0"), r->set_device_name("sxn0"), r->set_ip_address("10.0.0.2");
-  r->set_device_sub_type(32), r->set_logical_id(1), r->set_network_id(7), r->set_network_id64(7);
-  r->set_port_id(1), r->set_hardware_address("02:00:00:00:00:02"), r->set_device_path_name("/dev/sxn0");
-  iu.set_generation(1);
-  c.node(2).replica().reportInterface(iu);
+  reportKorFacts(c.node(2).replica(), c.node(2).replica());
   c.deliver(all);
   writeSeed("cpg_fuzz", "adapters_and_kor.bin", c.steps());
 
@@ -236,19 +242,7 @@ void clusterSeeds() {
   n1.replica().reportAdapter(update(1, 0, true));
   n2.replica().reportAdapter(update(2, 0, true));
   n2.replica().reportAdapter(update(2, 1, false));
-  velt::proto::NodeEntry a, b, c;
-  a.set_node(1), a.set_name("alpha");
-  b.set_node(2), b.set_name("beta");
-  c.set_node(3), c.set_name("10.0.0.3");
-  n1.replica().reportNodeList({a, b, c});
-  n2.replica().announceNodeId(0x1122334455667788ull);
-  velt::proto::InterfaceUpdate iu;
-  velt::proto::InterfaceResource* r = iu.mutable_resource();
-  r->set_name("sxn0"), r->set_device_name("sxn0"), r->set_ip_address("10.0.0.2");
-  r->set_device_sub_type(32), r->set_logical_id(1), r->set_network_id(7), r->set_network_id64(7);
-  r->set_port_id(1), r->set_hardware_address("02:00:00:00:00:02"), r->set_device_path_name("/dev/sxn0");
-  iu.set_generation(1);
-  n2.replica().reportInterface(iu);
+  reportKorFacts(n1.replica(), n2.replica());
   cluster.deliverAll();
   cluster.crash(3);
   cluster.deliverAll();
