@@ -140,15 +140,28 @@ void ClientSession::readPackets() {
   });
 }
 
-bool ClientSession::handleMessage(const std::string& bytes) {
-  proto::ClientFrame frame;
-  if (!frame.ParseFromString(bytes)) {
-    close("malformed frame: " + std::to_string(bytes.size()) + " bytes that are no client frame");
+bool parseClientFrame(const std::string& bytes, proto::ClientFrame* frame, std::string* why) {
+  if (!frame->ParseFromString(bytes)) {
+    *why = "malformed frame: " + std::to_string(bytes.size()) + " bytes that are no client frame";
     return false;
   }
-  if (frame.version() != proto::WIRE_VERSION_1) {
-    close("malformed frame: wire version " + std::to_string(frame.version()) +
-          " is not supported (this agent speaks " + std::to_string(proto::WIRE_VERSION_1) + ")");
+  if (frame->version() != proto::WIRE_VERSION_1) {
+    *why = "malformed frame: wire version " + std::to_string(frame->version()) +
+           " is not supported (this agent speaks " + std::to_string(proto::WIRE_VERSION_1) + ")";
+    return false;
+  }
+  if (frame->body_case() == proto::ClientFrame::BODY_NOT_SET) {
+    *why = "malformed frame: a client frame without a body";
+    return false;
+  }
+  return true;
+}
+
+bool ClientSession::handleMessage(const std::string& bytes) {
+  proto::ClientFrame frame;
+  std::string why;
+  if (!parseClientFrame(bytes, &frame, &why)) {
+    close(why);
     return false;
   }
   switch (frame.body_case()) {
@@ -176,8 +189,7 @@ bool ClientSession::handleMessage(const std::string& bytes) {
     case proto::ClientFrame::BODY_NOT_SET:
       break;
   }
-  close("malformed frame: a client frame without a body");
-  return false;
+  return false;  // parseClientFrame refused frames without a body
 }
 
 void ClientSession::accept(const proto::AgentFrame& helloReply) {

@@ -37,6 +37,11 @@
 namespace velt {
 namespace agent {
 
+// Reads one whole message of a client: a client frame of our wire version
+// with a body. Returns false with *why set (for the log line that closes
+// the connection) when it is not one.
+bool parseClientFrame(const std::string& bytes, proto::ClientFrame* frame, std::string* why);
+
 class ClientSession : public ClientPort, public std::enable_shared_from_this<ClientSession> {
  public:
 

@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <set>
 
+#include "utf8_text.h"
+
 namespace velt {
 namespace agent {
 
@@ -40,7 +42,10 @@ std::vector<proto::NodeEntry> readNodelist(const NodelistSource& source) {
       snprintf(key, sizeof key, "nodelist.node.%u.ring0_addr", i);
       if (!source.getString(key, &name) || name.empty()) name = "node" + std::to_string(nodeid);
     }
-    if (name.size() > kMaxNodeNameBytes) name.resize(kMaxNodeNameBytes);
+    // The name travels in the nodelist report, which no agent could read
+    // with a name that is not UTF-8 (a Latin-1 name, or one cut inside a
+    // character).
+    name = wire::utf8Text(name, kMaxNodeNameBytes);
     proto::NodeEntry e;
     e.set_node(nodeid);
     e.set_name(name);

@@ -27,7 +27,8 @@ namespace agent {
 
 // The most nodes a nodelist may name; entries past it are not read.
 constexpr size_t kMaxNodelistNodes = 2049;
-// The longest node name kept; longer names are cut.
+// The longest node name kept; longer names are cut at a character. A name
+// is kept as UTF-8: bytes that are not become "?".
 constexpr size_t kMaxNodeNameBytes = 255;
 
 // What the nodelist reader needs of cmap, so that tests can hand it a

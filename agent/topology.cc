@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "utf8_text.h"
+
 namespace velt {
 namespace agent {
 
@@ -77,6 +79,10 @@ bool InterfaceFilter::parse(const std::string& text, InterfaceFilter* out, std::
 }
 
 bool InterfaceFilter::matches(const std::string& name) const {
+  // The kernel takes any bytes in a name, but an adapter's name travels in
+  // a string field that no agent could read if it were not UTF-8: such an
+  // interface is never an adapter.
+  if (!wire::isValidUtf8(name)) return false;
   if (all_) return true;
   for (const std::string& p : patterns_) {
     if (fnmatch(p.c_str(), name.c_str(), 0) == 0) return true;

@@ -37,6 +37,8 @@ class InterfaceFilter {
   // Returns false with *error set when text is not a setting we accept.
   static bool parse(const std::string& text, InterfaceFilter* out, std::string* error);
 
+  // Never for a name that is not UTF-8 (it could not travel to the other
+  // agents).
   bool matches(const std::string& name) const;
   // For the log: "every interface", "no interface", "sxn0,sxn1".
   std::string describe() const;

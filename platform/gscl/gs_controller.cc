@@ -350,7 +350,6 @@ void GSController::Impl::readerLoop(int rfd) {
   velt::wire::Reassembler reassembler(velt::wire::kDefaultMaxMessage);
   // One byte more than a packet may have, so that a larger one shows.
   std::vector<char> buf(velt::wire::kMaxPacket + 1);
-  std::string message;
   std::string why;
   int err = 0;
   while (true) {
@@ -375,29 +374,11 @@ void GSController::Impl::readerLoop(int rfd) {
       why = "closed by the agent";
       break;
     }
-    if (static_cast<size_t>(len) > velt::wire::kMaxPacket) {
-      why = "malformed frame from the agent: packet of " + std::to_string(len) + " bytes";
-      break;
-    }
-    std::string feedWhy;
-    int r = reassembler.feed(buf.data(), static_cast<size_t>(len), &message, &feedWhy);
-    if (r < 0) {
-      why = "malformed frame from the agent: " + feedWhy;
-      break;
-    }
-    if (r == 0) continue;
     proto::AgentFrame frame;
-    if (!frame.ParseFromString(message)) {
-      why = "malformed frame from the agent: it does not parse (" + std::to_string(message.size()) + " bytes)";
-      break;
-    }
-    std::string frameWhy;
-    if (!validFrame(frame, &frameWhy)) {
-      why = "malformed frame from the agent: " + frameWhy;
-      break;
-    }
-    size_t bytes = message.size();
-    message.clear();
+    size_t bytes = 0;
+    int r = internal::readAgentPacket(&reassembler, buf.data(), static_cast<size_t>(len), &frame, &bytes, &why);
+    if (r < 0) break;
+    if (r == 0) continue;
     velt::MutexLock lk(mu);
     if (quitting) return;
     if (!takeFrameLocked(std::move(frame), bytes, &why)) break;
@@ -1083,6 +1064,33 @@ uint16_t ControllerAccess::nodeNumber() {
   if (c == nullptr) return 0;
   velt::MutexLock lk(c->impl_->mu);
   return static_cast<uint16_t>(c->impl_->node < 0 ? 0 : c->impl_->node);
+}
+
+int readAgentPacket(velt::wire::Reassembler* reassembler, const char* data, size_t len, proto::AgentFrame* frame,
+                    size_t* bytes, std::string* why) {
+  if (len > velt::wire::kMaxPacket) {
+    *why = "malformed frame from the agent: packet of " + std::to_string(len) + " bytes";
+    return -1;
+  }
+  std::string message;
+  std::string feedWhy;
+  int r = reassembler->feed(data, len, &message, &feedWhy);
+  if (r < 0) {
+    *why = "malformed frame from the agent: " + feedWhy;
+    return -1;
+  }
+  if (r == 0) return 0;
+  if (!frame->ParseFromString(message)) {
+    *why = "malformed frame from the agent: it does not parse (" + std::to_string(message.size()) + " bytes)";
+    return -1;
+  }
+  std::string frameWhy;
+  if (!validFrame(*frame, &frameWhy)) {
+    *why = "malformed frame from the agent: " + frameWhy;
+    return -1;
+  }
+  *bytes = message.size();
+  return 1;
 }
 
 }  // namespace internal

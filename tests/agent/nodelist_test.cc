@@ -81,6 +81,25 @@ TEST(Nodelist, KeepsAtMostTheBoundAndCutsLongNames) {
   EXPECT_EQ(nodes[0].name().size(), kMaxNodeNameBytes);
 }
 
+// The names travel in a protobuf string field, which every agent would
+// refuse to read if it were not UTF-8.
+TEST(Nodelist, NamesAreAlwaysUtf8) {
+  FakeCmap c;
+  c.node(0, 1, "latin-1 \xe9t\xe9");
+  c.numbers["nodelist.node.1.nodeid"] = 2;
+  // 254 bytes and a character of 3: cut before the character, not inside.
+  c.texts["nodelist.node.1.name"] = std::string(254, 'n') + "\xe5\x8c\x97";
+  auto nodes = readNodelist(c.source());
+  ASSERT_EQ(nodes.size(), 2u);
+  EXPECT_EQ(nodes[0].name(), "latin-1 ?t?");
+  EXPECT_EQ(nodes[1].name(), std::string(254, 'n'));
+  proto::NodeListUpdate sent;
+  for (const auto& e : nodes) *sent.add_nodes() = e;
+  proto::NodeListUpdate heard;
+  ASSERT_TRUE(heard.ParseFromString(sent.SerializeAsString()));
+  EXPECT_EQ(heard.nodes_size(), 2);
+}
+
 TEST(Nodelist, EmptyWithoutEntries) {
   FakeCmap c;
   EXPECT_TRUE(readNodelist(c.source()).empty());

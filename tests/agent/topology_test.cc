@@ -87,6 +87,17 @@ TEST(InterfaceSetting, EmptyMeansEveryInterface) {
   EXPECT_EQ("every interface", f.describe());
 }
 
+// Its name would make every agent drop the adapter's reports.
+TEST(InterfaceSetting, NameThatIsNotUtf8IsNeverAnAdapter) {
+  InterfaceFilter f;
+  std::string why;
+  ASSERT_TRUE(InterfaceFilter::parse("", &f, &why));
+  EXPECT_FALSE(f.matches("sxn\xe9"));
+  ASSERT_TRUE(InterfaceFilter::parse("sxn*", &f, &why));
+  EXPECT_FALSE(f.matches("sxn\xe9"));
+  EXPECT_TRUE(f.matches("sxn\xc3\xa9"));
+}
+
 TEST(InterfaceSetting, NoneMatchesNothing) {
   InterfaceFilter f;
   std::string why;

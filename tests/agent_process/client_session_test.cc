@@ -316,3 +316,34 @@ TEST_F(FramesFromASource, FramesQueuedBehindASourceCountAgainstTheBound) {
 }  // namespace
 }  // namespace agent
 }  // namespace velt
+
+// What a client's whole message must be before the session looks at it.
+TEST(ClientFrameParsing, TakesAFrameOfOurVersionWithABody) {
+  velt::proto::ClientFrame sent;
+  sent.set_version(velt::proto::WIRE_VERSION_1);
+  sent.mutable_request()->set_id(7);
+  velt::proto::ClientFrame frame;
+  std::string why;
+  ASSERT_TRUE(velt::agent::parseClientFrame(sent.SerializeAsString(), &frame, &why)) << why;
+  EXPECT_EQ(frame.request().id(), 7u);
+}
+
+TEST(ClientFrameParsing, RefusalsSayWhy) {
+  velt::proto::ClientFrame otherVersion;
+  otherVersion.set_version(9);
+  otherVersion.mutable_ping_reply()->set_seq(1);
+  velt::proto::ClientFrame noBody;
+  noBody.set_version(velt::proto::WIRE_VERSION_1);
+  const std::pair<std::string, std::string> cases[] = {
+      {std::string("\x0a\xff", 2), "2 bytes that are no client frame"},
+      {otherVersion.SerializeAsString(), "wire version 9 is not supported"},
+      {noBody.SerializeAsString(), "a client frame without a body"},
+  };
+  for (const auto& c : cases) {
+    velt::proto::ClientFrame frame;
+    std::string why;
+    EXPECT_FALSE(velt::agent::parseClientFrame(c.first, &frame, &why));
+    EXPECT_NE(why.find(c.second), std::string::npos) << why;
+    EXPECT_EQ(why.rfind("malformed frame: ", 0), 0u) << why;
+  }
+}

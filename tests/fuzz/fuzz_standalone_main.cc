@@ -1,5 +1,6 @@
 // Runs a libFuzzer target without libFuzzer, as a bounded CTest test: every
-// file named on the command line (a corpus of hand-made cases), then
+// file named on the command line, or found in a directory named there (the
+// target's seed corpus), then
 // pseudo-random and mutated inputs from a fixed seed for at most the given
 // number of seconds. With clang, the same targets build against libFuzzer
 // (VELT_BUILD_FUZZ=ON) for longer runs on demand.
@@ -10,6 +11,8 @@
 #include <string.h>
 #include <time.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <random>
@@ -34,12 +37,28 @@ int main(int argc, char** argv) {
     } else if (strncmp(argv[i], "-max_len=", 9) == 0) {
       maxLen = strtoul(argv[i] + 9, nullptr, 10);
     } else {
-      std::ifstream in(argv[i], std::ios::binary);
-      if (!in) {
-        fprintf(stderr, "cannot read corpus file %s\n", argv[i]);
-        return 1;
+      std::vector<std::string> files;
+      std::error_code ec;
+      if (std::filesystem::is_directory(argv[i], ec)) {
+        for (const auto& e : std::filesystem::directory_iterator(argv[i], ec)) {
+          if (e.is_regular_file()) files.push_back(e.path().string());
+        }
+        std::sort(files.begin(), files.end());  // the same order on every run
+        if (files.empty()) {
+          fprintf(stderr, "no corpus files in %s\n", argv[i]);
+          return 1;
+        }
+      } else {
+        files.push_back(argv[i]);
       }
-      corpus.emplace_back(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+      for (const std::string& file : files) {
+        std::ifstream in(file, std::ios::binary);
+        if (!in) {
+          fprintf(stderr, "cannot read corpus file %s\n", file.c_str());
+          return 1;
+        }
+        corpus.emplace_back(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+      }
     }
   }
   for (auto& c : corpus) LLVMFuzzerTestOneInput(c.data(), c.size());

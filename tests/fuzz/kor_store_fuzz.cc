@@ -16,6 +16,7 @@
 #include <google/protobuf/io/zero_copy_stream_impl_lite.h>
 #include <google/protobuf/stubs/logging.h>
 
+#include "fuzz_input.h"
 #include "kor_resources.h"
 #include "kor_store.h"
 #include "state_files.h"
@@ -29,22 +30,6 @@ using velt::agent::KorStore;
 [[noreturn]] void fail(const char* what) {
   fprintf(stderr, "kor_store_fuzz: %s\n", what);
   abort();
-}
-
-// One state directory for the whole run, removed at exit (kept on the heap
-// so that it outlives the static destructors that run before atexit's).
-const std::string& stateDir() {
-  static const std::string* dir = [] {
-    std::string tmpl = "/tmp/velt-kor-store-fuzz-XXXXXX";
-    if (mkdtemp(&tmpl[0]) == nullptr) fail("cannot make a temporary directory");
-    auto* made = new std::string(tmpl);
-    atexit([] {
-      std::error_code ec;
-      std::filesystem::remove_all(stateDir(), ec);
-    });
-    return made;
-  }();
-  return *dir;
 }
 
 std::string canonical(const velt::proto::KorImage& image) {
@@ -76,14 +61,14 @@ void checkAccepted(const velt::proto::KorImage& image) {
 
 void checkSetAsideBound() {
   size_t aside = 0;
-  for (const auto& e : std::filesystem::directory_iterator(stateDir())) {
+  for (const auto& e : std::filesystem::directory_iterator(velt_fuzz::scratchDir())) {
     if (e.path().filename().string().rfind("kor-resources.bad.", 0) == 0) ++aside;
   }
   if (aside > velt::agent::kMaxSetAsideFiles) fail("more set-aside files than the bound");
 }
 
 void throughFile(const std::string& bytes) {
-  const std::string path = stateDir() + "/" + velt::agent::kKorStoreFileName;
+  const std::string path = velt_fuzz::scratchDir() + "/" + velt::agent::kKorStoreFileName;
   FILE* f = fopen(path.c_str(), "wb");
   if (f == nullptr) fail("cannot write the file");
   if (!bytes.empty() && fwrite(bytes.data(), 1, bytes.size(), f) != bytes.size()) {
@@ -92,14 +77,14 @@ void throughFile(const std::string& bytes) {
   fclose(f);
   velt::proto::KorImage image;
   std::string why;
-  switch (KorStore::load(stateDir(), &image, &why)) {
+  switch (KorStore::load(velt_fuzz::scratchDir(), &image, &why)) {
     case KorStore::Load::kLoaded: {
       checkAccepted(image);
       velt::proto::KorImage decoded;
       if (KorStore::decode(bytes, &decoded, &why) != 0) fail("load and decode disagree");
-      if (KorStore::save(stateDir(), image, &why) != 0) fail("cannot save what was loaded");
+      if (KorStore::save(velt_fuzz::scratchDir(), image, &why) != 0) fail("cannot save what was loaded");
       velt::proto::KorImage reloaded;
-      if (KorStore::load(stateDir(), &reloaded, &why) != KorStore::Load::kLoaded ||
+      if (KorStore::load(velt_fuzz::scratchDir(), &reloaded, &why) != KorStore::Load::kLoaded ||
           canonical(reloaded) != canonical(image)) {
         fail("save and load changed the image");
       }

@@ -10,6 +10,7 @@
 
 #include <string>
 
+#include "frame_io.h"
 #include "gs_types.h"
 #include "velt.pb.h"
 #include "velt_mutex.h"
@@ -47,6 +48,14 @@ class ControllerAccess {
   // This node's number as the agent told it; 0 before the first hello.
   static uint16_t nodeNumber();
 };
+
+// Reads one packet of the agent's connection as it was received: the
+// reassembly, the parsing and the checks that the rest of the library
+// relies on. Returns 1 with *frame set (and *bytes, the frame's size) when
+// a frame is complete, 0 when more packets are needed, -1 with *why set
+// when the connection has to be given up.
+int readAgentPacket(velt::wire::Reassembler* reassembler, const char* data, size_t len,
+                    velt::proto::AgentFrame* frame, size_t* bytes, std::string* why);
 
 // What the controller's dispatch needs of the clients. Thread-safe.
 class ClientAccess {

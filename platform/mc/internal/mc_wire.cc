@@ -68,7 +68,8 @@ bool checkText(std::string_view text, const char* what, std::string* why) {
            std::to_string(kMaxString) + ")";
     return false;
   }
-  if (memchr(text.data(), '\0', text.size()) != nullptr) {
+  // An empty view may have no data at all, which memchr must not be given.
+  if (text.find('\0') != std::string_view::npos) {
     *why = std::string(what) + " with a NUL byte";
     return false;
   }
@@ -1002,7 +1003,7 @@ void* QueryAnswerBuilder::allocate(size_t bytes, size_t align) {
 char* QueryAnswerBuilder::copyText(std::string_view text) {
   char* s = static_cast<char*>(allocate(text.size() + 1, 1));
   if (s == nullptr) return nullptr;
-  memcpy(s, text.data(), text.size());
+  text.copy(s, text.size());  // an empty view may have no data to give memcpy
   s[text.size()] = '\0';
   return s;
 }
