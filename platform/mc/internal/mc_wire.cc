@@ -68,7 +68,10 @@ bool checkText(std::string_view text, const char* what, std::string* why) {
            std::to_string(kMaxString) + ")";
     return false;
   }
-  if (memchr(text.data(), '\0', text.size()) != nullptr) {
+  // Views of the wire are read without memchr, memcpy or memcmp: a field
+  // absent from the wire is an empty view whose data() is null, which those
+  // must never get.
+  if (text.find('\0') != std::string_view::npos) {
     *why = std::string(what) + " with a NUL byte";
     return false;
   }
@@ -1002,7 +1005,7 @@ void* QueryAnswerBuilder::allocate(size_t bytes, size_t align) {
 char* QueryAnswerBuilder::copyText(std::string_view text) {
   char* s = static_cast<char*>(allocate(text.size() + 1, 1));
   if (s == nullptr) return nullptr;
-  memcpy(s, text.data(), text.size());
+  text.copy(s, text.size());   // not memcpy: see checkText
   s[text.size()] = '\0';
   return s;
 }
@@ -1010,7 +1013,7 @@ char* QueryAnswerBuilder::copyText(std::string_view text) {
 const char* QueryAnswerBuilder::nameOf(std::string_view name, size_t place, uint64_t* bit) {
   if (place >= seen_.size()) seen_.resize(place + 1);
   SeenName& last = seen_[place];
-  if (last.text != nullptr && last.size == name.size() && memcmp(last.text, name.data(), name.size()) == 0) {
+  if (last.text != nullptr && std::string_view(last.text, last.size) == name) {
     *bit = last.bit;
     return last.text;
   }
