@@ -263,7 +263,6 @@ class AMMediator : public GSThread {
   AMCookedProvider** cookedSXNAllProviders = nullptr; // GUARDED_BY(listMu_)
   AMAggregator* aggregator;
   GSString raw_membership_name;
-  int isAtLeastOneDevicePresent = 0;
   AMIntervalHitter at_raw_subs_rate;
   AMIntervalHitter at_check_dev;
   GSString traceId_;
