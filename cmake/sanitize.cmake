@@ -3,9 +3,9 @@
 #   address,undefined  AddressSanitizer with its leak checker, and UBSan;
 #                      undefined behaviour ends the process (no recovery)
 #   thread             ThreadSanitizer
-# Works with g++ and clang++. Code that must know (a figure that means
-# nothing under a sanitizer) tests VELT_SANITIZER_ADDRESS or
-# VELT_SANITIZER_THREAD.
+# Works with g++ and clang++. The mode is defined for the code as
+# VELT_SANITIZER_ADDRESS or VELT_SANITIZER_THREAD; tests ask
+# velt_test::kSanitized (tests/sanitizers/sanitized.h).
 set(VELT_SANITIZER_FLAGS "")
 if(VELT_SANITIZE STREQUAL "address,undefined")
   set(VELT_SANITIZER_FLAGS -fsanitize=address,undefined -fno-sanitize-recover=undefined)
