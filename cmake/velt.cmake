@@ -33,7 +33,8 @@ endfunction()
 # A test executable's sources can be compiled as one (a unity build): the
 # headers they share, GoogleTest's above all, are then compiled once per
 # executable. Quicker from scratch, slower to rebuild after a change of one
-# test; scripts/test and the sanitizer builds use it.
+# test; the sanitizer builds (clang) use it. g++ warns there of test fixtures
+# in anonymous namespaces (-Wsubobject-linkage), so its builds do not.
 option(VELT_UNITY_TESTS "Compile each test executable's sources together" OFF)
 
 # velt_test(NAME SOURCES ... DEPS ... [LABELS ...] [TIMEOUT n])
