@@ -91,6 +91,8 @@ AMController::AMController() : GSController(kGsInterfaceWord), AMSRCDriver() {
 
 AMController::~AMController() {
   namClientArray.clear();
+  delete namServer;
+  delete cfgMonitor;
   if (theController == this) theController = nullptr;
 }
 

@@ -58,6 +58,9 @@ class AMRegistry {
 class AMController : public GSController, public AMSRCDriver {
  public:
   AMController();
+  // Deletes the configuration monitor and the client server it made (the
+  // daemon never ends its controller; tests do). Requires: their threads
+  // have ended.
   ~AMController() override;
 
   // Registries.

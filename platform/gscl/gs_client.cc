@@ -138,27 +138,18 @@ void fillAttributes(const tk_gs_group_attributes_t& a, const std::string& group,
   if (source != nullptr) out->set_source_group_name(*source);
 }
 
-// The stored bits of an API enum (see gs_controller.cc).
-template <typename E>
-int enumBits(const E& e) {
-  static_assert(sizeof(E) == sizeof(int), "API enums are int-sized");
-  int v;
-  memcpy(&v, &e, sizeof v);
-  return v;
-}
-
 bool validPhases(int n) { return n == TK_GS_1_PHASE || n == TK_GS_N_PHASE; }
 
 // Checks attributes a provider gives; group is the provider's group name.
 tk_gs_rc_t checkAttributes(const tk_gs_group_attributes_t& a, const char* group) {
-  if (!validPhases(enumBits(a.gs_num_phases)) || !validPhases(enumBits(a.gs_source_reflection_num_phases))) {
+  if (!validPhases(a.gs_num_phases) || !validPhases(a.gs_source_reflection_num_phases)) {
     return TK_GS_BAD_PARAMETER;
   }
-  int vote = enumBits(a.gs_group_default_vote);
+  int vote = static_cast<int>(a.gs_group_default_vote);
   if (vote != TK_GS_VOTE_APPROVE && vote != TK_GS_VOTE_REJECT) return TK_GS_BAD_PARAMETER;
-  int batch = enumBits(a.gs_batch_control);
+  int batch = static_cast<int>(a.gs_batch_control);
   if (batch < TK_GS_NO_BATCHING || batch > TK_GS_BATCH_BOTH) return TK_GS_BAD_PARAMETER;
-  if (enumBits(a.gs_merge_control) != TK_GS_DISSOLVE_MERGE) return TK_GS_NOT_SUPPORTED;
+  if (static_cast<int>(a.gs_merge_control) != TK_GS_DISSOLVE_MERGE) return TK_GS_NOT_SUPPORTED;
   if (a.gs_time_limit < 0 || a.gs_source_reflection_time_limit < 0) return TK_GS_BAD_PARAMETER;
   if (a.gs_group_name != nullptr && strcmp(a.gs_group_name, group) != 0) return TK_GS_BAD_PARAMETER;
   if (a.gs_source_group_name != nullptr && strlen(a.gs_source_group_name) > TK_GS_MAX_GROUP_NAME_LENGTH) {
@@ -772,7 +763,7 @@ tk_gs_rc_t GSProvider::protocolRequest(int type, const char* what, const std::st
   const char* group = getGroupName();
   tk_gs_rc_t rc = checkProvider(group, instance_);
   if (rc != TK_GS_OK) return rc;
-  if (!validPhases(enumBits(numPhases)) || timeLimit < 0) return TK_GS_BAD_PARAMETER;
+  if (!validPhases(numPhases) || timeLimit < 0) return TK_GS_BAD_PARAMETER;
   if (getClientState() != GS_IAM_JOINED) return TK_GS_NOT_JOINED;
   proto::Request request;
   switch (type) {
@@ -781,7 +772,7 @@ tk_gs_rc_t GSProvider::protocolRequest(int type, const char* what, const std::st
       c->set_group(group);
       c->set_instance(static_cast<uint32_t>(instance_));
       c->set_value(*value);
-      c->set_num_phases(static_cast<uint32_t>(enumBits(numPhases)));
+      c->set_num_phases(static_cast<uint32_t>(numPhases));
       c->set_time_limit(static_cast<uint32_t>(timeLimit));
       break;
     }
@@ -790,7 +781,7 @@ tk_gs_rc_t GSProvider::protocolRequest(int type, const char* what, const std::st
       m->set_group(group);
       m->set_instance(static_cast<uint32_t>(instance_));
       m->set_message(*value);
-      m->set_num_phases(static_cast<uint32_t>(enumBits(numPhases)));
+      m->set_num_phases(static_cast<uint32_t>(numPhases));
       m->set_time_limit(static_cast<uint32_t>(timeLimit));
       break;
     }
@@ -798,7 +789,7 @@ tk_gs_rc_t GSProvider::protocolRequest(int type, const char* what, const std::st
       proto::Leave* l = request.mutable_leave();
       l->set_group(group);
       l->set_instance(static_cast<uint32_t>(instance_));
-      l->set_num_phases(static_cast<uint32_t>(enumBits(numPhases)));
+      l->set_num_phases(static_cast<uint32_t>(numPhases));
       l->set_time_limit(static_cast<uint32_t>(timeLimit));
       break;
     }
@@ -819,7 +810,7 @@ tk_gs_rc_t GSProvider::changeStateValue(const tk_gs_state_value_t* value, tk_gs_
 tk_gs_rc_t GSProvider::leaveGroup(int leaveCode, tk_gs_num_phases_t numPhases, int timeLimit) {
   if (internal::gsDetailWanted(GSDebugLevel())) {
     GSDebugPrintf(internal::kGsclDebugRoute, "gscl: %s leaves %s (code %d, %d phases, %d s)", getTraceIdStr(),
-                  getGroupName(), leaveCode, enumBits(numPhases), timeLimit);
+                  getGroupName(), leaveCode, static_cast<int>(numPhases), timeLimit);
   }
   return protocolRequest(TK_GS_LEAVE, "leave", nullptr, numPhases, timeLimit);
 }
@@ -858,9 +849,9 @@ tk_gs_rc_t GSProvider::vote(tk_gs_vote_t voteValue, const tk_gs_state_value_t* n
   const char* group = getGroupName();
   tk_gs_rc_t rc = checkProvider(group, instance_);
   if (rc != TK_GS_OK) return rc;
-  int v = enumBits(voteValue);
+  int v = static_cast<int>(voteValue);
   if (v != TK_GS_VOTE_APPROVE && v != TK_GS_VOTE_REJECT && v != TK_GS_VOTE_CONTINUE) return TK_GS_BAD_PARAMETER;
-  int next = enumBits(nextDefaultVote);
+  int next = static_cast<int>(nextDefaultVote);
   if (next != TK_GS_NO_VOTE && next != TK_GS_VOTE_APPROVE && next != TK_GS_VOTE_REJECT) return TK_GS_BAD_PARAMETER;
   if (newValue != nullptr) {
     if (newValue->gs_length < 0 || (newValue->gs_length > 0 && newValue->gs_state == nullptr)) {

@@ -117,19 +117,8 @@ const struct fc_errtbl_entry kAgentLostTemplate = {
     0, "GS_GSCL_AGENT_LOST_ER", 5, 0x51,
     "The group services client lost its connection to the node agent", 1, ""};
 
-// The stored bits of an API enum. Callers (C among them) may hand over any
-// int; loading it as the enum type when it is out of the enum's range is
-// undefined, so it is read as the int it is.
-template <typename E>
-int enumBits(const E& e) {
-  static_assert(sizeof(E) == sizeof(int), "API enums are int-sized");
-  int v;
-  memcpy(&v, &e, sizeof v);
-  return v;
-}
-
 bool validResponsiveness(const tk_gs_responsiveness_t& r) {
-  switch (enumBits(r.gs_responsiveness_type)) {
+  switch (static_cast<int>(r.gs_responsiveness_type)) {
     case TK_GS_NO_RESPONSIVENESS:
     case TK_GS_PING_RESPONSIVENESS:
       break;
@@ -146,7 +135,7 @@ bool validResponsiveness(const tk_gs_responsiveness_t& r) {
 bool knownSocketOption(int option) { return option == TK_GS_ENABLE_ADAPTER_INFO; }
 
 void fillResponsiveness(const tk_gs_responsiveness_t& r, proto::Responsiveness* out) {
-  out->set_type(static_cast<uint32_t>(enumBits(r.gs_responsiveness_type)));
+  out->set_type(static_cast<uint32_t>(r.gs_responsiveness_type));
   out->set_interval(static_cast<uint32_t>(r.gs_responsiveness_interval));
   out->set_response_time_limit(static_cast<uint32_t>(r.gs_responsiveness_response_time_limit));
 }
@@ -861,7 +850,7 @@ void GSController::quit() {
 }
 
 tk_gs_rc_t GSController::dispatch(tk_gs_dispatch_type_t how) {
-  const int howBits = enumBits(how);
+  const int howBits = static_cast<int>(how);
   if (howBits != TK_GS_BLOCKING && howBits != TK_GS_NON_BLOCKING) return TK_GS_BAD_PARAMETER;
   velt::MutexLock lk(impl_->mu);
   while (true) {
@@ -917,7 +906,7 @@ tk_gs_callback_rc_t GSController::queryCb(const tk_gs_query_notification_t* n) {
 
 tk_gs_callback_rc_t GSController::domainControlCb(const tk_gs_domain_control_notification_t* n) {
   if (n == nullptr) return TK_GS_CALLBACK_NOT_OK;
-  if (enumBits(n->gs_domain_ctrl_event) == TK_GS_DOMAIN_VERSION) setActiveVersion(n->gs_velt_version);
+  if (static_cast<int>(n->gs_domain_ctrl_event) == TK_GS_DOMAIN_VERSION) setActiveVersion(n->gs_velt_version);
   return TK_GS_CALLBACK_OK;
 }
 

@@ -6,8 +6,17 @@
 
 #include <stdint.h>
 
+// The API's enums carry whatever int a caller hands over; the library
+// refuses the values it does not know. In C++ they are based on int, so that
+// such a value is one the type can hold, not undefined behaviour.
+#ifdef __cplusplus
+#define TK_GS_ENUM enum : int
+#else
+#define TK_GS_ENUM enum
+#endif
+
 // Return codes of the client API (sync results and delayed errors).
-typedef enum {
+typedef TK_GS_ENUM {
   TK_GS_OK = 0,
   TK_GS_NOT_OK = 1,
   TK_GS_NOT_CONNECTED = 2,          // no agent listens on the agent socket
@@ -38,12 +47,12 @@ typedef enum {
 } tk_gs_rc_t;
 
 // Result of a callback.
-typedef enum {
+typedef TK_GS_ENUM {
   TK_GS_CALLBACK_NOT_OK = 0,
   TK_GS_CALLBACK_OK = 1,
 } tk_gs_callback_rc_t;
 
-typedef enum {
+typedef TK_GS_ENUM {
   TK_GS_NON_BLOCKING = 0,
   TK_GS_BLOCKING = 1,
 } tk_gs_dispatch_type_t;
@@ -52,7 +61,7 @@ typedef enum {
 enum { TK_GS_ENABLE_ADAPTER_INFO = 1 };
 
 // Responsiveness checking of a client by the agent.
-typedef enum {
+typedef TK_GS_ENUM {
   TK_GS_NO_RESPONSIVENESS = 0,
   TK_GS_PING_RESPONSIVENESS = 1,
   TK_GS_COUNTER_RESPONSIVENESS = 2,
@@ -87,7 +96,7 @@ typedef struct {
 } tk_gs_velt_version_t;
 
 // Domain control events.
-typedef enum {
+typedef TK_GS_ENUM {
   TK_GS_DOMAIN_DISSOLVE = 1,
   TK_GS_DOMAIN_MERGE = 2,
   TK_GS_DOMAIN_VERSION = 3,
@@ -131,7 +140,7 @@ enum { TK_GS_MAX_PROVIDER_MESSAGE_LENGTH = 256 * 1024 };
 // What a protocol (or a request that failed later) is about. The first six
 // are the protocol types of notifications; the rest name requests in
 // delayed errors.
-typedef enum {
+typedef TK_GS_ENUM {
   TK_GS_JOIN = 1,
   TK_GS_FAILURE_LEAVE = 2,
   TK_GS_LEAVE = 3,
@@ -146,12 +155,12 @@ typedef enum {
 } tk_gs_request_t;
 
 // Number of phases of a protocol.
-typedef enum {
+typedef TK_GS_ENUM {
   TK_GS_1_PHASE = 1,
   TK_GS_N_PHASE = 2,
 } tk_gs_num_phases_t;
 
-typedef enum {
+typedef TK_GS_ENUM {
   TK_GS_NO_VOTE = 0,        // as a default for the next phase: keep the group's
   TK_GS_VOTE_APPROVE = 1,
   TK_GS_VOTE_REJECT = 2,
@@ -159,7 +168,7 @@ typedef enum {
 } tk_gs_vote_t;
 
 // Which requests the agent may batch into one protocol.
-typedef enum {
+typedef TK_GS_ENUM {
   TK_GS_NO_BATCHING = 0,
   TK_GS_BATCH_JOINS = 1,
   TK_GS_BATCH_LEAVES = 2,
@@ -167,7 +176,7 @@ typedef enum {
 } tk_gs_batch_control_t;
 
 // What happens to a group when partitions with members on both sides merge.
-typedef enum {
+typedef TK_GS_ENUM {
   TK_GS_DISSOLVE_MERGE = 0,
 } tk_gs_merge_control_t;
 
@@ -193,7 +202,7 @@ enum {
 
 // Subscription types: what a subscriber asks for, and what a subscription
 // notification carries (bits).
-typedef enum {
+typedef TK_GS_ENUM {
   TK_GS_SUBSCRIPTION_DELTA_JOIN = 2,
   TK_GS_SUBSCRIPTION_DELTA_LEAVE = 4,
   TK_GS_SUBSCRIPTION_MEMBERSHIP = 8,       // the full membership
@@ -202,7 +211,7 @@ typedef enum {
 } tk_gs_subscription_ctrl_t;
 
 // Notification types (gs_notification_type of every notification).
-typedef enum {
+typedef TK_GS_ENUM {
   TK_GS_N_PHASE_NOTIFICATION = 1,
   TK_GS_APPROVED_NOTIFICATION = 2,
   TK_GS_REJECTED_NOTIFICATION = 3,

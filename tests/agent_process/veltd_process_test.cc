@@ -28,6 +28,7 @@
 
 #include "agent_harness.h"
 #include "frame_io.h"
+#include "sanitized.h"
 
 namespace velt_test {
 namespace {
@@ -899,9 +900,12 @@ TEST_F(VeltdMemory, ClientsThatNeverReadShareOneBoundAndTheMemoryIsGivenBack) {
     peak = std::max(peak, agent_.residentKb());
     usleep(20 * 1000);
   }
-  // The bound itself plus room for the agent's own work.
-  EXPECT_LT(peak - baseline, kTotalKb + 24 * 1024)
-      << "baseline " << baseline << " KiB, peak " << peak << " KiB";
+  // The bound itself plus room for the agent's own work. (Not under a
+  // sanitizer: there the figures say nothing about the agent's memory.)
+  if (!velt_test::kSanitized) {
+    EXPECT_LT(peak - baseline, kTotalKb + 24 * 1024)
+        << "baseline " << baseline << " KiB, peak " << peak << " KiB";
+  }
   auto bystander = connected();
   uint64_t id = bystander->request(queryRequest(Query::STATUS));
   Reply r;
@@ -911,6 +915,7 @@ TEST_F(VeltdMemory, ClientsThatNeverReadShareOneBoundAndTheMemoryIsGivenBack) {
   ASSERT_TRUE(joinAll("late", 500));
 
   silent.clear();
+  if (velt_test::kSanitized) return;
   long after = agent_.residentKb();
   for (int64_t end = nowMs() + 5000; nowMs() < end && after - baseline > 12 * 1024;) {
     usleep(50 * 1000);

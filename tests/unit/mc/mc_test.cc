@@ -1462,7 +1462,7 @@ void randomValue(std::mt19937* rng, uint32_t type, proto::KorValue* v) {
       case VX_CHAR_PTR: v->set_text(kTexts[pick(7)]); break;
       case VX_INT32_ARRAY: for (int k = 0; k < n; ++k) v->add_int_array(static_cast<int32_t>((*rng)())); break;
       case VX_UINT32_ARRAY: for (int k = 0; k < n; ++k) v->add_uint_array((*rng)()); break;
-      case VX_INT64_ARRAY: for (int k = 0; k < n; ++k) v->add_int_array(-static_cast<int64_t>((*rng)()) << 20); break;
+      case VX_INT64_ARRAY: for (int k = 0; k < n; ++k) v->add_int_array(-(static_cast<int64_t>((*rng)()) << 20)); break;
       case VX_UINT64_ARRAY: for (int k = 0; k < n; ++k) v->add_uint_array(uint64_t{(*rng)()} << 31); break;
       case VX_CHAR_PTR_ARRAY: for (int k = 0; k < n; ++k) v->add_text_array(kTexts[pick(7)]); break;
       default:

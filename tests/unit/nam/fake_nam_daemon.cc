@@ -39,7 +39,8 @@ std::string wireRecord(const WireAdapter& a) {
     memcpy(&rec[32], a.iface.data(), std::min<size_t>(a.iface.size(), 15));
   }
   memcpy(&rec[48], a.device.data(), std::min<size_t>(a.device.size(), 15));
-  memcpy(&rec[64], a.gid.data(), std::min<size_t>(a.gid.size(), 20));
+  // An empty vector's data() may be null, which memcpy must never get.
+  if (!a.gid.empty()) memcpy(&rec[64], a.gid.data(), std::min<size_t>(a.gid.size(), 20));
   uint16_t gidLength = static_cast<uint16_t>(std::min<size_t>(a.gid.size(), 20));
   memcpy(&rec[84], &gidLength, 2);
   rec[86] = static_cast<char>(a.spigot);
