@@ -43,9 +43,11 @@ constexpr int kNodes = 3;
 // convergence).
 constexpr int kHarnessMs = 90000;
 constexpr int kQueryMs = 15000;
-// knet notices a dead or revived link within its ping timeout (800 ms in
-// the harness) plus its own scheduling; a corosync membership change takes
-// the token timeout and consensus (about 6 s); agents follow both.
+// knet gives a dead link up within a few seconds (0.5 to 2.5 s in the
+// harness, see deploy/corosync.conf.in) and takes a revived one back
+// sooner; a corosync membership change takes the token timeout and
+// consensus (about 12 s with the harness's token of 5 s); agents follow
+// both.
 constexpr int kLinkMs = 15000;
 constexpr int kViewMs = 30000;
 constexpr int kAgentMs = 20000;
@@ -306,8 +308,17 @@ bool knetLinksAre(int link, int node, const std::string& nodeState, const std::s
   return true;
 }
 
+// knet's links: the management network first, the cluster's traffic goes
+// there while it works; then one link per switch network.
+constexpr int kManagementLink = 0;
+constexpr int kSxn0Link = 1;
+constexpr int kSxn1Link = 2;
+
 bool allKnetLinksConnected() {
-  return knetLinksAre(0, 0, "connected", "connected") && knetLinksAre(1, 0, "connected", "connected");
+  for (int link : {kManagementLink, kSxn0Link, kSxn1Link}) {
+    if (!knetLinksAre(link, 0, "connected", "connected")) return false;
+  }
+  return true;
 }
 
 // The node ids of a node's corosync membership.
@@ -515,6 +526,8 @@ TEST_F(ClusterHarness, UpConnectsEveryKnetLinkAndDownLeavesNothing) {
   for (int n = 1; n <= kNodes; ++n) {
     EXPECT_EQ(std::vector<int>({1, 2, 3}), corosyncMembers(n)) << "node " << n;
     Result addrs = inNode(n, {"ip", "-o", "-4", "addr", "show"});
+    EXPECT_NE(std::string::npos, addrs.out.find("mgmt    inet 10.9.0." + std::to_string(n) + "/24"))
+        << addrs.out;
     EXPECT_NE(std::string::npos, addrs.out.find("sxn0    inet 10.10.0." + std::to_string(n) + "/24"))
         << addrs.out;
     EXPECT_NE(std::string::npos, addrs.out.find("sxn1    inet 10.11.0." + std::to_string(n) + "/24"))
@@ -532,6 +545,11 @@ TEST_F(ClusterHarness, UpConnectsEveryKnetLinkAndDownLeavesNothing) {
     EXPECT_NE(std::string::npos, status.out.find("=== node " + std::to_string(n))) << status.out;
   }
   EXPECT_EQ(3, countMatches(status.out, "corosync: pid [0-9]+")) << status.out;
+  EXPECT_EQ(3, countMatches(status.out, "mgmt \\(management network, knet link 0, 10\\.9\\.0\\.[1-3]\\): "
+                                        "<[A-Z_,]*UP[A-Z_,]*> on bridge"))
+      << status.out;
+  EXPECT_EQ(3, countMatches(status.out, "sxn1 \\(switch network, knet link 2, 10\\.11\\.0\\.[1-3]\\)"))
+      << status.out;
 
   Result down = cluster({"down"}, kHarnessMs);
   ASSERT_EQ(0, down.status) << describe(down);
@@ -539,6 +557,7 @@ TEST_F(ClusterHarness, UpConnectsEveryKnetLinkAndDownLeavesNothing) {
   std::string prefix = getenv("VELT_CLUSTER_PREFIX");
   Result netns = run({"ip", "netns", "list"}, 5000);
   EXPECT_EQ(std::string::npos, netns.out.find(prefix + "1")) << netns.out;
+  EXPECT_NE(0, run({"ip", "link", "show", prefix + "-mgmt"}, 5000).status);
   EXPECT_NE(0, run({"ip", "link", "show", prefix + "-sxn0"}, 5000).status);
   EXPECT_NE(0, run({"ip", "link", "show", prefix + "-sxn1"}, 5000).status);
   EXPECT_NE(0, access(getenv("VELT_CLUSTER_DIR"), F_OK));
@@ -555,9 +574,10 @@ TEST_F(ClusterHarness, FailedInterfaceShowsInKnetLinkStatusUntilHealed) {
   ASSERT_EQ(0, fail.status) << describe(fail);
   Result link = inNode(3, {"ip", "-o", "link", "show", "sxn1"});
   EXPECT_EQ(std::string::npos, link.out.find(",UP")) << link.out;
-  EXPECT_TRUE(waitUntil([] { return knetLinksAre(1, 3, "disconnected", "connected"); }, kLinkMs))
-      << "knet did not see node 3's link 1 go down";
-  EXPECT_TRUE(knetLinksAre(0, 3, "connected", "connected")) << "link 0 should stay up";
+  EXPECT_TRUE(waitUntil([] { return knetLinksAre(kSxn1Link, 3, "disconnected", "connected"); }, kLinkMs))
+      << "knet did not see node 3's sxn1 link go down";
+  EXPECT_TRUE(knetLinksAre(kManagementLink, 3, "connected", "connected")) << "the management link should stay up";
+  EXPECT_TRUE(knetLinksAre(kSxn0Link, 3, "connected", "connected")) << "the sxn0 link should stay up";
   EXPECT_EQ(std::vector<int>({1, 2, 3}), corosyncMembers(1)) << "one lost link must not cost a node";
 
   Result heal = cluster({"heal", "3", "sxn1"});
@@ -569,7 +589,7 @@ TEST_F(ClusterHarness, CutPathKeepsTheInterfaceUpButKnetSeesTheLinkDown) {
   ASSERT_TRUE(waitUntil(allKnetLinksConnected, kLinkMs));
   Result cut = cluster({"cut", "3", "sxn1"});
   ASSERT_EQ(0, cut.status) << describe(cut);
-  EXPECT_TRUE(waitUntil([] { return knetLinksAre(1, 3, "disconnected", "connected"); }, kLinkMs))
+  EXPECT_TRUE(waitUntil([] { return knetLinksAre(kSxn1Link, 3, "disconnected", "connected"); }, kLinkMs))
       << "knet did not see the silent path failure";
   // Silent: the node itself sees nothing wrong with its interface.
   Result link = inNode(3, {"ip", "-o", "link", "show", "sxn1"});
@@ -847,6 +867,46 @@ TEST_F(ClusterTopology, FailedAdapterLeavesRawGroupOnEveryNodeAndHealBringsItBac
   EXPECT_TRUE(waitUntil([] { return agentsAgree({1, 2, 3}); }, kAgentMs)) << agentStates({1, 2, 3});
 }
 
+// The ring corosync on a node formed last, as its log names it ("" before
+// the first).
+std::string lastRing(int node) {
+  Result r = inNode(node, {"sh", "-c",
+                           "grep -o 'A new membership ([0-9a-f.]*)' /run/log/corosync.log | tail -n 1"});
+  return r.out;
+}
+
+// The cluster's own traffic runs on the management network. When that link
+// fails on a node, knet moves the node's traffic to a switch link: the ring
+// stays as it was (no new membership on any node), and the agents' messages
+// go on, so an adapter failure on that node still reaches the others.
+TEST_F(ClusterTopology, LostManagementLinkMovesTrafficToASwitchLinkWithoutAMembershipChange) {
+  requireAgents();
+  ASSERT_TRUE(waitUntil(allKnetLinksConnected, kLinkMs));
+  std::vector<std::string> rings;
+  for (int n = 1; n <= kNodes; ++n) {
+    rings.push_back(lastRing(n));
+    ASSERT_FALSE(rings.back().empty()) << "node " << n << " logged no membership";
+  }
+  NodeProcess watch(1, {"gscl_watch", "allAdapterMembership"});
+  ASSERT_FALSE(watch.waitLine({"sub allAdapterMembership", "10.11.0.3"}).empty()) << watch.transcript();
+
+  ASSERT_EQ(0, cluster({"fail", "3", "mgmt"}).status);
+  ASSERT_TRUE(waitUntil([] { return knetLinksAre(kManagementLink, 3, "disconnected", "connected"); }, kLinkMs))
+      << "knet did not see node 3's management link go down";
+  ASSERT_EQ(0, cluster({"fail", "3", "sxn1"}).status);
+  EXPECT_FALSE(watch.waitLine({"DELTA_LEAVE", "changing_ip=10.11.0.3"}).empty()) << watch.transcript();
+  ASSERT_EQ(0, cluster({"heal", "3", "sxn1"}).status);
+  EXPECT_FALSE(watch.waitLine({"DELTA_JOIN", "changing_ip=10.11.0.3"}, kLinkMs).empty()) << watch.transcript();
+
+  ASSERT_EQ(0, cluster({"heal", "3", "mgmt"}).status);
+  EXPECT_TRUE(waitUntil(allKnetLinksConnected, kLinkMs)) << "knet did not bring the management link back";
+  for (int n = 1; n <= kNodes; ++n) {
+    EXPECT_EQ(rings[n - 1], lastRing(n)) << "node " << n << ": the membership changed";
+    EXPECT_EQ(std::vector<int>({1, 2, 3}), corosyncMembers(n)) << "node " << n;
+  }
+  EXPECT_TRUE(waitUntil([] { return agentsAgree({1, 2, 3}); }, kAgentMs)) << agentStates({1, 2, 3});
+}
+
 // An adapter is alive only while its knet link is connected to another
 // node: after an outage long enough for knet to drop the link, bringing the
 // interface back up announces the adapter once, when knet has the link
@@ -857,7 +917,7 @@ TEST_F(ClusterTopology, HealedAdapterRejoinsOnceItsKnetLinkIsBack) {
   ASSERT_FALSE(watch.waitLine({"sub allAdapterMembership", "10.11.0.3"}).empty()) << watch.transcript();
   ASSERT_EQ(0, cluster({"fail", "3", "sxn1"}).status);
   ASSERT_FALSE(watch.waitLine({"DELTA_LEAVE", "changing_ip=10.11.0.3"}).empty()) << watch.transcript();
-  ASSERT_TRUE(waitUntil([] { return knetLinksAre(1, 3, "disconnected", "connected"); }, kLinkMs))
+  ASSERT_TRUE(waitUntil([] { return knetLinksAre(kSxn1Link, 3, "disconnected", "connected"); }, kLinkMs))
       << "knet never dropped the failed link";
 
   ASSERT_EQ(0, cluster({"heal", "3", "sxn1"}).status);
