@@ -241,6 +241,16 @@ int Agent::start() {
             errnoText(rc).c_str());
     return 1;
   }
+  // Taken first, so that a stop asked for while the agent starts (its
+  // socket may already answer) ends it cleanly once its loop runs, instead
+  // of killing it.
+  signals_.add(SIGTERM);
+  signals_.add(SIGINT);
+  signals_.async_wait([this](const std::error_code& ec, int signo) {
+    if (ec) return;
+    stop(0, std::string("stopping on ") + (signo == SIGTERM ? "SIGTERM" : "SIGINT"));
+  });
+
   int status = 0;
   bus_ = makeBus(&status);
   if (!bus_) return status;
@@ -260,13 +270,6 @@ int Agent::start() {
   if (startTopology() != 0) return 1;
 
   if (openSocket() != 0) return 1;
-
-  signals_.add(SIGTERM);
-  signals_.add(SIGINT);
-  signals_.async_wait([this](const std::error_code& ec, int signo) {
-    if (ec) return;
-    stop(0, std::string("stopping on ") + (signo == SIGTERM ? "SIGTERM" : "SIGINT"));
-  });
 
   rc = bus_->join();
   if (rc != 0) {

@@ -24,7 +24,7 @@ function(velt_test_pch)
   add_executable(velt_test_pch ${PROJECT_BINARY_DIR}/velt_test_pch.cc)
   target_link_libraries(velt_test_pch PRIVATE GTest::gtest Threads::Threads)
   # Some libraries the tests link ask for -pthread; so do all tests.
-  target_compile_options(velt_test_pch PRIVATE -pthread)
+  target_compile_options(velt_test_pch PRIVATE -pthread ${VELT_TEST_COMPILE_OPTIONS})
   target_precompile_headers(velt_test_pch PRIVATE
     <gtest/gtest.h> <algorithm> <atomic> <chrono> <functional> <map> <memory> <mutex>
     <set> <string> <thread> <vector>)
@@ -37,6 +37,16 @@ endfunction()
 # in anonymous namespaces (-Wsubobject-linkage), so its builds do not.
 option(VELT_UNITY_TESTS "Compile each test executable's sources together" OFF)
 
+# In the ordinary optimised build (RelWithDebInfo, no sanitizer) the test
+# sources are compiled with -O1 and line tables only: GoogleTest's macros
+# cost about twice the compile time at -O2 with full debug information, and
+# what the tests test, the libraries and programs, is built as the build
+# type says. Failures still point at file and line.
+set(VELT_TEST_COMPILE_OPTIONS "")
+if(CMAKE_BUILD_TYPE STREQUAL "RelWithDebInfo" AND NOT VELT_SANITIZE)
+  set(VELT_TEST_COMPILE_OPTIONS -O1 -g1)
+endif()
+
 # velt_test(NAME SOURCES ... DEPS ... [LABELS ...] [TIMEOUT n])
 # One GoogleTest executable; each of its tests is a CTest test of its own
 # (so that CTest runs them in parallel and counts them), and a test that
@@ -46,6 +56,7 @@ function(velt_test name)
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gtest GTest::gtest_main Threads::Threads)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests/sanitizers)
+  target_compile_options(${name} PRIVATE ${VELT_TEST_COMPILE_OPTIONS})
   if(VELT_TEST_PCH)
     velt_test_pch()
     target_precompile_headers(${name} REUSE_FROM velt_test_pch)

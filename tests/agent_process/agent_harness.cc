@@ -24,6 +24,7 @@
 #include <gtest/gtest.h>
 
 #include "frame_io.h"
+#include "sanitized.h"
 
 namespace velt_test {
 
@@ -266,7 +267,8 @@ long AgentProcess::residentKb() const {
 CommandResult AgentProcess::veltctl(const std::vector<std::string>& args) {
   std::vector<std::string> argv = {veltctlPath(), "--socket", socket_};
   for (const std::string& a : args) argv.push_back(a);
-  return runCommand(argv, {}, kPromptMs * 2);
+  // A sanitized veltctl takes many times longer over a large answer.
+  return runCommand(argv, {}, kPromptMs * (velt_test::kSanitized ? 12 : 2));
 }
 
 // ----------------------------------------------------------------- client
