@@ -180,6 +180,29 @@ AMGlobalAdapterTable::~AMGlobalAdapterTable() { clear_pAdapterItemList(); }
 void AMGlobalAdapterTable::clear_pAdapterItemList() {
   for (auto& entry : pAdapterItemList) delete entry.second;
   pAdapterItemList.clear();
+  switchRowsByNetwork_.clear();
+}
+
+namespace {
+
+bool isCountedSwitchRow(const AMAdapterItem& row) { return row.isConfiged && isSwitchAdapter(row.interfacename); }
+
+}  // namespace
+
+void AMGlobalAdapterTable::forgetSwitchRowWithoutLock(const AMAdapterItem& row) {
+  if (!isCountedSwitchRow(row)) return;
+  auto counted = switchRowsByNetwork_.find(row.networkid);
+  if (counted != switchRowsByNetwork_.end() && --counted->second == 0) switchRowsByNetwork_.erase(counted);
+}
+
+void AMGlobalAdapterTable::countSwitchRowWithoutLock(const AMAdapterItem& row) {
+  if (isCountedSwitchRow(row)) ++switchRowsByNetwork_[row.networkid];
+}
+
+void AMGlobalAdapterTable::setRowNetworkForTesting(AMAdapterItem* row, int networkid) {
+  forgetSwitchRowWithoutLock(*row);
+  row->networkid = networkid;
+  countSwitchRowWithoutLock(*row);
 }
 
 AMAdapterItem* AMGlobalAdapterTable::locateAdapterItem(int node, int intf_idx) {
@@ -221,14 +244,8 @@ int AMGlobalAdapterTable::AdapterConfiguredOnNetwork(int network, uint64_t netwo
 
 int AMGlobalAdapterTable::highestSwitchNetworkWithLock() {
   GSReadGuard hold(*this);
-  int highest = -1;
-  for (auto& entry : pAdapterItemList) {
-    const AMAdapterItem* row = entry.second;
-    if (row->isConfiged && isSwitchAdapter(row->interfacename) && row->networkid > highest) {
-      highest = row->networkid;
-    }
-  }
-  return highest;
+  // A network numbered below 0 is never the answer: -1 says "none".
+  return switchRowsByNetwork_.empty() ? -1 : std::max(-1, switchRowsByNetwork_.rbegin()->first);
 }
 
 int AMGlobalAdapterTable::adapterAttributeChanged(const AMNetInterface& obj, AMAdapterItem* item) {
@@ -267,24 +284,29 @@ int AMGlobalAdapterTable::setAdapterDefinedWithoutLock(const AMNetInterface& obj
     int prevNetwork = row->networkid;
     AMtracef(AM_TRACEF_DEBUG, "isUpdated=1 ");
     isUpdated = 1;
+    forgetSwitchRowWithoutLock(*row);
     row->updateWith(obj);
 
-    if (isSwitchAdapter(name.text) && row->nodenumber == static_cast<int>(myNodeNumber)) {
-      if (prevNetwork != row->networkid) {
-        if (strncmp(name.text, "sxn", 3) != 0) {
-          swnet_adapter_info_t info;
-          if (get_switch_adapter_info(device.text, &info) == 0) {
-            row->LID = info.lid;
-            row->networkid = static_cast<int>(info.network);
-          }
-        } else {
-          row->networkid = static_cast<int>(obj.adapterNetworkID);
+    const bool localSwitch = isSwitchAdapter(name.text) && row->nodenumber == static_cast<int>(myNodeNumber);
+    if (localSwitch && prevNetwork != row->networkid) {
+      if (strncmp(name.text, "sxn", 3) != 0) {
+        swnet_adapter_info_t info;
+        if (get_switch_adapter_info(device.text, &info) == 0) {
+          row->LID = info.lid;
+          row->networkid = static_cast<int>(info.network);
         }
-        if (obj.adapterNetworkID != static_cast<vx_uint32_t>(row->networkid)) {
-          AMtracef(AM_TRACEF_DEBUG, "Interface=%s, Reported netid=%d,  Actual netid=%d. The actual id will be used",
-                   name.text, static_cast<int>(obj.adapterNetworkID), row->networkid);
-        }
+      } else {
+        row->networkid = static_cast<int>(obj.adapterNetworkID);
       }
+      if (obj.adapterNetworkID != static_cast<vx_uint32_t>(row->networkid)) {
+        AMtracef(AM_TRACEF_DEBUG, "Interface=%s, Reported netid=%d,  Actual netid=%d. The actual id will be used",
+                 name.text, static_cast<int>(obj.adapterNetworkID), row->networkid);
+      }
+    }
+    // Counted as the row now stands (still with its old definition flag):
+    // the mediators below ask for the highest switch network.
+    countSwitchRowWithoutLock(*row);
+    if (localSwitch) {
       // The local node follows its adapter into the new network's cooked
       // group.
       AMController* ctl = amController();
@@ -300,7 +322,9 @@ int AMGlobalAdapterTable::setAdapterDefinedWithoutLock(const AMNetInterface& obj
       }
     }
 
+    forgetSwitchRowWithoutLock(*row);
     row->isConfiged = 1;
+    countSwitchRowWithoutLock(*row);
     row->isPending = 0;
     accumulate_NAM_change(row);
     traceUpdLine(AM_TRACEF_DEBUG, *row, isUpdated);
@@ -327,6 +351,7 @@ int AMGlobalAdapterTable::setAdapterUndefinedWithoutLock(int nodenum, const char
   FieldText name(ifname, kAMIfNameLength);
   AMAdapterItem* row = getOrNewAdapterItem(nodenum, _idxFromInterfaceName(name.text));
   if (!row->isConfiged) return 0;
+  forgetSwitchRowWithoutLock(*row);
   row->isConfiged = 0;
   row->isPending = 0;
   accumulate_NAM_change(row);
@@ -352,7 +377,10 @@ int AMGlobalAdapterTable::setAllAdapterUndefinedOrDownOnNodeWithoutLock(int node
     if (row->nodenumber != nodenum || !row->isConfiged) continue;
     matched = 1;
     row->isNodeStopped = 1;
-    if (is_undef) row->isConfiged = 0;
+    if (is_undef) {
+      forgetSwitchRowWithoutLock(*row);
+      row->isConfiged = 0;
+    }
     row->isPending = 0;
     accumulate_NAM_change(row);
     AMtracef(AM_TRACEF_DEBUG, "In setAllAdapterUndefinedOrDownOnNodeWithoutLock(), Call accumulate_NAM_changes()\n");
