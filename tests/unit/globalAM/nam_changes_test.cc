@@ -223,6 +223,57 @@ TEST(HardwareAddressToGid, TextThatIsNotHexadecimalEndsTheGid) {
   EXPECT_EQ(0u, gidOf(32, "").length);
 }
 
+// ------------------------------------------------------------- record set
+
+TEST(ConnectSet, FindsInsertsAndErasesAsAnOrderedSetOfItsAdaptersWould) {
+  // Random insertions (in order and out of it), finds and erasures, each
+  // answered as a std::map by node and name answers it; every read walks
+  // the records in that map's order.
+  veltnamConnectSet set;
+  std::map<std::pair<uint32_t, std::string>, uint32_t> model;  // adapter -> LID
+  std::mt19937 rng(31);
+  auto recordOf = [](uint32_t node, const std::string& name, uint32_t lid) {
+    velt_nam_connect rec;
+    memset(&rec, 0, sizeof rec);
+    rec.node_number = node;
+    strncpy(rec.interface_name, name.c_str(), sizeof rec.interface_name - 1);
+    rec.LID = lid;
+    return rec;
+  };
+  uint32_t ascending = 0;
+  for (int step = 0; step < 40000; ++step) {
+    const bool inOrder = rng() % 3 == 0;
+    const uint32_t node = inOrder ? ascending++ / 4 : static_cast<uint32_t>(rng() % 2000);
+    const std::string name = "sxn" + std::to_string(inOrder ? ascending % 4 : rng() % 12);
+    const velt_nam_connect probe = recordOf(node, name, static_cast<uint32_t>(step));
+    auto held = model.find({node, name});
+    velt_nam_connect* found = set.find(probe);
+    ASSERT_EQ(held != model.end(), found != nullptr) << "step " << step;
+    if (found != nullptr) ASSERT_EQ(held->second, found->LID) << "step " << step;
+    if (found != nullptr && rng() % 2 == 0) {
+      set.erase(found);
+      model.erase(held);
+    } else {
+      auto placed = set.insert(probe);
+      ASSERT_EQ(held == model.end(), placed.second) << "step " << step;
+      if (placed.second) model[{node, name}] = probe.LID;
+      ASSERT_EQ(placed.second ? probe.LID : held->second, placed.first->LID);
+    }
+    ASSERT_EQ(model.size(), set.size());
+    if (rng() % 4000 == 0 || step == 39999) {
+      auto expected = model.begin();
+      for (const velt_nam_connect* rec : set) {
+        ASSERT_NE(model.end(), expected);
+        EXPECT_EQ(expected->first.first, rec->node_number);
+        EXPECT_EQ(expected->first.second, std::string(rec->interface_name));
+        EXPECT_EQ(expected->second, rec->LID);
+        ++expected;
+      }
+      EXPECT_EQ(model.end(), expected);
+    }
+  }
+}
+
 // ------------------------------------------------------------- delta table
 
 class DeltaTable : public TableFixture {
