@@ -180,6 +180,7 @@ AMGlobalAdapterTable::~AMGlobalAdapterTable() { clear_pAdapterItemList(); }
 void AMGlobalAdapterTable::clear_pAdapterItemList() {
   for (auto& entry : pAdapterItemList) delete entry.second;
   pAdapterItemList.clear();
+  rowBlocks_.clear();
   switchRowsByNetwork_.clear();
 }
 
@@ -210,17 +211,29 @@ AMAdapterItem* AMGlobalAdapterTable::locateAdapterItem(int node, int intf_idx) {
 }
 
 AMAdapterItem* AMGlobalAdapterTable::locateAdapterItemByIndex(int ofs) {
-  auto found = pAdapterItemList.find(static_cast<uint32_t>(ofs));
+  const uint32_t key = static_cast<uint32_t>(ofs);
+  if (key < kIndexedRowKeys) {
+    const size_t block = key / MaxAdaptersOnNode;
+    return block < rowBlocks_.size() && rowBlocks_[block] ? rowBlocks_[block][key % MaxAdaptersOnNode] : nullptr;
+  }
+  auto found = pAdapterItemList.find(key);
   return found == pAdapterItemList.end() ? nullptr : found->second;
 }
 
 AMAdapterItem* AMGlobalAdapterTable::getOrNewAdapterItem(int node, int intf_idx) {
-  uint32_t key = static_cast<uint32_t>(offsetOfAdapterItem(node, intf_idx));
-  auto at = pAdapterItemList.lower_bound(key);
-  if (at != pAdapterItemList.end() && at->first == key) return at->second;
+  const int ofs = offsetOfAdapterItem(node, intf_idx);
+  AMAdapterItem* held = locateAdapterItemByIndex(ofs);
+  if (held != nullptr) return held;
+  const uint32_t key = static_cast<uint32_t>(ofs);
   AMAdapterItem* row = new AMAdapterItem();
   row->nodenumber = node;
-  pAdapterItemList.emplace_hint(at, key, row);
+  pAdapterItemList.emplace(key, row);
+  if (key < kIndexedRowKeys) {
+    const size_t block = key / MaxAdaptersOnNode;
+    if (block >= rowBlocks_.size()) rowBlocks_.resize(block + 1);
+    if (!rowBlocks_[block]) rowBlocks_[block].reset(new AMAdapterItem*[MaxAdaptersOnNode]());
+    rowBlocks_[block][key % MaxAdaptersOnNode] = row;
+  }
   return row;
 }
 

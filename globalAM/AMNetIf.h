@@ -19,6 +19,7 @@
 
 #include <atomic>
 #include <map>
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -204,6 +205,13 @@ class AMGlobalAdapterTable : public GSLockableObject {
   // delayed downs are found without a walk over every adapter of the
   // cluster.
   std::vector<std::pair<uint32_t, AMAdapterItem*>> heldDownRows_;  // GUARDED_BY(this)
+  // The rows again, for lookups without a walk down the map: one block of
+  // MaxAdaptersOnNode pointers per MaxAdaptersOnNode keys (a node's row
+  // keys) that hold a row. Keys from kIndexedRowKeys on (node numbers past
+  // those a membership can name) are looked up in the map alone, so that
+  // no input makes the blocks' array larger than 64 Ki entries.
+  static constexpr uint32_t kIndexedRowKeys = 65536u * MaxAdaptersOnNode;
+  std::vector<std::unique_ptr<AMAdapterItem*[]>> rowBlocks_;  // GUARDED_BY(this)
   // The number of configured switch rows on each network number: its
   // highest key is the highest switch network, which a full membership asks
   // for once per local adapter.
