@@ -76,48 +76,109 @@ veltnamConnectSet::const_iterator veltnamConnectSet::end() const {
 }
 
 void veltnamConnectSet::putInOrder() const {
-  if (ordered_) return;
+  if (order_ == Order::kSorted) return;
   // One record per adapter, so no two compare equal and the order is the
   // one a tree of the same records would have.
   std::sort(records_.begin(), records_.end(), [](const velt_nam_connect& a, const velt_nam_connect& b) {
     return compareAdaptInfo()(&a, &b);
   });
-  ordered_ = true;
+  order_ = Order::kSorted;
   std::vector<Slot>().swap(index_);
 }
+
+namespace {
+
+bool sameAdapter(const velt_nam_connect& a, const velt_nam_connect& b) {
+  return a.node_number == b.node_number && strncmp(a.interface_name, b.interface_name, sizeof a.interface_name) == 0;
+}
+
+}  // namespace
 
 velt_nam_connect* veltnamConnectSet::find(const velt_nam_connect& probe) {
   if (records_.empty()) return nullptr;
   compareAdaptInfo less;
-  if (ordered_) {
-    // Outside first..last nothing is looked for: asking every network for
-    // an adapter that is in none of them stays cheap.
-    if (less(&probe, &records_.front()) || less(&records_.back(), &probe)) return nullptr;
-    auto at = std::lower_bound(records_.begin(), records_.end(), probe,
-                               [&less](const velt_nam_connect& a, const velt_nam_connect& b) { return less(&a, &b); });
-    return at != records_.end() && !less(&probe, &*at) ? &*at : nullptr;
+  switch (order_) {
+    case Order::kSorted: {
+      // Outside first..last nothing is looked for: asking every network
+      // for an adapter that is in none of them stays cheap.
+      if (less(&probe, &records_.front()) || less(&records_.back(), &probe)) return nullptr;
+      auto at = std::lower_bound(records_.begin(), records_.end(), probe,
+                                 [&less](const velt_nam_connect& a, const velt_nam_connect& b) { return less(&a, &b); });
+      return at != records_.end() && !less(&probe, &*at) ? &*at : nullptr;
+    }
+    case Order::kNodesAscending:
+      return findInNode(probe);
+    case Order::kNone:
+      break;
   }
-  if (index_.empty()) buildIndex();
+  return findInIndex(probe);
+}
+
+velt_nam_connect* veltnamConnectSet::findInNode(const velt_nam_connect& probe) {
+  const uint32_t node = probe.node_number;
+  if (node > records_.back().node_number || node < records_.front().node_number) return nullptr;
+  // The node's records, newest first: a row's records mostly come one
+  // after the other.
+  size_t walked = 0;
+  if (node == records_.back().node_number) {
+    for (size_t i = records_.size(); i-- > 0 && records_[i].node_number == node;) {
+      if (++walked > kNodeWalkLimit) break;
+      if (sameAdapter(records_[i], probe)) return &records_[i];
+    }
+  } else {
+    auto at = std::lower_bound(records_.begin(), records_.end(), node,
+                               [](const velt_nam_connect& a, uint32_t n) { return a.node_number < n; });
+    for (; at != records_.end() && at->node_number == node; ++at) {
+      if (++walked > kNodeWalkLimit) break;
+      if (sameAdapter(*at, probe)) return &*at;
+    }
+  }
+  if (walked <= kNodeWalkLimit) return nullptr;
+  order_ = Order::kNone;
+  return findInIndex(probe);
+}
+
+velt_nam_connect* veltnamConnectSet::findInIndex(const velt_nam_connect& probe) {
+  if (index_.empty()) buildIndex(0);
   const uint32_t hash = hashOf(probe);
   const size_t mask = index_.size() - 1;
   for (size_t i = hash & mask; index_[i].position != 0; i = (i + 1) & mask) {
-    if (index_[i].hash != hash) continue;
-    velt_nam_connect& held = records_[index_[i].position - 1];
-    if (!less(&probe, &held) && !less(&held, &probe)) return &held;
+    if (index_[i].hash == hash && sameAdapter(records_[index_[i].position - 1], probe)) {
+      return &records_[index_[i].position - 1];
+    }
   }
   return nullptr;
 }
 
 std::pair<velt_nam_connect*, bool> veltnamConnectSet::insert(const velt_nam_connect& rec) {
   compareAdaptInfo less;
-  // Records mostly come in ascending order: then the end is the place.
-  if (!ordered_ || !(records_.empty() || less(&records_.back(), &rec))) {
-    velt_nam_connect* held = find(rec);
-    if (held != nullptr) return {held, false};
-    ordered_ = false;
+  if (order_ == Order::kNone) {
+    // One probe both looks for the adapter and finds the slot for it.
+    if (index_.empty() || (records_.size() + 1) * 2 > index_.size()) buildIndex(1);
+    const uint32_t hash = hashOf(rec);
+    const size_t mask = index_.size() - 1;
+    size_t i = hash & mask;
+    for (; index_[i].position != 0; i = (i + 1) & mask) {
+      velt_nam_connect& held = records_[index_[i].position - 1];
+      if (index_[i].hash == hash && sameAdapter(held, rec)) return {&held, false};
+    }
+    records_.push_back(rec);
+    index_[i] = Slot{static_cast<uint32_t>(records_.size()), hash};
+    return {&records_.back(), true};
   }
+  // Records mostly come in ascending order: then the end is the place. With
+  // only the nodes in order, a record of the last node may be held already.
+  const bool past = records_.empty() || (order_ == Order::kSorted ? less(&records_.back(), &rec)
+                                                                   : rec.node_number > records_.back().node_number);
+  if (past) {
+    records_.push_back(rec);
+    return {&records_.back(), true};
+  }
+  velt_nam_connect* held = find(rec);
+  if (held != nullptr) return {held, false};
+  if (order_ == Order::kNone) return insert(rec);  // the walk gave up on a large node
+  order_ = rec.node_number >= records_.back().node_number ? Order::kNodesAscending : Order::kNone;
   records_.push_back(rec);
-  if (!index_.empty()) indexAdd(static_cast<uint32_t>(records_.size() - 1));
   return {&records_.back(), true};
 }
 
@@ -125,37 +186,34 @@ void veltnamConnectSet::erase(velt_nam_connect* rec) {
   const size_t position = static_cast<size_t>(rec - records_.data());
   const size_t last = records_.size() - 1;
   if (position == last) {
+    // Whatever order the others were in, they still are.
     if (!index_.empty()) indexRemove(indexSlotOf(static_cast<uint32_t>(position)));
     records_.pop_back();
     return;
   }
   // The last record takes the hole: the order is restored by the next sort,
   // which is cheaper than closing the hole in a large array each time.
-  if (index_.empty()) buildIndex();
+  if (order_ != Order::kNone || index_.empty()) {
+    order_ = Order::kNone;
+    buildIndex(0);
+  }
   indexRemove(indexSlotOf(static_cast<uint32_t>(position)));
   indexSlotOf(static_cast<uint32_t>(last))->position = static_cast<uint32_t>(position + 1);
   records_[position] = records_[last];
   records_.pop_back();
-  ordered_ = false;
 }
 
-void veltnamConnectSet::buildIndex() {
+void veltnamConnectSet::buildIndex(size_t spare) {
   size_t slots = 16;
-  while (slots < records_.size() * 2 + 2) slots *= 2;
+  while (slots < (records_.size() + spare) * 2 + 2) slots *= 2;
   index_.assign(slots, Slot{0, 0});
-  for (size_t i = 0; i < records_.size(); ++i) indexAdd(static_cast<uint32_t>(i));
-}
-
-void veltnamConnectSet::indexAdd(uint32_t position) {
-  if ((records_.size() + 1) * 2 > index_.size()) {
-    buildIndex();  // takes in every record, this one too
-    return;
+  const size_t mask = slots - 1;
+  for (size_t p = 0; p < records_.size(); ++p) {
+    const uint32_t hash = hashOf(records_[p]);
+    size_t i = hash & mask;
+    while (index_[i].position != 0) i = (i + 1) & mask;
+    index_[i] = Slot{static_cast<uint32_t>(p + 1), hash};
   }
-  const uint32_t hash = hashOf(records_[position]);
-  const size_t mask = index_.size() - 1;
-  size_t i = hash & mask;
-  while (index_[i].position != 0) i = (i + 1) & mask;
-  index_[i] = Slot{position + 1, hash};
 }
 
 veltnamConnectSet::Slot* veltnamConnectSet::indexSlotOf(uint32_t position) {

@@ -38,11 +38,13 @@ size_t hashOfAdapter(uint32_t node, const char (&name)[sizeof(velt_nam_connect::
 // is appended; one that does not is appended as well and the array is
 // sorted once, when it is next read, so that a whole cluster's list in any
 // order costs one sort rather than a tree node and an allocation per record.
-// While the array is out of order, records are found through an index of
-// their positions (open addressing in one array). Iterating yields pointers
-// to the records, valid until the set changes. Thread-compatible; as reading
-// may sort, readers serialise with writers (the owner of the table sees to
-// both).
+// Records are found by binary search while the array is in order, by a
+// short walk over their node's records while only the nodes are in order
+// (rows come node by node, but a node's names, "sxn10" before "sxn2", not
+// always in name order), and otherwise through an index of their positions
+// (open addressing in one array). Iterating yields pointers to the records,
+// valid until the set changes. Thread-compatible; as reading may sort,
+// readers serialise with writers (the owner of the table sees to both).
 class veltnamConnectSet {
  public:
   class const_iterator {
@@ -92,17 +94,27 @@ class veltnamConnectSet {
     uint32_t position;  // in records_, plus one; 0 for a free slot
     uint32_t hash;
   };
+  enum class Order {
+    kSorted,          // in compareAdaptInfo's order
+    kNodesAscending,  // node numbers never fall; names within a node in any order
+    kNone,
+  };
+  // A node with more records than this in one set is not walked: the
+  // index finds them instead.
+  static constexpr size_t kNodeWalkLimit = 64;
+
   static uint32_t hashOf(const velt_nam_connect& rec);
-  void buildIndex();
-  void indexAdd(uint32_t position);
+  velt_nam_connect* findInNode(const velt_nam_connect& probe);
+  velt_nam_connect* findInIndex(const velt_nam_connect& probe);
+  // Sizes the index for records_.size() + spare records and fills it.
+  void buildIndex(size_t spare);
   Slot* indexSlotOf(uint32_t position);
   void indexRemove(Slot* slot);
 
   mutable std::vector<velt_nam_connect> records_;
-  mutable bool ordered_ = true;
-  // Empty, or a power of two in size and at most half full: built when a
-  // record is looked for while the records are out of order, dropped when
-  // they are sorted.
+  mutable Order order_ = Order::kSorted;
+  // Empty unless order_ is kNone; then a power of two in size and at most
+  // half full once built (when a record is first looked for).
   mutable std::vector<Slot> index_;
 };
 

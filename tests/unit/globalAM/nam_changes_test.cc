@@ -7,6 +7,7 @@
 #include <stdlib.h>
 #include <time.h>
 
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <random>
@@ -249,7 +250,9 @@ TEST(ConnectSet, FindsInsertsAndErasesAsAnOrderedSetOfItsAdaptersWould) {
     auto held = model.find({node, name});
     velt_nam_connect* found = set.find(probe);
     ASSERT_EQ(held != model.end(), found != nullptr) << "step " << step;
-    if (found != nullptr) ASSERT_EQ(held->second, found->LID) << "step " << step;
+    if (found != nullptr) {
+      ASSERT_EQ(held->second, found->LID) << "step " << step;
+    }
     if (found != nullptr && rng() % 2 == 0) {
       set.erase(found);
       model.erase(held);
@@ -272,6 +275,68 @@ TEST(ConnectSet, FindsInsertsAndErasesAsAnOrderedSetOfItsAdaptersWould) {
       EXPECT_EQ(model.end(), expected);
     }
   }
+}
+
+TEST(ConnectSet, NodeByNodeWithNamesOutOfOrderAndOneLargeNodeIsStillOneRecordPerAdapter) {
+  // Rows come node by node, each node's names in no order ("sxn10" before
+  // "sxn2"), one node with far more names than the others. In between,
+  // adapters of any node so far are asked for and, when held, inserted
+  // again (which must change nothing), and the newest record is now and
+  // then erased: none of which puts the nodes out of order.
+  veltnamConnectSet set;
+  std::map<std::pair<uint32_t, std::string>, uint32_t> model;
+  std::mt19937 rng(57);
+  uint32_t lid = 0;
+  auto recordOf = [&lid](uint32_t node, const std::string& name) {
+    velt_nam_connect rec;
+    memset(&rec, 0, sizeof rec);
+    rec.node_number = node;
+    strncpy(rec.interface_name, name.c_str(), sizeof rec.interface_name - 1);
+    rec.LID = ++lid;
+    return rec;
+  };
+  int heldAgain = 0;
+  for (uint32_t node = 0; node < 300; ++node) {
+    std::vector<std::string> names;
+    for (int i = 0; i < (node == 150 ? 150 : 12); ++i) names.push_back("sxn" + std::to_string(i));
+    std::shuffle(names.begin(), names.end(), rng);
+    for (const std::string& name : names) {
+      const velt_nam_connect rec = recordOf(node, name);
+      ASSERT_EQ(nullptr, set.find(rec));
+      auto placed = set.insert(rec);
+      ASSERT_TRUE(placed.second);
+      model[{node, name}] = rec.LID;
+      if (rng() % 25 == 0) {
+        set.erase(placed.first);
+        model.erase({node, name});
+      }
+      for (int ask = 0; ask < 2; ++ask) {
+        const uint32_t earlier = rng() % 3 == 0 ? 150 : rng() % (node + 1);
+        const std::string other = "sxn" + std::to_string(rng() % (earlier == 150 ? 150 : 12));
+        const velt_nam_connect probe = recordOf(earlier, other);
+        auto held = model.find({earlier, other});
+        velt_nam_connect* found = set.find(probe);
+        ASSERT_EQ(held != model.end(), found != nullptr) << earlier << " " << other << " at node " << node;
+        if (found == nullptr) continue;
+        ASSERT_EQ(held->second, found->LID);
+        auto again = set.insert(probe);
+        ASSERT_FALSE(again.second);
+        ASSERT_EQ(found, again.first);
+        ++heldAgain;
+      }
+      ASSERT_EQ(model.size(), set.size());
+    }
+  }
+  EXPECT_GT(heldAgain, 1000);
+  auto expected = model.begin();
+  for (const velt_nam_connect* rec : set) {
+    ASSERT_NE(model.end(), expected);
+    EXPECT_EQ(expected->first.first, rec->node_number);
+    EXPECT_EQ(expected->first.second, std::string(rec->interface_name));
+    EXPECT_EQ(expected->second, rec->LID);
+    ++expected;
+  }
+  EXPECT_EQ(model.end(), expected);
 }
 
 // ------------------------------------------------------------- delta table
