@@ -226,6 +226,21 @@ TEST(HardwareAddressToGid, TextThatIsNotHexadecimalEndsTheGid) {
 
 // ------------------------------------------------------------- record set
 
+// The set's records, read in its order, are the model's adapters in the
+// model's (node, name) order, each with its LID.
+void expectRecordsAsModelled(const veltnamConnectSet& set,
+                             const std::map<std::pair<uint32_t, std::string>, uint32_t>& model) {
+  auto expected = model.begin();
+  for (const velt_nam_connect* rec : set) {
+    ASSERT_NE(model.end(), expected);
+    EXPECT_EQ(expected->first.first, rec->node_number);
+    EXPECT_EQ(expected->first.second, std::string(rec->interface_name));
+    EXPECT_EQ(expected->second, rec->LID);
+    ++expected;
+  }
+  EXPECT_EQ(model.end(), expected);
+}
+
 TEST(ConnectSet, FindsInsertsAndErasesAsAnOrderedSetOfItsAdaptersWould) {
   // Random insertions (in order and out of it), finds and erasures, each
   // answered as a std::map by node and name answers it; every read walks
@@ -263,17 +278,7 @@ TEST(ConnectSet, FindsInsertsAndErasesAsAnOrderedSetOfItsAdaptersWould) {
       ASSERT_EQ(placed.second ? probe.LID : held->second, placed.first->LID);
     }
     ASSERT_EQ(model.size(), set.size());
-    if (rng() % 4000 == 0 || step == 39999) {
-      auto expected = model.begin();
-      for (const velt_nam_connect* rec : set) {
-        ASSERT_NE(model.end(), expected);
-        EXPECT_EQ(expected->first.first, rec->node_number);
-        EXPECT_EQ(expected->first.second, std::string(rec->interface_name));
-        EXPECT_EQ(expected->second, rec->LID);
-        ++expected;
-      }
-      EXPECT_EQ(model.end(), expected);
-    }
+    if (rng() % 4000 == 0 || step == 39999) expectRecordsAsModelled(set, model);
   }
 }
 
@@ -328,15 +333,7 @@ TEST(ConnectSet, NodeByNodeWithNamesOutOfOrderAndOneLargeNodeIsStillOneRecordPer
     }
   }
   EXPECT_GT(heldAgain, 1000);
-  auto expected = model.begin();
-  for (const velt_nam_connect* rec : set) {
-    ASSERT_NE(model.end(), expected);
-    EXPECT_EQ(expected->first.first, rec->node_number);
-    EXPECT_EQ(expected->first.second, std::string(rec->interface_name));
-    EXPECT_EQ(expected->second, rec->LID);
-    ++expected;
-  }
-  EXPECT_EQ(model.end(), expected);
+  expectRecordsAsModelled(set, model);
 }
 
 // ------------------------------------------------------------- delta table
