@@ -180,6 +180,30 @@ AMGlobalAdapterTable::~AMGlobalAdapterTable() { clear_pAdapterItemList(); }
 void AMGlobalAdapterTable::clear_pAdapterItemList() {
   for (auto& entry : pAdapterItemList) delete entry.second;
   pAdapterItemList.clear();
+  rowBlocks_.clear();
+  switchRowsByNetwork_.clear();
+}
+
+namespace {
+
+bool isCountedSwitchRow(const AMAdapterItem& row) { return row.isConfiged && isSwitchAdapter(row.interfacename); }
+
+}  // namespace
+
+void AMGlobalAdapterTable::forgetSwitchRowWithoutLock(const AMAdapterItem& row) {
+  if (!isCountedSwitchRow(row)) return;
+  auto counted = switchRowsByNetwork_.find(row.networkid);
+  if (counted != switchRowsByNetwork_.end() && --counted->second == 0) switchRowsByNetwork_.erase(counted);
+}
+
+void AMGlobalAdapterTable::countSwitchRowWithoutLock(const AMAdapterItem& row) {
+  if (isCountedSwitchRow(row)) ++switchRowsByNetwork_[row.networkid];
+}
+
+void AMGlobalAdapterTable::setRowNetworkForTesting(AMAdapterItem* row, int networkid) {
+  forgetSwitchRowWithoutLock(*row);
+  row->networkid = networkid;
+  countSwitchRowWithoutLock(*row);
 }
 
 AMAdapterItem* AMGlobalAdapterTable::locateAdapterItem(int node, int intf_idx) {
@@ -187,17 +211,29 @@ AMAdapterItem* AMGlobalAdapterTable::locateAdapterItem(int node, int intf_idx) {
 }
 
 AMAdapterItem* AMGlobalAdapterTable::locateAdapterItemByIndex(int ofs) {
-  auto found = pAdapterItemList.find(static_cast<uint32_t>(ofs));
+  const uint32_t key = static_cast<uint32_t>(ofs);
+  if (key < kIndexedRowKeys) {
+    const size_t block = key / MaxAdaptersOnNode;
+    return block < rowBlocks_.size() && rowBlocks_[block] ? rowBlocks_[block][key % MaxAdaptersOnNode] : nullptr;
+  }
+  auto found = pAdapterItemList.find(key);
   return found == pAdapterItemList.end() ? nullptr : found->second;
 }
 
 AMAdapterItem* AMGlobalAdapterTable::getOrNewAdapterItem(int node, int intf_idx) {
-  uint32_t key = static_cast<uint32_t>(offsetOfAdapterItem(node, intf_idx));
-  auto at = pAdapterItemList.lower_bound(key);
-  if (at != pAdapterItemList.end() && at->first == key) return at->second;
+  const int ofs = offsetOfAdapterItem(node, intf_idx);
+  AMAdapterItem* held = locateAdapterItemByIndex(ofs);
+  if (held != nullptr) return held;
+  const uint32_t key = static_cast<uint32_t>(ofs);
   AMAdapterItem* row = new AMAdapterItem();
   row->nodenumber = node;
-  pAdapterItemList.emplace_hint(at, key, row);
+  pAdapterItemList.emplace(key, row);
+  if (key < kIndexedRowKeys) {
+    const size_t block = key / MaxAdaptersOnNode;
+    if (block >= rowBlocks_.size()) rowBlocks_.resize(block + 1);
+    if (!rowBlocks_[block]) rowBlocks_[block].reset(new AMAdapterItem*[MaxAdaptersOnNode]());
+    rowBlocks_[block][key % MaxAdaptersOnNode] = row;
+  }
   return row;
 }
 
@@ -221,14 +257,8 @@ int AMGlobalAdapterTable::AdapterConfiguredOnNetwork(int network, uint64_t netwo
 
 int AMGlobalAdapterTable::highestSwitchNetworkWithLock() {
   GSReadGuard hold(*this);
-  int highest = -1;
-  for (auto& entry : pAdapterItemList) {
-    const AMAdapterItem* row = entry.second;
-    if (row->isConfiged && isSwitchAdapter(row->interfacename) && row->networkid > highest) {
-      highest = row->networkid;
-    }
-  }
-  return highest;
+  // A network numbered below 0 is never the answer: -1 says "none".
+  return switchRowsByNetwork_.empty() ? -1 : std::max(-1, switchRowsByNetwork_.rbegin()->first);
 }
 
 int AMGlobalAdapterTable::adapterAttributeChanged(const AMNetInterface& obj, AMAdapterItem* item) {
@@ -267,24 +297,29 @@ int AMGlobalAdapterTable::setAdapterDefinedWithoutLock(const AMNetInterface& obj
     int prevNetwork = row->networkid;
     AMtracef(AM_TRACEF_DEBUG, "isUpdated=1 ");
     isUpdated = 1;
+    forgetSwitchRowWithoutLock(*row);
     row->updateWith(obj);
 
-    if (isSwitchAdapter(name.text) && row->nodenumber == static_cast<int>(myNodeNumber)) {
-      if (prevNetwork != row->networkid) {
-        if (strncmp(name.text, "sxn", 3) != 0) {
-          swnet_adapter_info_t info;
-          if (get_switch_adapter_info(device.text, &info) == 0) {
-            row->LID = info.lid;
-            row->networkid = static_cast<int>(info.network);
-          }
-        } else {
-          row->networkid = static_cast<int>(obj.adapterNetworkID);
+    const bool localSwitch = isSwitchAdapter(name.text) && row->nodenumber == static_cast<int>(myNodeNumber);
+    if (localSwitch && prevNetwork != row->networkid) {
+      if (strncmp(name.text, "sxn", 3) != 0) {
+        swnet_adapter_info_t info;
+        if (get_switch_adapter_info(device.text, &info) == 0) {
+          row->LID = info.lid;
+          row->networkid = static_cast<int>(info.network);
         }
-        if (obj.adapterNetworkID != static_cast<vx_uint32_t>(row->networkid)) {
-          AMtracef(AM_TRACEF_DEBUG, "Interface=%s, Reported netid=%d,  Actual netid=%d. The actual id will be used",
-                   name.text, static_cast<int>(obj.adapterNetworkID), row->networkid);
-        }
+      } else {
+        row->networkid = static_cast<int>(obj.adapterNetworkID);
       }
+      if (obj.adapterNetworkID != static_cast<vx_uint32_t>(row->networkid)) {
+        AMtracef(AM_TRACEF_DEBUG, "Interface=%s, Reported netid=%d,  Actual netid=%d. The actual id will be used",
+                 name.text, static_cast<int>(obj.adapterNetworkID), row->networkid);
+      }
+    }
+    // Counted as the row now stands (still with its old definition flag):
+    // the mediators below ask for the highest switch network.
+    countSwitchRowWithoutLock(*row);
+    if (localSwitch) {
       // The local node follows its adapter into the new network's cooked
       // group.
       AMController* ctl = amController();
@@ -300,7 +335,9 @@ int AMGlobalAdapterTable::setAdapterDefinedWithoutLock(const AMNetInterface& obj
       }
     }
 
+    forgetSwitchRowWithoutLock(*row);
     row->isConfiged = 1;
+    countSwitchRowWithoutLock(*row);
     row->isPending = 0;
     accumulate_NAM_change(row);
     traceUpdLine(AM_TRACEF_DEBUG, *row, isUpdated);
@@ -327,6 +364,7 @@ int AMGlobalAdapterTable::setAdapterUndefinedWithoutLock(int nodenum, const char
   FieldText name(ifname, kAMIfNameLength);
   AMAdapterItem* row = getOrNewAdapterItem(nodenum, _idxFromInterfaceName(name.text));
   if (!row->isConfiged) return 0;
+  forgetSwitchRowWithoutLock(*row);
   row->isConfiged = 0;
   row->isPending = 0;
   accumulate_NAM_change(row);
@@ -352,7 +390,10 @@ int AMGlobalAdapterTable::setAllAdapterUndefinedOrDownOnNodeWithoutLock(int node
     if (row->nodenumber != nodenum || !row->isConfiged) continue;
     matched = 1;
     row->isNodeStopped = 1;
-    if (is_undef) row->isConfiged = 0;
+    if (is_undef) {
+      forgetSwitchRowWithoutLock(*row);
+      row->isConfiged = 0;
+    }
     row->isPending = 0;
     accumulate_NAM_change(row);
     AMtracef(AM_TRACEF_DEBUG, "In setAllAdapterUndefinedOrDownOnNodeWithoutLock(), Call accumulate_NAM_changes()\n");

@@ -19,6 +19,7 @@
 
 #include <atomic>
 #include <map>
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -134,8 +135,13 @@ class AMGlobalAdapterTable : public GSLockableObject {
   int AdapterConfiguredOnNetwork(int network, uint64_t network64);
   // The highest network number of a configured switch row, or -1 when no
   // switch adapter is configured. Takes the read lock, which nests under
-  // any hold the caller already has.
+  // any hold the caller already has. Kept by the table as rows are defined
+  // and undefined, so that asking costs no walk over the rows.
   int highestSwitchNetworkWithLock();
+  // Puts the row on another network as a change behind the mediators' back
+  // would, keeping the table's own count of switch networks true. Requires:
+  // the write lock held. For tests.
+  void setRowNetworkForTesting(AMAdapterItem* row, int networkid);
   // gkFALSE only when the row is configured and holds exactly obj's
   // attributes.
   int adapterAttributeChanged(const AMNetInterface& obj, AMAdapterItem* item);
@@ -187,6 +193,11 @@ class AMGlobalAdapterTable : public GSLockableObject {
 
  private:
   void clear_pAdapterItemList();
+  // The count below without the row, or with it as it stands now: called
+  // before and after every change of a row's definition, name or network.
+  // Requires: the write lock held.
+  void forgetSwitchRowWithoutLock(const AMAdapterItem& row);
+  void countSwitchRowWithoutLock(const AMAdapterItem& row);
 
   AdapterItemCollection pAdapterItemList;  // GUARDED_BY(this)
   // The rows whose down was held back, with their keys: a superset of the
@@ -194,6 +205,17 @@ class AMGlobalAdapterTable : public GSLockableObject {
   // delayed downs are found without a walk over every adapter of the
   // cluster.
   std::vector<std::pair<uint32_t, AMAdapterItem*>> heldDownRows_;  // GUARDED_BY(this)
+  // The rows again, for lookups without a walk down the map: one block of
+  // MaxAdaptersOnNode pointers per MaxAdaptersOnNode keys (a node's row
+  // keys) that hold a row. Keys from kIndexedRowKeys on (node numbers past
+  // those a membership can name) are looked up in the map alone, so that
+  // no input makes the blocks' array larger than 64 Ki entries.
+  static constexpr uint32_t kIndexedRowKeys = 65536u * MaxAdaptersOnNode;
+  std::vector<std::unique_ptr<AMAdapterItem*[]>> rowBlocks_;  // GUARDED_BY(this)
+  // The number of configured switch rows on each network number: its
+  // highest key is the highest switch network, which a full membership asks
+  // for once per local adapter.
+  std::map<int, int> switchRowsByNetwork_;  // GUARDED_BY(this)
   // The two delayed-down counters are written under the write lock but read
   // by computeNextWaitTime without it, so they are atomic; the earliest
   // time is kept in microseconds of the half-second clock.

@@ -62,14 +62,7 @@ struct AdapterKey {
   bool operator==(const AdapterKey& o) const { return node == o.node && memcmp(name, o.name, sizeof name) == 0; }
 };
 
-size_t hashOf(const AdapterKey& k) {
-  uint64_t h = 1469598103934665603ull ^ k.node;  // FNV-1a
-  for (char c : k.name) {
-    if (c == '\0') break;
-    h = (h ^ static_cast<unsigned char>(c)) * 1099511628211ull;
-  }
-  return static_cast<size_t>(h ^ (h >> 29));
-}
+size_t hashOf(const AdapterKey& k) { return hashOfAdapter(k.node, k.name); }
 
 // The network each adapter of the delta table is listed under. An adapter is
 // listed in at most one network (it is taken out of the old one when it
@@ -204,14 +197,14 @@ bool findAndUpdate(const AMAdapterItem& row, const velt_nam_connect& fresh) {
   if (listed == nullptr) return false;
   auto network = delta.find(*listed);
   veltnamNetAdaptInfo* holder = network == delta.end() ? nullptr : network->second;
-  veltnamConnectSet::iterator at;
-  if (holder) at = find_velt_nam_conn_item(holder->veltnamConnectList, &fresh);
-  if (holder == nullptr || at == holder->veltnamConnectList.end()) {
+  velt_nam_connect* old = nullptr;
+  if (holder) old = find_velt_nam_conn_item(holder->veltnamConnectList, &fresh);
+  if (old == nullptr) {
     // Out of date: ask every network, and index the table again.
     holder = nullptr;
     for (auto& entry : delta) {
-      at = find_velt_nam_conn_item(entry.second->veltnamConnectList, &fresh);
-      if (at != entry.second->veltnamConnectList.end()) {
+      old = find_velt_nam_conn_item(entry.second->veltnamConnectList, &fresh);
+      if (old != nullptr) {
         holder = entry.second;
         break;
       }
@@ -220,19 +213,17 @@ bool findAndUpdate(const AMAdapterItem& row, const velt_nam_connect& fresh) {
     if (holder == nullptr) return false;
   }
 
-  velt_nam_connect* old = *at;
   if (holder->netInfo.network_id == row.networkId64) {
     count_velt_nam_status_change(&holder->netInfo, old->status, fresh.status);
-    // Same node and name, so the record keeps its place in the set.
+    // Same node and name, so the record keeps its place in the order.
     *old = fresh;
     return true;
   }
   // The adapter moved to another network: the old one loses it.
-  holder->veltnamConnectList.erase(at);
   holder->netInfo.num_connect--;
   if (old->status == VELT_NAM_CONNECT_UP) holder->netInfo.num_up--;
   if (old->status == VELT_NAM_CONNECT_DOWN) holder->netInfo.num_down--;
-  delete old;
+  holder->veltnamConnectList.erase(old);
   veltnamDeltaIndex.erase(key);
   return false;
 }
@@ -241,7 +232,7 @@ void insertRecord(const AMAdapterItem& row, const velt_nam_connect& fresh) {
   if (veltnamNetInfoListDelta.count(row.networkId64) != 0) {
     AMtracef(AM_TRACEF_DEBUG, "in insert_velt_nam_connect_item(), found netid.\n");
   }
-  add_velt_nam_conn_item(veltnamNetInfoListDelta, row.networkId64, new velt_nam_connect(fresh));
+  add_velt_nam_conn_item(veltnamNetInfoListDelta, row.networkId64, fresh);
   veltnamDeltaIndex.set(AdapterKey(fresh), row.networkId64);
 }
 
@@ -293,6 +284,9 @@ int reflect_NAM_changes() {
       AMtracef(AM_TRACEF_DEBUG, "In reflect_NAM_changes(), delta table is empty and no need to queue event.\n");
       return 0;
     }
+    // Records that came out of order are sorted once, here, for every
+    // session's packing.
+    put_net_adapter_table_in_order(veltnamNetInfoListDelta);
     AMController* ctl = amController();
     if (ctl) ctl->queueEventToAllNamClients();
     clear_net_adapter_table(veltnamNetInfoListDelta);
@@ -320,6 +314,7 @@ int AMController::obtainAdapterInfoFromGlobalTable(veltnamNetInfoList& table, in
     if (activeOnly && (!row->isConfiged || row->isNodeStopped)) continue;
     insertAdapterItem(row, table);
   }
+  put_net_adapter_table_in_order(table);
   return 0;
 }
 

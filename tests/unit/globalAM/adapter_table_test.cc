@@ -5,6 +5,8 @@
 #include <stdlib.h>
 
 #include <memory>
+#include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -134,6 +136,102 @@ TEST_F(TableRows, TheTableHoldsEveryAdapterOfTheLargestCluster) {
   AMAdapterItem* last = table_->locateAdapterItem(MaxNodesInDomain - 1, MaxAdaptersOnNode - 1);
   ASSERT_NE(nullptr, last);
   EXPECT_EQ(MaxNodesInDomain - 1, last->nodenumber);
+}
+
+// ------------------------------------------------- highest switch network
+
+class HighestSwitchNetwork : public TableFixture {
+ protected:
+  // What a walk over every row finds: the highest network of a configured
+  // switch row, or -1.
+  int highestByWalk() {
+    GSReadGuard hold(*table_);
+    int highest = -1;
+    for (auto& entry : table_->getAdapterItemList()) {
+      const AMAdapterItem* row = entry.second;
+      if (row->isConfiged && isSwitchAdapter(row->interfacename) && row->networkid > highest) {
+        highest = row->networkid;
+      }
+    }
+    return highest;
+  }
+};
+
+TEST_F(HighestSwitchNetwork, NoSwitchRowIsMinusOne) {
+  EXPECT_EQ(-1, table_->highestSwitchNetworkWithLock());
+  table_->setAdapterDefinedWithLock(makeInterface(2, "ib0", "10.0.0.2", kNet, 5));
+  EXPECT_EQ(-1, table_->highestSwitchNetworkWithLock());
+}
+
+TEST_F(HighestSwitchNetwork, UndefiningTheLastRowOfTheHighestNetworkLowersIt) {
+  table_->setAdapterDefinedWithLock(makeInterface(2, "sxn0", "10.0.0.2", kNet, 1));
+  table_->setAdapterDefinedWithLock(makeInterface(3, "sxn1", "10.0.1.3", kNet, 6));
+  table_->setAdapterDefinedWithLock(makeInterface(4, "sxn1", "10.0.1.4", kNet, 6));
+  EXPECT_EQ(6, table_->highestSwitchNetworkWithLock());
+  table_->setAllAdapterUndefinedOnNodeWithLock(3);
+  EXPECT_EQ(6, table_->highestSwitchNetworkWithLock());
+  {
+    GSWriteGuard hold(*table_);
+    table_->setAdapterUndefinedWithoutLock(4, "sxn1");
+  }
+  EXPECT_EQ(1, table_->highestSwitchNetworkWithLock());
+  // Defined again on a lower network: the row no longer counts where it was.
+  table_->setAdapterDefinedWithLock(makeInterface(4, "sxn1", "10.0.1.4", kNet, 9));
+  EXPECT_EQ(9, table_->highestSwitchNetworkWithLock());
+  table_->setAdapterDefinedWithLock(makeInterface(4, "sxn1", "10.0.1.4", kNet, 0));
+  EXPECT_EQ(1, table_->highestSwitchNetworkWithLock());
+}
+
+TEST_F(HighestSwitchNetwork, FollowsEveryPathThatDefinesOrUndefinesARow) {
+  // Random definitions (switch and other names, networks up and down),
+  // undefinitions one by one and by node, node stops, node-id moves and
+  // memberships that make unnamed rows, each followed by the answer a walk
+  // over the rows gives.
+  const char* names[] = {"sxn0", "sxn1", "sxn5", "sn2", "ib0", "eth3"};
+  std::vector<int> indexes;
+  for (const char* name : names) indexes.push_back(_idxFromInterfaceName(name));
+  std::mt19937 rng(4242);
+  std::set<int> answers;
+  for (int step = 0; step < 4000; ++step) {
+    const int node = 2 + static_cast<int>(rng() % 4);
+    const char* name = names[rng() % 6];
+    switch (rng() % 8) {
+      case 0:
+      case 1:
+      case 2: {
+        std::string ip = "10.1." + std::to_string(node) + ".1";
+        table_->setAdapterDefinedWithLock(makeInterface(node, name, ip.c_str(), kNet, rng() % 16));
+        break;
+      }
+      case 3: {
+        GSWriteGuard hold(*table_);
+        table_->setAdapterUndefinedWithoutLock(node, name);
+        break;
+      }
+      case 4:
+        table_->setAllAdapterUndefinedOnNodeWithLock(node);
+        break;
+      case 5:
+        table_->setAllAdapterStoppedOnNodeWithLock(node);
+        break;
+      case 6:
+        // An id that moves to another node number undefines the old one's
+        // adapters.
+        setNodeIdMap(node, 0x1000 + rng() % 4);
+        break;
+      default:
+        table_->updateAdapterStateWithLock(rng() % 2, Members().add(node, indexes[rng() % 6]).add(node, 40).get(),
+                                           rng() % 2);
+        break;
+    }
+    const int highest = table_->highestSwitchNetworkWithLock();
+    ASSERT_EQ(highestByWalk(), highest) << "after step " << step;
+    answers.insert(highest);
+  }
+  reflect_NAM_changes();
+  // The walk went up and down through most answers, -1 included.
+  EXPECT_GE(answers.size(), 10u);
+  EXPECT_EQ(1u, answers.count(-1));
 }
 
 // ------------------------------------------------------------- definition

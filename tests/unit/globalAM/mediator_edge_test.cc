@@ -18,7 +18,7 @@ class AdapterOnANewNetwork : public MediatorFixture {
     GSWriteGuard hold(*table_);
     AMAdapterItem* row = table_->locateAdapterItem(kMyNode, _idxFromInterfaceName("sxn0"));
     ASSERT_NE(nullptr, row);
-    row->networkid = netid;
+    table_->setRowNetworkForTesting(row, netid);
   }
 };
 

@@ -202,7 +202,7 @@ TEST_F(AppendMember, AKnownAdapterOnANewNetworkMovesItsProvider) {
     // The row changes network without the table's own notice to the
     // mediators, so that appendMember itself must notice.
     GSWriteGuard hold(*table_);
-    table_->locateAdapterItem(kMyNode, _idxFromInterfaceName("sxn0"))->networkid = 3;
+    table_->setRowNetworkForTesting(table_->locateAdapterItem(kMyNode, _idxFromInterfaceName("sxn0")), 3);
   }
   EXPECT_EQ(p, mediator_->appendMember("sxn0"));
   EXPECT_EQ(3, p->getAttachedNetworkNum());
@@ -248,7 +248,7 @@ TEST_F(AppendMember, AnAdapterOnASwitchNetworkWithoutAGroupNameGetsNoProvider) {
   defineLocal("sxn0", "10.0.0.1", 0);
   {
     GSWriteGuard hold(*table_);
-    table_->locateAdapterItem(kMyNode, _idxFromInterfaceName("sxn0"))->networkid = 12;
+    table_->setRowNetworkForTesting(table_->locateAdapterItem(kMyNode, _idxFromInterfaceName("sxn0")), 12);
   }
   ASSERT_TRUE(IsValidNetworkID(12));
   EXPECT_EQ(nullptr, mediator_->appendMember("sxn0"));

@@ -7,14 +7,18 @@
 #include <stdlib.h>
 #include <time.h>
 
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <random>
+#include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "AMController.h"
 #include "AMNetIf.h"
+#include "NAMClient.h"
 #include "sw_NAM_calls.h"
 #include "table_test_support.h"
 #include "trace_test_support.h"
@@ -220,6 +224,118 @@ TEST(HardwareAddressToGid, TextThatIsNotHexadecimalEndsTheGid) {
   EXPECT_EQ(0u, gidOf(32, "").length);
 }
 
+// ------------------------------------------------------------- record set
+
+// The set's records, read in its order, are the model's adapters in the
+// model's (node, name) order, each with its LID.
+void expectRecordsAsModelled(const veltnamConnectSet& set,
+                             const std::map<std::pair<uint32_t, std::string>, uint32_t>& model) {
+  auto expected = model.begin();
+  for (const velt_nam_connect* rec : set) {
+    ASSERT_NE(model.end(), expected);
+    EXPECT_EQ(expected->first.first, rec->node_number);
+    EXPECT_EQ(expected->first.second, std::string(rec->interface_name));
+    EXPECT_EQ(expected->second, rec->LID);
+    ++expected;
+  }
+  EXPECT_EQ(model.end(), expected);
+}
+
+TEST(ConnectSet, FindsInsertsAndErasesAsAnOrderedSetOfItsAdaptersWould) {
+  // Random insertions (in order and out of it), finds and erasures, each
+  // answered as a std::map by node and name answers it; every read walks
+  // the records in that map's order.
+  veltnamConnectSet set;
+  std::map<std::pair<uint32_t, std::string>, uint32_t> model;  // adapter -> LID
+  std::mt19937 rng(31);
+  auto recordOf = [](uint32_t node, const std::string& name, uint32_t lid) {
+    velt_nam_connect rec;
+    memset(&rec, 0, sizeof rec);
+    rec.node_number = node;
+    strncpy(rec.interface_name, name.c_str(), sizeof rec.interface_name - 1);
+    rec.LID = lid;
+    return rec;
+  };
+  uint32_t ascending = 0;
+  for (int step = 0; step < 40000; ++step) {
+    const bool inOrder = rng() % 3 == 0;
+    const uint32_t node = inOrder ? ascending++ / 4 : static_cast<uint32_t>(rng() % 2000);
+    const std::string name = "sxn" + std::to_string(inOrder ? ascending % 4 : rng() % 12);
+    const velt_nam_connect probe = recordOf(node, name, static_cast<uint32_t>(step));
+    auto held = model.find({node, name});
+    velt_nam_connect* found = set.find(probe);
+    ASSERT_EQ(held != model.end(), found != nullptr) << "step " << step;
+    if (found != nullptr) {
+      ASSERT_EQ(held->second, found->LID) << "step " << step;
+    }
+    if (found != nullptr && rng() % 2 == 0) {
+      set.erase(found);
+      model.erase(held);
+    } else {
+      auto placed = set.insert(probe);
+      ASSERT_EQ(held == model.end(), placed.second) << "step " << step;
+      if (placed.second) model[{node, name}] = probe.LID;
+      ASSERT_EQ(placed.second ? probe.LID : held->second, placed.first->LID);
+    }
+    ASSERT_EQ(model.size(), set.size());
+    if (rng() % 4000 == 0 || step == 39999) expectRecordsAsModelled(set, model);
+  }
+}
+
+TEST(ConnectSet, NodeByNodeWithNamesOutOfOrderAndOneLargeNodeIsStillOneRecordPerAdapter) {
+  // Rows come node by node, each node's names in no order ("sxn10" before
+  // "sxn2"), one node with far more names than the others. In between,
+  // adapters of any node so far are asked for and, when held, inserted
+  // again (which must change nothing), and the newest record is now and
+  // then erased: none of which puts the nodes out of order.
+  veltnamConnectSet set;
+  std::map<std::pair<uint32_t, std::string>, uint32_t> model;
+  std::mt19937 rng(57);
+  uint32_t lid = 0;
+  auto recordOf = [&lid](uint32_t node, const std::string& name) {
+    velt_nam_connect rec;
+    memset(&rec, 0, sizeof rec);
+    rec.node_number = node;
+    strncpy(rec.interface_name, name.c_str(), sizeof rec.interface_name - 1);
+    rec.LID = ++lid;
+    return rec;
+  };
+  int heldAgain = 0;
+  for (uint32_t node = 0; node < 300; ++node) {
+    std::vector<std::string> names;
+    for (int i = 0; i < (node == 150 ? 150 : 12); ++i) names.push_back("sxn" + std::to_string(i));
+    std::shuffle(names.begin(), names.end(), rng);
+    for (const std::string& name : names) {
+      const velt_nam_connect rec = recordOf(node, name);
+      ASSERT_EQ(nullptr, set.find(rec));
+      auto placed = set.insert(rec);
+      ASSERT_TRUE(placed.second);
+      model[{node, name}] = rec.LID;
+      if (rng() % 25 == 0) {
+        set.erase(placed.first);
+        model.erase({node, name});
+      }
+      for (int ask = 0; ask < 2; ++ask) {
+        const uint32_t earlier = rng() % 3 == 0 ? 150 : rng() % (node + 1);
+        const std::string other = "sxn" + std::to_string(rng() % (earlier == 150 ? 150 : 12));
+        const velt_nam_connect probe = recordOf(earlier, other);
+        auto held = model.find({earlier, other});
+        velt_nam_connect* found = set.find(probe);
+        ASSERT_EQ(held != model.end(), found != nullptr) << earlier << " " << other << " at node " << node;
+        if (found == nullptr) continue;
+        ASSERT_EQ(held->second, found->LID);
+        auto again = set.insert(probe);
+        ASSERT_FALSE(again.second);
+        ASSERT_EQ(found, again.first);
+        ++heldAgain;
+      }
+      ASSERT_EQ(model.size(), set.size());
+    }
+  }
+  EXPECT_GT(heldAgain, 1000);
+  expectRecordsAsModelled(set, model);
+}
+
 // ------------------------------------------------------------- delta table
 
 class DeltaTable : public TableFixture {
@@ -351,6 +467,103 @@ TEST_F(DeltaTable, ManyRandomChangesLeaveExactlyTheLastStateOfEachAdapter) {
     }
   }
   EXPECT_EQ(model.size(), records);
+}
+
+// A session that keeps the bytes a real session queues for each batch.
+class PackingNamClient : public NAMClient {
+ public:
+  void* run(void*) override { return nullptr; }
+  void wakeup(int) override {}
+  // Called with veltnamSyncLock held, as a real session packs the batch.
+  int queueEvent() override {
+    velt_nam_msg_hdr hdr = {0, 0};
+    char* body = nullptr;
+    NAMClient::packMsg(&hdr, &body, veltnamNetInfoListDelta);
+    bodies.emplace_back(body, static_cast<size_t>(hdr.msg_length));
+    delete[] body;
+    return 0;
+  }
+  std::vector<std::string> bodies;
+};
+
+// The body a batch must be packed into: the numbers of networks and
+// records, then each network in ascending order with its counts and its UP,
+// DOWN and other records, each group by node and then name, and the 4 zero
+// bytes at the end. records holds each adapter's last record by (network,
+// node, name); networks every network the batch touched, emptied or not.
+std::string expectedBody(const std::set<uint64_t>& networks,
+                         const std::map<std::tuple<uint64_t, uint32_t, std::string>, velt_nam_connect>& records) {
+  std::string out;
+  auto put = [&out](const void* p, size_t n) { out.append(static_cast<const char*>(p), n); };
+  velt_nam_daemon_update_msg counts = {static_cast<int32_t>(networks.size()), static_cast<int32_t>(records.size())};
+  put(&counts, sizeof counts);
+  for (uint64_t network : networks) {
+    velt_nam_connect_net_info info;
+    memset(&info, 0, sizeof info);
+    info.network_id = network;
+    std::string groups[3];
+    for (const auto& entry : records) {
+      if (std::get<0>(entry.first) != network) continue;
+      const velt_nam_connect& rec = entry.second;
+      ++info.num_connect;
+      int group = 2;
+      if (rec.status == VELT_NAM_CONNECT_UP) group = 0, ++info.num_up;
+      if (rec.status == VELT_NAM_CONNECT_DOWN) group = 1, ++info.num_down;
+      groups[group].append(reinterpret_cast<const char*>(&rec), sizeof rec);
+    }
+    put(&info, sizeof info);
+    for (const std::string& g : groups) out += g;
+  }
+  out.append(4, '\0');
+  return out;
+}
+
+TEST_F(DeltaTable, EachBatchIsPackedInNetworkStatusNodeAndNameOrderWithEachAdaptersLastRecord) {
+  PackingNamClient client;
+  ctl_->insertNamClient(&client);
+  // Names whose text order is not their number order, and adapters that
+  // change network, status and content within a batch, in random order.
+  const char* names[] = {"sxn0", "sxn1", "sxn2", "sxn10", "sxn11", "sxn20", "ib0", "ib3"};
+  const uint64_t networks[] = {0x30, 0x10, 0x50, 0x20, 0x40};
+  std::mt19937 rng(2024);
+  std::set<uint64_t> touched;
+  std::map<std::pair<uint32_t, std::string>, std::pair<uint64_t, velt_nam_connect>> last;
+  std::vector<std::string> expected;
+  auto publish = [&]() {
+    std::map<std::tuple<uint64_t, uint32_t, std::string>, velt_nam_connect> records;
+    for (const auto& entry : last) {
+      records[std::make_tuple(entry.second.first, entry.first.first, entry.first.second)] = entry.second.second;
+    }
+    if (!touched.empty()) expected.push_back(expectedBody(touched, records));
+    reflect_NAM_changes();
+    touched.clear();
+    last.clear();
+  };
+  for (int step = 0; step < 20000; ++step) {
+    const int node = static_cast<int>(rng() % 400);
+    const char* name = names[rng() % 8];
+    const uint64_t net = networks[rng() % 5];
+    AMAdapterItem row = makeRow(node, name, net, rng() % 6 != 0, rng() % 2 == 0, rng() % 9 == 0);
+    row.isPending = rng() % 7 == 0 ? 1 : 0;
+    row.LID = static_cast<int>(rng() % 100000);
+    row.ipaddr = static_cast<uint32_t>(rng());
+    row.adapterType = rng() % 3 == 0 ? 0 : 32;
+    snprintf(row.hardwareAddress, sizeof row.hardwareAddress, "fe:80:%02x:%02x", node & 0xff, step & 0xff);
+    accumulate(row);
+    velt_nam_connect rec;
+    build_velt_nam_conn_item(row, &rec);
+    touched.insert(net);
+    last[{static_cast<uint32_t>(node), name}] = {net, rec};
+    if (rng() % 3000 == 0) publish();
+  }
+  publish();
+  ctl_->removeNamClient(&client);
+  ASSERT_GT(expected.size(), 2u);
+  ASSERT_EQ(expected.size(), client.bodies.size());
+  for (size_t i = 0; i < expected.size(); ++i) {
+    EXPECT_EQ(expected[i].size(), client.bodies[i].size()) << "batch " << i;
+    EXPECT_TRUE(expected[i] == client.bodies[i]) << "batch " << i << " differs";
+  }
 }
 
 TEST_F(DeltaTable, AnUnconfiguredAdapterCountsOnlyAsConnected) {
