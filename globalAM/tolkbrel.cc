@@ -45,6 +45,7 @@ int gs_connect_retry_secs = 5;
 
 namespace {
 
+std::mutex veltActiveVersionLock;  // guards veltActiveVersion
 std::mutex exit_lock;
 int already_exiting = 0;  // guarded by exit_lock
 
@@ -72,6 +73,16 @@ void logLocaleInformation() {
 }
 
 }  // namespace
+
+tk_gs_velt_version_t getVeltActiveVersion() {
+  std::lock_guard<std::mutex> hold(veltActiveVersionLock);
+  return veltActiveVersion;
+}
+
+void setVeltActiveVersion(const tk_gs_velt_version_t& version) {
+  std::lock_guard<std::mutex> hold(veltActiveVersionLock);
+  veltActiveVersion = version;
+}
 
 // Retries the group services connection every few seconds until it works
 // or a stop request comes; SRC requests are served while it waits.
@@ -413,7 +424,9 @@ int tolkbrel_main(int argc, char** argv) {
   if (AMController::domainType == kCLUSTER) ctl->startAMCfgMonitor();
   if (AMController::propagator) AMController::propagator->start(nullptr);
   AM_TRACE(TRACE_FYI) << "TOLKVASK is now ready to roll. " << endl;
-  ctl->get_velt_active_version(&veltActiveVersion);
+  tk_gs_velt_version_t active;
+  ctl->get_velt_active_version(&active);
+  setVeltActiveVersion(active);
 
   if (AMController::domainType == kCLUSTER) {
     AM_TRACE(TRACE_FYI) << "namServer started." << endl;
