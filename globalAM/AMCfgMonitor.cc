@@ -359,8 +359,7 @@ void AMCfgMonitor::NIResEventCB(const mc_event_t* event) {
     if ((event->mc_event_flags & (MC_EVENT_UNASSIGN | MC_EVENT_UNASSIGN_UNDEF)) == 0) {
       table->setAdapterDefinedWithLock(item);
     } else {
-      // The undefine goes without the table lock, unlike the define: this
-      // path has always been so and is kept so on purpose.
+      GSWriteGuard hold(*table);
       table->setAdapterUndefinedWithoutLock(item.nodeNumber, item.ifrName);
     }
   }
