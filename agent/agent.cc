@@ -259,14 +259,16 @@ int Agent::start() {
   if (startKor() != 0) return 1;
   if (startTopology() != 0) return 1;
 
-  if (openSocket() != 0) return 1;
-
+  // Before the socket opens: whoever sees it accept may stop us by signal
+  // at once, and that stop is a clean one.
   signals_.add(SIGTERM);
   signals_.add(SIGINT);
   signals_.async_wait([this](const std::error_code& ec, int signo) {
     if (ec) return;
     stop(0, std::string("stopping on ") + (signo == SIGTERM ? "SIGTERM" : "SIGINT"));
   });
+
+  if (openSocket() != 0) return 1;
 
   rc = bus_->join();
   if (rc != 0) {
