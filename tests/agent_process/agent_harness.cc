@@ -263,10 +263,10 @@ long AgentProcess::residentKb() const {
   return 0;
 }
 
-CommandResult AgentProcess::veltctl(const std::vector<std::string>& args) {
+CommandResult AgentProcess::veltctl(const std::vector<std::string>& args, int timeoutMs) {
   std::vector<std::string> argv = {veltctlPath(), "--socket", socket_};
   for (const std::string& a : args) argv.push_back(a);
-  return runCommand(argv, {}, kPromptMs * 2);
+  return runCommand(argv, {}, timeoutMs);
 }
 
 // ----------------------------------------------------------------- client
