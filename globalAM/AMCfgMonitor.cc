@@ -181,7 +181,9 @@ AMCfgMonitor::~AMCfgMonitor() = default;
 
 int AMCfgMonitor::startKORSession() {
   if (session_handle != 0) return 0;
-  int rc = mc_start_session(nullptr, MC_SESSION_OPTS_NONE, MC_SESSION_MODE_FULL, &session_handle);
+  mc_sess_hndl_t session = 0;
+  int rc = mc_start_session(nullptr, MC_SESSION_OPTS_NONE, MC_SESSION_MODE_FULL, &session);
+  session_handle = session;
   if (rc != MC_OK) {
     finishKORSession();
     session_handle = 0;
@@ -197,7 +199,8 @@ int AMCfgMonitor::finishKORSession() {
   return rc;
 }
 
-int AMCfgMonitor::register_kor_class_event(mc_reg_id_t& regid, mc_sess_hndl_t session, const char* rsrc_class,
+int AMCfgMonitor::register_kor_class_event(std::atomic<mc_reg_id_t>& regid, mc_sess_hndl_t session,
+                                           const char* rsrc_class,
                                            const char* event, const char** /*attrs*/, int /*nattrs*/,
                                            mc_class_event_cb_t* callback) {
   AMtracef(TRACE_FYI, "Registering %s ClassAttr(%s)\n", rsrc_class, event);
@@ -237,7 +240,7 @@ int AMCfgMonitor::register_kor_class_event(mc_reg_id_t& regid, mc_sess_hndl_t se
   return rc;
 }
 
-int AMCfgMonitor::unregister_kor_event(mc_reg_id_t& regid, mc_sess_hndl_t session, const char* rsrc_class,
+int AMCfgMonitor::unregister_kor_event(std::atomic<mc_reg_id_t>& regid, mc_sess_hndl_t session, const char* rsrc_class,
                                        const char* event) {
   AMtracef(TRACE_FYI, "Finishing %s(%s) registration\n", rsrc_class, event);
   int rc = 0;
@@ -356,8 +359,7 @@ void AMCfgMonitor::NIResEventCB(const mc_event_t* event) {
     if ((event->mc_event_flags & (MC_EVENT_UNASSIGN | MC_EVENT_UNASSIGN_UNDEF)) == 0) {
       table->setAdapterDefinedWithLock(item);
     } else {
-      // The undefine goes without the table lock, unlike the define: this
-      // path has always been so and is kept so on purpose.
+      GSWriteGuard hold(*table);
       table->setAdapterUndefinedWithoutLock(item.nodeNumber, item.ifrName);
     }
   }

@@ -39,9 +39,11 @@ std::string korErrorText();
 
 // The monitor thread. The event session, the registrations and the retry
 // state are owned by the monitor thread (tests drive the pieces directly
-// while the thread is not running); the harvests may be called from any
-// thread, as they open private sessions and take the table lock
-// themselves. Created once by the controller and kept until exit.
+// while the thread is not running); the session handle and the
+// registration ids are atomic, so that others may look at them while it
+// runs. The harvests may be called from any thread, as they open private
+// sessions and take the table lock themselves. Created once by the
+// controller and kept until exit.
 class AMCfgMonitor : public GSThread {
  public:
   // A failed step is tried again after this many seconds.
@@ -69,9 +71,10 @@ class AMCfgMonitor : public GSThread {
   // One class-event registration into regid; 0, the failure code, or -1
   // without a session. attrs and nattrs are carried for the class's
   // attributes; KOR's class events deliver none.
-  int register_kor_class_event(mc_reg_id_t& regid, mc_sess_hndl_t session, const char* rsrc_class,
+  int register_kor_class_event(std::atomic<mc_reg_id_t>& regid, mc_sess_hndl_t session, const char* rsrc_class,
                                const char* event, const char** attrs, int nattrs, mc_class_event_cb_t* callback);
-  int unregister_kor_event(mc_reg_id_t& regid, mc_sess_hndl_t session, const char* rsrc_class, const char* event);
+  int unregister_kor_event(std::atomic<mc_reg_id_t>& regid, mc_sess_hndl_t session, const char* rsrc_class,
+                           const char* event);
   // The four class events and the interfaces' resource event, in order,
   // stopping at the first failure (its code); -1 without a session.
   int registerPNNIEvents();
@@ -102,15 +105,15 @@ class AMCfgMonitor : public GSThread {
   int passesForTesting() const { return passes_.load(); }
 
   // KOR session handle; 0 when no event session is open.
-  mc_sess_hndl_t session_handle;
+  std::atomic<mc_sess_hndl_t> session_handle;
   // Registration ids (MC_REG_ID_NONE when not registered): class events
   // "ResourceDefined" and "ResourceUndefined" of both classes, and the
   // interfaces' resource event for their attributes.
-  mc_reg_id_t regid_PN_ClsDefAttr;
-  mc_reg_id_t regid_PN_ClsUndefAttr;
-  mc_reg_id_t regid_NI_ClsDefAttr;
-  mc_reg_id_t regid_NI_ClsUndefAttr;
-  mc_reg_id_t regid_NI_ResAttr;
+  std::atomic<mc_reg_id_t> regid_PN_ClsDefAttr;
+  std::atomic<mc_reg_id_t> regid_PN_ClsUndefAttr;
+  std::atomic<mc_reg_id_t> regid_NI_ClsDefAttr;
+  std::atomic<mc_reg_id_t> regid_NI_ClsUndefAttr;
+  std::atomic<mc_reg_id_t> regid_NI_ResAttr;
   // Set once the first PeerNode harvest succeeded.
   std::atomic<int> peernode_is_ready;
 

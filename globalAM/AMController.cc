@@ -321,12 +321,12 @@ tk_gs_callback_rc_t AMController::responsivenessCb(const tk_gs_responsiveness_no
 tk_gs_callback_rc_t AMController::domainControlCb(const tk_gs_domain_control_notification_t* n) {
   if (n == nullptr || n->gs_domain_ctrl_event != TK_GS_DOMAIN_VERSION) return TK_GS_CALLBACK_OK;
   GSController::domainControlCb(n);
-  veltActiveVersion = n->gs_velt_version;
+  const tk_gs_velt_version_t version = n->gs_velt_version;
+  setVeltActiveVersion(version);
   AM_TRACE(TRACE_FYI) << "Got domainControlCB: TK_GS_DOMAIN_VERSION. veltActiveVersion is now"
-                      << static_cast<long>(veltActiveVersion.gs_version) << "."
-                      << static_cast<long>(veltActiveVersion.gs_release) << "."
-                      << static_cast<long>(veltActiveVersion.gs_modification) << "."
-                      << static_cast<long>(veltActiveVersion.gs_fix) << endl;
+                      << static_cast<long>(version.gs_version) << "." << static_cast<long>(version.gs_release) << "."
+                      << static_cast<long>(version.gs_modification) << "." << static_cast<long>(version.gs_fix)
+                      << endl;
   if (cfgMonitor) cfgMonitor->harvestGblNetworkInterfaces(1);
   if (isML0ForIBSupported()) {
     for (int i = 0; i < mediators.count(); ++i) {

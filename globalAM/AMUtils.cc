@@ -187,21 +187,25 @@ int32_t AMCfgInfo::getFmtVersion() const {
 // AMIntervalHitter
 
 bool AMIntervalHitter::hit() {
-  if (_interval == 0) {
+  const time_t interval = _interval.load();
+  if (interval == 0) {
     AMtracef(AM_TRACEF_DEBUG, "AMIntervalHitter::hit always ok (interval=0)\n");
     return true;
   }
   time_t now = monotonicSeconds();
-  if (_start != 0 && now < _start + _interval) return false;
-  AMtracef(AM_TRACEF_DEBUG, _start == 0 ? "AMIntervalHitter::hit1 at %d\n" : "AMIntervalHitter::hit2 at %d\n",
+  const time_t start = _start.load();
+  if (start != 0 && now < start + interval) return false;
+  AMtracef(AM_TRACEF_DEBUG, start == 0 ? "AMIntervalHitter::hit1 at %d\n" : "AMIntervalHitter::hit2 at %d\n",
            static_cast<int>(now));
-  _start = now;
+  _start.store(now);
   return true;
 }
 
 int AMIntervalHitter::remaining_secs_to_hit() {
-  if (_interval == 0 || _start == 0) return 0;
-  time_t left = _interval - (monotonicSeconds() - _start);
+  const time_t interval = _interval.load();
+  const time_t start = _start.load();
+  if (interval == 0 || start == 0) return 0;
+  time_t left = interval - (monotonicSeconds() - start);
   return left > 0 ? static_cast<int>(left) : 0;
 }
 

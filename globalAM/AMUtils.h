@@ -86,20 +86,22 @@ class AMCfgInfo : public GSLockableObject {
 
 // A rate limiter on the monotonic clock: hit() succeeds at once, then at
 // most once per interval; an interval of 0 lets every call through.
-// Owned by one thread (no lock).
+// One thread hits; any thread may reset (group services callbacks on the
+// dispatch thread reset what the mediator thread hits), so the times are
+// atomic. A reset that meets a hit is taken by that hit.
 class AMIntervalHitter {
  public:
   explicit AMIntervalHitter(int interval) : _interval(interval), _start(0) {}
-  void interval(int seconds) { _interval = seconds; }
+  void interval(int seconds) { _interval.store(seconds); }
   // The next hit() succeeds at once.
-  void reset() { _start = 0; }
+  void reset() { _start.store(0); }
   bool hit();
   // Seconds until hit() would succeed; 0 when it would now or never hit.
   int remaining_secs_to_hit();
 
  private:
-  time_t _interval;
-  time_t _start;  // monotonic seconds of the last hit; 0 before the first
+  std::atomic<time_t> _interval;
+  std::atomic<time_t> _start;  // monotonic seconds of the last hit; 0 before the first
 };
 
 // The monotonic clock as a timeval; returns the clock's result.

@@ -230,7 +230,7 @@ void* NAMClient::run(void*) {
 
 bool NAMClient::sendInitialMessages() {
   TraceBlock tb(TraceLevel(TRACE_BLOCK), "NAMClient::sendInitialMessages()");
-  const tk_gs_velt_version_t version = veltActiveVersion;
+  const tk_gs_velt_version_t version = getVeltActiveVersion();
   velt_nam_msg_hdr hdr = {VELT_NAM_DAEMON_INIT_MSG, static_cast<int32_t>(sizeof(velt_nam_init_daemon_msg))};
   velt_nam_init_daemon_msg answer;
   memset(&answer, 0, sizeof answer);

@@ -338,30 +338,38 @@ void TraceClient::send_msg(const char* text) {
 }
 
 void TraceClient::send_msg(const char* text, size_t len) {
-  if (market == nullptr) return;
-  if ((level.level & market->GetGlobalTraceLevel().level) == 0) return;
+  std::lock_guard<std::mutex> hold(lineMu_);
+  if (!isTraceableLocked()) return;
   if (text != nullptr) message.append(text, len);
   msg_exist = 1;
 }
 
 void TraceClient::commit_msg() {
-  if (label.label == TraceLabel::kNotChosen) {
-    if (level.level & (TRACE_EMERG | TRACE_ERROR)) {
-      label.label = kLabelVaskError;
-    } else if (level.level & (TRACE_WARNING | TRACE_WEIRD)) {
-      label.label = kLabelMessage;
-    }
-  }
   // The SRC reply is written by the thread serving the request, never by a
   // drain on another thread's behalf.
   TraceSRCOutputRoutine toSRC = srcOutputRoutine.load();
+  TraceMessage* msg = nullptr;
   bool copyToSRC = false;
   std::string srcText;
-  if (msg_exist && market != nullptr) {
-    auto* msg = new TraceMessage(level, label, threadId, info, std::move(message));
+  {
+    std::lock_guard<std::mutex> hold(lineMu_);
+    if (label.label == TraceLabel::kNotChosen) {
+      if (level.level & (TRACE_EMERG | TRACE_ERROR)) {
+        label.label = kLabelVaskError;
+      } else if (level.level & (TRACE_WARNING | TRACE_WEIRD)) {
+        label.label = kLabelMessage;
+      }
+    }
+    if (msg_exist && market != nullptr) {
+      msg = new TraceMessage(level, label, threadId, info, std::move(message));
+      copyToSRC = outputToSRC != 0 && toSRC != nullptr && GSThreadSelfId() == threadId;
+      if (copyToSRC) srcText = msg->message;
+    }
+    label = TraceLabel();
     message.clear();
-    copyToSRC = outputToSRC != 0 && toSRC != nullptr && GSThreadSelfId() == threadId;
-    if (copyToSRC) srcText = msg->message;
+    msg_exist = 0;
+  }
+  if (msg != nullptr) {
     int rc = -1;
     for (int attempt = 0; attempt < kProduceAttempts; ++attempt) {
       rc = market->produce(msg);
@@ -373,12 +381,43 @@ void TraceClient::commit_msg() {
       delete msg;
     }
   }
-  label = TraceLabel();
-  message.clear();
-  msg_exist = 0;
   // Last, with the line already finished: the routine may itself trace, or
   // fail an assertion whose drain commits this client again.
   if (copyToSRC) toSRC(srcText.c_str());
+}
+
+void TraceClient::setInfo(const LineNumberAndFileName& where) {
+  std::lock_guard<std::mutex> hold(lineMu_);
+  info = where;
+}
+
+void TraceClient::setLevel(TraceLevel newLevel) {
+  std::lock_guard<std::mutex> hold(lineMu_);
+  level = newLevel;
+}
+
+TraceLevel TraceClient::getLevel() {
+  std::lock_guard<std::mutex> hold(lineMu_);
+  return level;
+}
+
+void TraceClient::setLabel(const TraceLabel& newLabel) {
+  std::lock_guard<std::mutex> hold(lineMu_);
+  label = newLabel;
+}
+
+void TraceClient::setOutputToSRC(bool on) {
+  std::lock_guard<std::mutex> hold(lineMu_);
+  outputToSRC = on ? 1 : 0;
+}
+
+bool TraceClient::isTraceable() {
+  std::lock_guard<std::mutex> hold(lineMu_);
+  return isTraceableLocked();
+}
+
+bool TraceClient::isTraceableLocked() const {
+  return market != nullptr && (level.level & market->GetGlobalTraceLevel().level) != 0;
 }
 
 // ----------------------------------------------------------- TraceMessage
@@ -625,22 +664,22 @@ TraceClient* TraceStream::getMyClient() {
 }
 
 TraceStream& TraceStream::operator<<(const LineNumberAndFileName& info) {
-  if (TraceClient* c = getMyClient()) c->info = info;
+  if (TraceClient* c = getMyClient()) c->setInfo(info);
   return *this;
 }
 
 TraceStream& TraceStream::operator<<(const TraceLevel& level) {
-  if (TraceClient* c = getMyClient()) c->level = level;
+  if (TraceClient* c = getMyClient()) c->setLevel(level);
   return *this;
 }
 
 TraceStream& TraceStream::operator>>(TraceLevel& level) {
-  if (TraceClient* c = getMyClient()) level = c->level;
+  if (TraceClient* c = getMyClient()) level = c->getLevel();
   return *this;
 }
 
 TraceStream& TraceStream::operator<<(const TraceLabel& label) {
-  if (TraceClient* c = getMyClient()) c->label = label;
+  if (TraceClient* c = getMyClient()) c->setLabel(label);
   return *this;
 }
 
@@ -659,10 +698,7 @@ namespace {
 template <typename T>
 void sendFormatted(TraceStream& stream, const char* format, T value) {
   TraceClient* c = stream.getMyClient();
-  if (c == nullptr || c->market == nullptr ||
-      (c->level.level & c->market->GetGlobalTraceLevel().level) == 0) {
-    return;
-  }
+  if (c == nullptr || !c->isTraceable()) return;
   char buf[32];
   int n = snprintf(buf, sizeof buf, format, value);
   if (n > 0) c->send_msg(buf, static_cast<size_t>(n) < sizeof buf ? static_cast<size_t>(n) : sizeof buf - 1);
@@ -732,11 +768,11 @@ void TraceStream::StartSRCOutput() {
   if (saveSRCTraceLevel.level & TRACE_BLOCK) {
     SetGlobalTraceLevel(TraceLevel(saveSRCTraceLevel.level & ~TRACE_BLOCK));
   }
-  if (TraceClient* c = getMyClient()) c->outputToSRC = 1;
+  if (TraceClient* c = getMyClient()) c->setOutputToSRC(true);
 }
 
 void TraceStream::StopSRCOutput() {
-  if (TraceClient* c = getMyClient()) c->outputToSRC = 0;
+  if (TraceClient* c = getMyClient()) c->setOutputToSRC(false);
   SetGlobalTraceLevel(saveSRCTraceLevel);
 }
 

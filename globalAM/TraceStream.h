@@ -110,8 +110,9 @@ struct LineNumberAndFileName {
 
 // The line assembly of one thread. Made by the thread that traces (thread
 // id 0 means the calling thread), registered with the market for its
-// lifetime. Owned by its thread: only that thread (and drainAllLogs, during
-// process end) touches the line fields, so they carry no lock.
+// lifetime. Its thread assembles the line; drainAllLogs ends it from any
+// thread, so the line fields are read and written under lineMu_.
+// Thread-safe.
 class TraceClient : public velt_gscl_V1::GSObject {
  public:
   TraceClient(TraceMarket* market, unsigned long threadId);
@@ -126,15 +127,34 @@ class TraceClient : public velt_gscl_V1::GSObject {
   // was accepted, and starts the next line with the same level.
   void commit_msg();
 
-  TraceMarket* market;
-  unsigned long threadId;
-  LineNumberAndFileName info;
-  TraceLevel level;
-  TraceLabel label;
-  unsigned short outputToSRC = 0;
-  std::string header;
-  std::string message;
-  int msg_exist = 0;
+  // The line's fields, each under lineMu_.
+  void setInfo(const LineNumberAndFileName& where);
+  void setLevel(TraceLevel newLevel);
+  TraceLevel getLevel();
+  void setLabel(const TraceLabel& newLabel);
+  void setOutputToSRC(bool on);
+  // Text sent now would be kept: the current level shares a bit with the
+  // global level.
+  bool isTraceable();
+
+  TraceMarket* const market;
+  const unsigned long threadId;
+  LineNumberAndFileName info;      // GUARDED_BY(lineMu_)
+  TraceLevel level;                // GUARDED_BY(lineMu_)
+  TraceLabel label;                // GUARDED_BY(lineMu_)
+  unsigned short outputToSRC = 0;  // GUARDED_BY(lineMu_)
+  std::string header;              // GUARDED_BY(lineMu_)
+  std::string message;             // GUARDED_BY(lineMu_)
+  int msg_exist = 0;               // GUARDED_BY(lineMu_)
+
+ private:
+  // Requires: lineMu_ held.
+  bool isTraceableLocked() const;
+
+  // Held for a moment by each step of the line; nothing else is locked
+  // under it, and the line is queued and copied to the SRC reply only
+  // after it is let go (either may trace again).
+  std::mutex lineMu_;
 };
 
 // One finished line on its way to the writer. Made by the tracing thread,
@@ -161,7 +181,8 @@ class TraceMessage : public velt_gscl_V1::GSObject {
 // which the drain that follows must still find. Lines queued while stopped
 // are kept in order behind the older ones and handed out by consume/drain.
 //
-// Lock order: clientLocker, then serverLocker, then the log-file lock.
+// Lock order: clientLocker, then serverLocker, then the log-file lock. A
+// client's lineMu_ may be taken under clientLocker and takes nothing else.
 class TraceMarket : public velt_gscl_V1::GSMarket {
  public:
   TraceMarket();

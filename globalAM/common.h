@@ -29,7 +29,13 @@ extern uint16_t myNodeNumber;
 extern uint16_t myNodeIncarnation;
 extern int WAIT_PENDING_DELAYED_DOWN_USECS;
 extern int gs_initial_debug_level;
+// Written by the dispatch thread when group services announce the
+// version, read by the client sessions and every table update: outside
+// single-threaded start-up and tests, use the two functions below, which
+// take its lock.
 extern tk_gs_velt_version_t veltActiveVersion;
+tk_gs_velt_version_t getVeltActiveVersion();
+void setVeltActiveVersion(const tk_gs_velt_version_t& version);
 extern TraceMarket* traceMarket;
 extern TraceServer* traceServer;
 extern AMSigThread* amSigThread;

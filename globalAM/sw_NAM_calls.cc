@@ -40,7 +40,7 @@ int compareVELTVersions(uint32_t a, uint32_t b, int /*flag*/) {
 }
 
 bool isVELTNAMInterfaceSupported() {
-  if (compareVELTVersions(veltActiveVersion.quick_version, kFirstNAMVersion, 0) >= 0) return true;
+  if (compareVELTVersions(getVeltActiveVersion().quick_version, kFirstNAMVersion, 0) >= 0) return true;
   AMtracef(AM_TRACEF_DEBUG, "in accumulate_VELTNAM_table_change(), VELT-NAM interface is not supported.\n");
   return false;
 }

@@ -45,6 +45,7 @@ int gs_connect_retry_secs = 5;
 
 namespace {
 
+std::mutex veltActiveVersionLock;  // guards veltActiveVersion
 std::mutex exit_lock;
 int already_exiting = 0;  // guarded by exit_lock
 
@@ -72,6 +73,16 @@ void logLocaleInformation() {
 }
 
 }  // namespace
+
+tk_gs_velt_version_t getVeltActiveVersion() {
+  std::lock_guard<std::mutex> hold(veltActiveVersionLock);
+  return veltActiveVersion;
+}
+
+void setVeltActiveVersion(const tk_gs_velt_version_t& version) {
+  std::lock_guard<std::mutex> hold(veltActiveVersionLock);
+  veltActiveVersion = version;
+}
 
 // Retries the group services connection every few seconds until it works
 // or a stop request comes; SRC requests are served while it waits.
@@ -368,6 +379,9 @@ int tolkbrel_main(int argc, char** argv) {
   umask(savedMask);
   if (logFile) redirectCout(logSize, logFile);
 
+  // Blocked before the handlers are set, so that from here on the signal
+  // thread alone takes the asynchronous signals, SIGTERM included.
+  block_thread_allsig_except_syncsig();
   set_fulldump_signals(0);
   set_handled_signals(SIGTERM, handle_signals);
   amSigThread = new AMSigThread();
@@ -378,7 +392,6 @@ int tolkbrel_main(int argc, char** argv) {
     ExitTheProcess(3, "Unable to set signal handler");
   }
 
-  block_thread_allsig_except_syncsig();
   TopOfTheLog();
   char startText[1024];
   if (logFile) {
@@ -411,7 +424,9 @@ int tolkbrel_main(int argc, char** argv) {
   if (AMController::domainType == kCLUSTER) ctl->startAMCfgMonitor();
   if (AMController::propagator) AMController::propagator->start(nullptr);
   AM_TRACE(TRACE_FYI) << "TOLKVASK is now ready to roll. " << endl;
-  ctl->get_velt_active_version(&veltActiveVersion);
+  tk_gs_velt_version_t active;
+  ctl->get_velt_active_version(&active);
+  setVeltActiveVersion(active);
 
   if (AMController::domainType == kCLUSTER) {
     AM_TRACE(TRACE_FYI) << "namServer started." << endl;

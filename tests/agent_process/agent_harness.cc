@@ -24,7 +24,6 @@
 #include <gtest/gtest.h>
 
 #include "frame_io.h"
-#include "sanitized.h"
 
 namespace velt_test {
 
@@ -264,11 +263,10 @@ long AgentProcess::residentKb() const {
   return 0;
 }
 
-CommandResult AgentProcess::veltctl(const std::vector<std::string>& args) {
+CommandResult AgentProcess::veltctl(const std::vector<std::string>& args, int timeoutMs) {
   std::vector<std::string> argv = {veltctlPath(), "--socket", socket_};
   for (const std::string& a : args) argv.push_back(a);
-  // A sanitized veltctl takes many times longer over a large answer.
-  return runCommand(argv, {}, kPromptMs * (velt_test::kSanitized ? 12 : 2));
+  return runCommand(argv, {}, timeoutMs);
 }
 
 // ----------------------------------------------------------------- client

@@ -86,8 +86,8 @@ class AgentProcess {
   // Resident memory of the process in KiB (0 when unknown).
   long residentKb() const;
 
-  // veltctl --socket S args...
-  CommandResult veltctl(const std::vector<std::string>& args);
+  // veltctl --socket S args..., ended after timeoutMs.
+  CommandResult veltctl(const std::vector<std::string>& args, int timeoutMs = kPromptMs * 2);
 
  private:
   std::string dir_;

@@ -96,7 +96,7 @@ TEST_F(KorRegistration, TheFiveEventsAreRegisteredInOrder) {
 
 TEST_F(KorRegistration, WithoutASessionNothingIsRegistered) {
   EXPECT_EQ(-1, monitor_->registerPNNIEvents());
-  mc_reg_id_t id = MC_REG_ID_NONE;
+  std::atomic<mc_reg_id_t> id{MC_REG_ID_NONE};
   EXPECT_EQ(-1, monitor_->register_kor_class_event(id, 0, KOR_CLASS_PEER_NODE, KOR_EVENT_DEFINED, nullptr, 0,
                                                    &AMCfgMonitor::PNClsEventCB));
   EXPECT_TRUE(fake_mc::registrationsForTesting().empty());

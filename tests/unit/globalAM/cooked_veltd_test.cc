@@ -139,6 +139,9 @@ TEST_F(CookedAgainstVeltd, OnABackLevelClusterSxnMembershipAloneRestartsTheDaemo
   EXPECT_EXIT(
       {
         if (!startVeltd({"--claim-version", "2.4.0.0"})) _exit(90);
+        // Detached like the daemon's dispatch thread: the restart ends the
+        // process without joining it.
+        dispatcher_.detach();
         AMCookedProvider p(mediator_, "sxnMembership", 0, 0, "sxn0", 0, 0);
         if (!joined(p)) _exit(91);
         p.LeaveOrGoodbyeGroup();

@@ -292,6 +292,18 @@ class PropagatorProtocol : public ::testing::Test {
     EXPECT_EQ(0x10u, v.CfgId1);
   }
 
+  // The dispatcher thread harvests, and reads the domain type, when the
+  // agent's version notification arrives, which outside the cluster domain
+  // type marks the table harvested. A test that changes the domain type
+  // waits for this first.
+  void waitForVersionHarvest() {
+    AMGlobalAdapterTable* table = AMController::pGAdapterCfgTbl;
+    ASSERT_TRUE(waitUntil([table] {
+      GSReadGuard hold(*table);
+      return table->isHarvested() != 0;
+    })) << "the agent's version notification never came";
+  }
+
   // Runs srcctl with args against this process's SRC socket, serving the
   // request on this thread as the main loop would; returns its output.
   std::string srcctl(const std::vector<std::string>& args) {
@@ -650,14 +662,10 @@ TEST_F(PropagatorProtocol, StatusShowsTheCurrentIdAndARunningRefreshChild) {
 }
 
 TEST_F(PropagatorProtocol, ClusterDomainWaitsForTheInitialHarvestBeforeJoining) {
-  // The dispatcher thread harvests when the agent's version notification
-  // arrives, which outside the cluster domain type marks the table
-  // harvested: wait for it, then start from a table never harvested.
+  // Once the dispatcher thread's harvest is done, start from a table never
+  // harvested.
+  ASSERT_NO_FATAL_FAILURE(waitForVersionHarvest());
   AMGlobalAdapterTable* table = AMController::pGAdapterCfgTbl;
-  ASSERT_TRUE(waitUntil([table] {
-    GSReadGuard hold(*table);
-    return table->isHarvested() != 0;
-  })) << "the agent's version notification never came";
   AMController::domainType = kCLUSTER;
   table->forgetHarvestForTesting();
   // KOR does not answer yet: no harvest can succeed.
@@ -750,6 +758,7 @@ TEST_F(PropagatorProtocol, HarvestRequestDelayedByAnErrorIsSentThreeSecondsLater
 // batch of KOR events ends in one more. The monitor is woken each time and
 // asks the propagator whether this node leads.
 TEST_F(PropagatorProtocol, KorHarvestsGoThroughTheMonitorOnLeadershipRequestsAndBatches) {
+  ASSERT_NO_FATAL_FAILURE(waitForVersionHarvest());
   AMController::domainType = kCLUSTER;
   fake_mc::resetForTesting();
   fake_mc::Resource node;
@@ -766,9 +775,7 @@ TEST_F(PropagatorProtocol, KorHarvestsGoThroughTheMonitorOnLeadershipRequestsAnd
   EXPECT_EQ(0, prop_->isGL());
 
   // What the monitor's initial harvests do: afterwards the propagator may
-  // join. The dispatcher thread harvests the interfaces too when the
-  // agent's version notification arrives, which may be just now, so the
-  // table is checked rather than the count of changes of one harvest.
+  // join.
   ASSERT_GE(ctl_->harvestGblPeerNodes(), 0);
   ASSERT_GE(ctl_->harvestGblNetworkInterfaces(), 0);
   EXPECT_EQ(3, getNodeNumFromNodeId(0x3333));
