@@ -47,14 +47,18 @@
 #include <vector>
 
 #include "bench_process.h"
+#include "gs_bench_client.h"
 #include "gs_client.h"
 #include "gs_controller.h"
 
 using namespace velt_gscl_V1;
+using bench::BenchProvider;
+using bench::Clock;
+using bench::Events;
+using bench::micros;
+using bench::percentile;
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 // How much work one run does. Plain data.
 struct Counts {
@@ -71,222 +75,13 @@ constexpr int kChangeGroupSizes[] = {2, 8};
 
 // veltd creates its socket within moments; this bounds a start that hangs.
 constexpr std::chrono::seconds kAgentStartBound{10};
-// The whole joins/s phase (hundreds of joins) and one round trip. Only a
-// broken agent or a badly overloaded machine reaches them.
+// The whole joins/s phase (hundreds of joins). Only a broken agent or a
+// badly overloaded machine reaches it.
 constexpr std::chrono::seconds kPhaseBound{60};
-constexpr std::chrono::seconds kRoundTripBound{10};
 // A state value change whose votes are missing ends after this many
 // seconds with the default vote; the round trip bound catches that first.
 constexpr int kChangeTimeLimitSeconds = 30;
 constexpr std::chrono::seconds kAgentStopBound{5};
-constexpr int kInterfaceWord = 0x30014;
-
-double micros(Clock::duration d) { return std::chrono::duration<double, std::micro>(d).count(); }
-
-// Nearest-rank percentile of sorted samples (q in (0, 1]).
-double percentile(const std::vector<double>& sorted, double q) {
-  size_t rank = static_cast<size_t>(std::ceil(q * static_cast<double>(sorted.size())));
-  return sorted[std::max<size_t>(rank, 1) - 1];
-}
-
-// What happened on the dispatch and voter threads, for the measuring
-// thread to wait on. Every kind of event is counted with the time of its
-// latest occurrence; a failure wakes every waiter. Thread-safe.
-class Events {
- public:
-  enum Kind { kOwnJoin, kChangeApproved, kInitiatorChange, kVoteCast, kKinds };
-
-  void note(Kind k, Clock::time_point at) {
-    std::lock_guard<std::mutex> lk(mu_);
-    ++count_[k];
-    last_[k] = at;
-    cv_.notify_all();
-  }
-  // The first failure is kept; later ones are usually its consequences.
-  void fail(const std::string& why) {
-    std::lock_guard<std::mutex> lk(mu_);
-    if (failure_.empty()) failure_ = why;
-    cv_.notify_all();
-  }
-  std::string failure() const {
-    std::lock_guard<std::mutex> lk(mu_);
-    return failure_;
-  }
-  uint64_t count(Kind k) const {
-    std::lock_guard<std::mutex> lk(mu_);
-    return count_[k];
-  }
-  // Waits until k has been noted target times in all. False when the bound
-  // passed or something failed; *lastAt gets the time of the latest k.
-  bool waitFor(Kind k, uint64_t target, Clock::duration bound, Clock::time_point* lastAt = nullptr) {
-    std::unique_lock<std::mutex> lk(mu_);
-    bool reached = cv_.wait_for(lk, bound, [&] { return count_[k] >= target || !failure_.empty(); });
-    if (!reached || !failure_.empty()) return false;
-    if (lastAt != nullptr) *lastAt = last_[k];
-    return true;
-  }
-
-  // The join protocols that carried our joins (batching shows as fewer
-  // protocols than joins). Bounded by the number of joins.
-  void noteJoinProtocol(const std::string& group, uint64_t protocol) {
-    std::lock_guard<std::mutex> lk(mu_);
-    joinProtocols_.insert({group, protocol});
-  }
-  size_t joinProtocols() const {
-    std::lock_guard<std::mutex> lk(mu_);
-    return joinProtocols_.size();
-  }
-  void clearJoinProtocols() {
-    std::lock_guard<std::mutex> lk(mu_);
-    joinProtocols_.clear();
-  }
-
-  // The value the running state value change proposes.
-  void expectValue(const std::string& v) {
-    std::lock_guard<std::mutex> lk(mu_);
-    expectedValue_ = v;
-  }
-  bool isExpectedValue(const std::string& v) const {
-    std::lock_guard<std::mutex> lk(mu_);
-    return v == expectedValue_;
-  }
-
-  // Approval notifications of any kind dispatched to our providers.
-  std::atomic<uint64_t> approvals{0};
-
- private:
-  mutable std::mutex mu_;
-  std::condition_variable cv_;
-  uint64_t count_[kKinds] = {};                       // GUARDED_BY(mu_)
-  Clock::time_point last_[kKinds];                    // GUARDED_BY(mu_)
-  std::string failure_;                               // GUARDED_BY(mu_)
-  std::set<std::pair<std::string, uint64_t>> joinProtocols_;   // GUARDED_BY(mu_)
-  std::string expectedValue_;                         // GUARDED_BY(mu_)
-};
-
-std::string textOf(const tk_gs_state_value_t* v) {
-  if (v == nullptr || v->gs_state == nullptr || v->gs_length <= 0) return std::string();
-  return std::string(v->gs_state, static_cast<size_t>(v->gs_length));
-}
-
-// A provider that reports its approvals to Events and, once voting is
-// started, approves every n-phase state value change from a voter thread
-// of its own. Thread-safe like GSProvider; callbacks on the dispatch
-// thread, votes on the voter thread.
-class BenchProvider : public GSProvider {
- public:
-  BenchProvider(const std::string& group, int instance, Events* events, bool initiator = false)
-      : GSProvider(group.c_str(), instance, "gs_bench"), events_(events), initiator_(initiator) {}
-
-  ~BenchProvider() override {
-    // No callback may start while the voter and its queue go.
-    unregister();
-    {
-      std::lock_guard<std::mutex> lk(voterMu_);
-      stopVoter_ = true;
-      voterCv_.notify_all();
-    }
-    if (voter_.joinable()) voter_.join();
-  }
-
-  void startVoting() {
-    std::lock_guard<std::mutex> lk(voterMu_);
-    if (!voter_.joinable()) voter_ = std::thread([this] { voteLoop(); });
-  }
-
-  tk_gs_callback_rc_t approvedCb(const tk_gs_approved_notification_t* n) override {
-    Clock::time_point at = Clock::now();
-    events_->approvals.fetch_add(1, std::memory_order_relaxed);
-    const tk_gs_proposal_t* p = n->gs_proposal;
-    if (n->gs_protocol_type == TK_GS_JOIN && p != nullptr && isMine(p->gs_changing_providers)) {
-      events_->noteJoinProtocol(n->gs_group_name, n->gs_protocol_number);
-      events_->note(Events::kOwnJoin, at);
-    } else if (n->gs_protocol_type == TK_GS_CHANGE_STATE_VALUE) {
-      std::string value = textOf(p != nullptr ? p->gs_proposed_state_value : nullptr);
-      if (!events_->isExpectedValue(value)) {
-        events_->fail(std::string(getTraceIdStr()) + " got the approval of the state value \"" + value +
-                      "\", which no one proposed now");
-        return TK_GS_CALLBACK_OK;
-      }
-      if (initiator_) events_->note(Events::kInitiatorChange, at);
-      events_->note(Events::kChangeApproved, at);
-    }
-    return TK_GS_CALLBACK_OK;
-  }
-
-  tk_gs_callback_rc_t nPhaseCb(const tk_gs_n_phase_notification_t* n) override {
-    std::lock_guard<std::mutex> lk(voterMu_);
-    if (!voter_.joinable() || n->gs_protocol_type != TK_GS_CHANGE_STATE_VALUE) {
-      events_->fail(std::string(getTraceIdStr()) + " was asked to vote on " + gscl_request_name(n->gs_protocol_type) +
-                    ", which this benchmark never starts");
-      return TK_GS_CALLBACK_OK;
-    }
-    ++votesOwed_;
-    voterCv_.notify_all();
-    return TK_GS_CALLBACK_OK;
-  }
-
-  tk_gs_callback_rc_t rejectedCb(const tk_gs_rejected_notification_t* n) override {
-    events_->fail(std::string(getTraceIdStr()) + ": " + gscl_request_name(n->gs_protocol_type) +
-                  " was rejected (summary " + gscl_summary_code_names(n->gs_summary_code) + ")");
-    return TK_GS_CALLBACK_OK;
-  }
-
-  tk_gs_callback_rc_t delayedErrorCb(const tk_gs_delayed_error_notification_t* n) override {
-    events_->fail(std::string(getTraceIdStr()) + ": " + gscl_request_name(n->gs_request_type) +
-                  " failed later with " + gscl_rc_name(n->gs_delayed_return_code));
-    return TK_GS_CALLBACK_OK;
-  }
-
-  tk_gs_callback_rc_t announcementCb(const tk_gs_announcement_notification_t* n) override {
-    if ((n->gs_summary_code & TK_GS_GROUP_SERVICES_HAS_DIED) != 0) {
-      events_->fail("the connection to veltd was lost");
-    } else {
-      events_->fail(std::string(getTraceIdStr()) + ": unexpected announcement " +
-                    gscl_summary_code_names(n->gs_summary_code));
-    }
-    return TK_GS_CALLBACK_OK;
-  }
-
- private:
-  bool isMine(const tk_gs_membership_t* m) const {
-    if (m == nullptr) return false;
-    uint32_t me = getProviderId().gs_provider_id;
-    for (unsigned int i = 0; i < m->gs_count; ++i) {
-      if (m->gs_providers[i].gs_provider_id == me) return true;
-    }
-    return false;
-  }
-
-  void voteLoop() {
-    std::unique_lock<std::mutex> lk(voterMu_);
-    while (true) {
-      // The owner always sets stopVoter_ before it joins this thread; the
-      // bound only keeps the wait from being open-ended.
-      voterCv_.wait_for(lk, std::chrono::seconds(1), [this] { return stopVoter_ || votesOwed_ > 0; });
-      if (stopVoter_) return;
-      if (votesOwed_ == 0) continue;
-      --votesOwed_;
-      lk.unlock();
-      tk_gs_rc_t rc = vote(TK_GS_VOTE_APPROVE, nullptr, nullptr, TK_GS_NO_VOTE);
-      if (rc == TK_GS_OK) {
-        events_->note(Events::kVoteCast, Clock::now());
-      } else {
-        events_->fail(std::string(getTraceIdStr()) + ": vote returned " + gscl_rc_name(rc));
-      }
-      lk.lock();
-    }
-  }
-
-  Events* const events_;
-  const bool initiator_;
-
-  std::mutex voterMu_;
-  std::condition_variable voterCv_;
-  std::thread voter_;          // GUARDED_BY(voterMu_) while started; joined by the destructor
-  int votesOwed_ = 0;          // GUARDED_BY(voterMu_)
-  bool stopVoter_ = false;     // GUARDED_BY(voterMu_)
-};
 
 // The veltd this benchmark runs against: a child process with its socket,
 // state and log in a private directory, which goes again with this object.
@@ -363,8 +158,6 @@ class AgentProcess {
 
 double seconds(const struct timeval& tv) { return static_cast<double>(tv.tv_sec) + tv.tv_usec / 1e6; }
 
-void traceToStderr(int, char* text) { fprintf(stderr, "%s\n", text); }
-
 // One figure of the table. Plain data.
 struct Row {
   std::string what;
@@ -384,11 +177,7 @@ std::string formatMs(double us) {
 // dispatch thread it starts runs the providers' callbacks.
 class GsBench {
  public:
-  explicit GsBench(const Counts& counts) : counts_(counts), controller_(kInterfaceWord) {}
-  ~GsBench() {
-    controller_.quit();
-    if (dispatcher_.joinable()) dispatcher_.join();
-  }
+  explicit GsBench(const Counts& counts) : counts_(counts), client_("gs_bench"), events_(client_.events()) {}
 
   // 0 when every figure was measured, 1 otherwise (the reason on stderr).
   int run() {
@@ -405,8 +194,7 @@ class GsBench {
       if (!measureStateChange(size, &rows)) return failed();
     }
     // The agent's processor time is known once it has been waited for.
-    controller_.quit();
-    if (dispatcher_.joinable()) dispatcher_.join();
+    client_.stop();
     agent_.stop();
     printTable(rows);
     return 0;
@@ -418,80 +206,25 @@ class GsBench {
       *why = std::string("cannot set VELT_AGENT_SOCKET: ") + strerror(errno);
       return false;
     }
-    auto until = Clock::now() + kAgentStartBound;
-    tk_gs_rc_t rc;
-    while (true) {
-      rc = controller_.initialize();
-      if (rc == TK_GS_OK) break;
-      controller_.quit();
-      std::string how;
-      if (agent_.hasEnded(&how)) {
-        *why = how + " before it answered on " + agent_.socketPath();
-        return false;
-      }
-      if (rc != TK_GS_NOT_CONNECTED) {
-        *why = std::string("initialize returned ") + gscl_rc_name(rc);
-        return false;
-      }
-      if (Clock::now() >= until) {
-        *why = "veltd did not answer on " + agent_.socketPath() + " within " +
-               std::to_string(kAgentStartBound.count()) + " s";
-        return false;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    if (client_.connect(kAgentStartBound, [this](std::string* how) { return agent_.hasEnded(how); }, why)) {
+      return true;
     }
-    // The library's own diagnostics from here on: the refused attempts
-    // while veltd was starting are expected and not worth a line.
-    GSSetTraceRtn(traceToStderr);
-    dispatcher_ = std::thread([this] {
-      tk_gs_rc_t d;
-      while ((d = controller_.dispatch(TK_GS_BLOCKING)) == TK_GS_OK) {
-      }
-      if (d == TK_GS_GS_HAS_DIED) events_.fail("the connection to veltd was lost");
-    });
-    return true;
+    *why += " (" + agent_.socketPath() + ")";
+    return false;
   }
 
   int failed() {
-    std::string why = events_.failure();
-    if (why.empty()) why = step_;
+    std::string why = client_.failure();
     std::string how;
     if (agent_.hasEnded(&how)) why += "; " + how;
     fprintf(stderr, "gs_bench: %s\n", why.c_str());
     return 1;
   }
 
-  // Records why the current step failed (unless a callback already said).
-  bool fail(const std::string& why) {
-    step_ = why;
-    return false;
-  }
-
-  // Joins one provider and waits for its own approval.
-  bool joinAndWait(BenchProvider* p, Clock::time_point* approvedAt = nullptr) {
-    uint64_t target = events_.count(Events::kOwnJoin) + 1;
-    tk_gs_rc_t rc = p->joinGroup();
-    if (rc != TK_GS_OK) return fail(std::string(p->getTraceIdStr()) + ": join returned " + gscl_rc_name(rc));
-    if (!events_.waitFor(Events::kOwnJoin, target, kRoundTripBound, approvedAt)) {
-      return fail(std::string(p->getTraceIdStr()) + ": no approval of its join within " +
-                  std::to_string(kRoundTripBound.count()) + " s");
-    }
-    return true;
-  }
-
-  bool goodbye(BenchProvider* p) {
-    tk_gs_rc_t rc = p->goodbyeGroup();
-    if (rc != TK_GS_OK) return fail(std::string(p->getTraceIdStr()) + ": goodbye returned " + gscl_rc_name(rc));
-    return true;
-  }
-
-  // Waits until every notification the agent sent so far has been
-  // dispatched: the agent sends in the order it applies requests, so the
-  // approval of a later join comes after all of them.
-  bool drain() {
-    BenchProvider fence("gs_bench.fence", 1, &events_);
-    return joinAndWait(&fence) && goodbye(&fence);
-  }
+  bool fail(const std::string& why) { return client_.fail(why); }
+  bool joinAndWait(BenchProvider* p) { return client_.joinAndWait(p); }
+  bool goodbye(BenchProvider* p) { return client_.goodbye(p); }
+  bool drain() { return client_.drain(); }
 
   // Runs work(i) for i in [0, n) on `threads` threads that start together.
   // Returns the time the threads were released.
@@ -581,20 +314,10 @@ class GsBench {
   }
 
   bool measureJoinRoundTrip(std::vector<Row>* rows) {
-    // The group outlives every cycle, so that each join joins an existing
-    // group with one member to tell.
-    BenchProvider anchor("gs_bench.rtt", 1, &events_);
-    BenchProvider joiner("gs_bench.rtt", 2, &events_);
-    if (!joinAndWait(&anchor)) return false;
+    bench::JoinRoundTrip rtt(&client_, "gs_bench.rtt");
     std::vector<double> samples;
     samples.reserve(static_cast<size_t>(counts_.joinCycles));
-    for (int c = 0; c < counts_.joinCycles; ++c) {
-      Clock::time_point start = Clock::now();
-      Clock::time_point approved;
-      if (!joinAndWait(&joiner, &approved) || !goodbye(&joiner)) return false;
-      samples.push_back(micros(approved - start));
-    }
-    if (!goodbye(&anchor) || !drain()) return false;
+    if (!rtt.start() || !rtt.measure(counts_.joinCycles, &samples) || !rtt.finish()) return false;
     rows->push_back(summarise("join round trip (1 phase)", &samples, ""));
     return true;
   }
@@ -621,19 +344,19 @@ class GsBench {
       tk_gs_rc_t rc = initiator->changeStateValue(&sv, TK_GS_N_PHASE, kChangeTimeLimitSeconds);
       if (rc != TK_GS_OK) return fail("changeStateValue returned " + std::string(gscl_rc_name(rc)));
       Clock::time_point approved;
-      if (!events_.waitFor(Events::kInitiatorChange, initiatorTarget, kRoundTripBound, &approved)) {
+      if (!events_.waitFor(Events::kInitiatorChange, initiatorTarget, bench::kRoundTripBound, &approved)) {
         return fail("the initiator got no approval of state value change " + std::to_string(c) + " within " +
-                    std::to_string(kRoundTripBound.count()) + " s");
+                    std::to_string(bench::kRoundTripBound.count()) + " s");
       }
       samples.push_back(micros(approved - start));
       // The next change starts when every provider has seen this one end.
-      if (!events_.waitFor(Events::kChangeApproved, allTarget, kRoundTripBound)) {
+      if (!events_.waitFor(Events::kChangeApproved, allTarget, bench::kRoundTripBound)) {
         return fail("not every provider got the approval of state value change " + std::to_string(c));
       }
       // Every provider's vote must have been accepted (a vote call may
       // return after the approval it completed was dispatched).
       uint64_t votesTarget = votesBefore + static_cast<uint64_t>(size);
-      if (!events_.waitFor(Events::kVoteCast, votesTarget, kRoundTripBound)) {
+      if (!events_.waitFor(Events::kVoteCast, votesTarget, bench::kRoundTripBound)) {
         uint64_t votes = events_.count(Events::kVoteCast) - votesBefore;
         return fail("state value change " + std::to_string(c) + " was approved, but only " + std::to_string(votes) +
                     " of " + std::to_string(size) + " votes were accepted");
@@ -669,7 +392,7 @@ class GsBench {
     CPU_ZERO(&set);
     int usable = sched_getaffinity(0, sizeof set, &set) == 0 ? CPU_COUNT(&set) : -1;
     long online = sysconf(_SC_NPROCESSORS_ONLN);
-    uint32_t v = controller_.agentVersion();
+    uint32_t v = client_.controller().agentVersion();
     printf("gs_bench: one veltd --standalone (version %u.%u.%u.%u), this process as its only client\n",
            v >> 24, (v >> 16) & 0xff, (v >> 8) & 0xff, v & 0xff);
     struct rusage self;
@@ -689,10 +412,8 @@ class GsBench {
 
   const Counts counts_;
   AgentProcess agent_;
-  GSController controller_;
-  Events events_;
-  std::thread dispatcher_;
-  std::string step_ = "a step failed";   // why the current step failed
+  bench::GsBenchClient client_;
+  Events& events_;
 };
 
 const char kUsage[] =
