@@ -43,11 +43,7 @@ const int kMaxFulldump = 8;
 const int sync_signals[] = {SIGILL, SIGTRAP, SIGABRT, SIGFPE, SIGSTKFLT, SIGBUS, SIGSEGV, -1};
 
 // What the signal thread waits for. The repeated entries are harmless.
-// SIGTERM is one of them: the exit it asks for traces, locks and allocates,
-// which only a thread may do, never an asynchronous handler that may have
-// interrupted a thread holding the same locks.
 const int catch_signals[] = {
-    SIGTERM,
     SIGCHLD, SIGINT,  SIGQUIT, SIGALRM, SIGURG,    SIGTSTP, SIGCONT, SIGTTIN,
     SIGTTOU, SIGIO,   SIGXCPU, SIGXFSZ, SIGWINCH,  SIGPWR,  SIGUSR1, SIGUSR2,
     SIGPROF, SIGVTALRM, SIGSEGV, SIGBUS, SIGPIPE,  SIGWINCH, SIGPROF, SIGXCPU,

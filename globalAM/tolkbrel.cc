@@ -379,9 +379,6 @@ int tolkbrel_main(int argc, char** argv) {
   umask(savedMask);
   if (logFile) redirectCout(logSize, logFile);
 
-  // Blocked before the handlers are set, so that from here on the signal
-  // thread alone takes the asynchronous signals, SIGTERM included.
-  block_thread_allsig_except_syncsig();
   set_fulldump_signals(0);
   set_handled_signals(SIGTERM, handle_signals);
   amSigThread = new AMSigThread();
@@ -392,6 +389,7 @@ int tolkbrel_main(int argc, char** argv) {
     ExitTheProcess(3, "Unable to set signal handler");
   }
 
+  block_thread_allsig_except_syncsig();
   TopOfTheLog();
   char startText[1024];
   if (logFile) {
