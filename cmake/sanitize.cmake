@@ -30,6 +30,11 @@ if(VELT_SANITIZER_FLAGS)
   add_library(velt_sanitizer_options OBJECT ${PROJECT_SOURCE_DIR}/tests/sanitizers/sanitizer_options.c)
   target_compile_definitions(velt_sanitizer_options PRIVATE
     VELT_SANITIZER_DIR="${PROJECT_SOURCE_DIR}/tests/sanitizers")
+  # The same for the programs that end the process inside a signal handler
+  # (see sanitizer_options.c).
+  add_library(velt_sanitizer_options_signal_exit OBJECT ${PROJECT_SOURCE_DIR}/tests/sanitizers/sanitizer_options.c)
+  target_compile_definitions(velt_sanitizer_options_signal_exit PRIVATE
+    VELT_SANITIZER_DIR="${PROJECT_SOURCE_DIR}/tests/sanitizers" VELT_SIGNAL_HANDLER_EXITS=1)
 endif()
 
 # Links the runtime options into every executable declared so far (called
@@ -46,7 +51,9 @@ function(velt_link_sanitizer_options)
     get_property(targets DIRECTORY ${dir} PROPERTY BUILDSYSTEM_TARGETS)
     foreach(target IN LISTS targets)
       get_target_property(type ${target} TYPE)
-      if(type STREQUAL "EXECUTABLE")
+      if(target STREQUAL "tolkvaskd")
+        target_sources(${target} PRIVATE $<TARGET_OBJECTS:velt_sanitizer_options_signal_exit>)
+      elseif(type STREQUAL "EXECUTABLE")
         target_sources(${target} PRIVATE $<TARGET_OBJECTS:velt_sanitizer_options>)
       endif()
     endforeach()
