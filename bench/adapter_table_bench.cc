@@ -112,7 +112,7 @@ class CountingClient : public NAMClient {
 constexpr double kStepTargetMs = 150;
 
 void report(const char* step, double ms, const char* what, double targetMs = kStepTargetMs) {
-  printf("%-8s %9.1f ms  target %4.0f ms: %-6s  %s\n", step, ms, targetMs, bench::verdict(ms < targetMs), what);
+  bench::printStep(step, ms, targetMs, what);
 }
 
 }  // namespace

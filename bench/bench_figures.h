@@ -31,6 +31,16 @@ inline Spread spreadOf(std::vector<double> ms) {
 
 inline const char* verdict(bool met) { return met ? "met" : "MISSED"; }
 
+// One timed step of a single-round benchmark: its time, its target beside
+// it with the verdict (none when targetMs is 0), and what the step did.
+inline void printStep(const char* step, double ms, double targetMs, const char* what) {
+  if (targetMs > 0) {
+    printf("%-8s %9.1f ms  target %4.0f ms: %-6s  %s\n", step, ms, targetMs, verdict(ms < targetMs), what);
+  } else {
+    printf("%-8s %9.1f ms  %-22s  %s\n", step, ms, "", what);
+  }
+}
+
 // A whole decimal number from lo to hi; false for anything else.
 inline bool numberArg(const char* text, int lo, int hi, int* out) {
   char* end = nullptr;

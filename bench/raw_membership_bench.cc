@@ -110,11 +110,7 @@ constexpr double kStepTargetMs = 150;
 constexpr double kFullTargetMs = 200;
 
 void report(const char* step, double ms, const char* what, double targetMs = kStepTargetMs) {
-  if (targetMs > 0) {
-    printf("%-8s %9.1f ms  target %4.0f ms: %-6s  %s\n", step, ms, targetMs, bench::verdict(ms < targetMs), what);
-  } else {
-    printf("%-8s %9.1f ms  %-22s  %s\n", step, ms, "", what);
-  }
+  bench::printStep(step, ms, targetMs, what);
 }
 
 }  // namespace
