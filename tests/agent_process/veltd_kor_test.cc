@@ -411,6 +411,24 @@ class VeltdKorClient : public VeltdKor {
     ASSERT_EQ(MC_OK, mc_start_session(nullptr, MC_SESSION_OPTS_NONE, MC_SESSION_MODE_FULL,
                                       &session_));
     ASSERT_NE(0u, session_);
+    // The agent announces its own node through its replica a moment after
+    // it starts serving; what the tests register comes after that.
+    ASSERT_TRUE(waitForOwnNode()) << agent_.log();
+  }
+  bool waitForOwnNode() {
+    int64_t end = nowMs() + kPromptMs;
+    do {
+      mc_query_rsp_t* rsp = nullptr;
+      uint32_t count = 0;
+      bool found = false;
+      if (mc_query_p_select_bp(session_, &rsp, &count, KOR_CLASS_PEER_NODE, nullptr, nullptr, 0) == MC_OK) {
+        for (uint32_t i = 0; i < count; ++i) found = found || std::string(rsp[i].rsrc_handle) == "node/1";
+      }
+      mc_free_response(rsp);
+      if (found) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    } while (nowMs() < end);
+    return false;
   }
   // Registers what the daemon registers: the class events of both classes
   // and the interfaces' ConfigChanged with their attributes.
