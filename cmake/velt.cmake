@@ -24,7 +24,7 @@ function(velt_test_pch)
   add_executable(velt_test_pch ${PROJECT_BINARY_DIR}/velt_test_pch.cc)
   target_link_libraries(velt_test_pch PRIVATE GTest::gtest Threads::Threads)
   # Some libraries the tests link ask for -pthread; so do all tests.
-  target_compile_options(velt_test_pch PRIVATE -pthread ${VELT_TEST_COMPILE_OPTIONS} ${VELT_TEST_UNITY_OPTIONS})
+  target_compile_options(velt_test_pch PRIVATE -pthread ${VELT_TEST_COMPILE_OPTIONS})
   target_precompile_headers(velt_test_pch PRIVATE
     <gtest/gtest.h> <algorithm> <atomic> <chrono> <functional> <map> <memory> <mutex>
     <set> <string> <thread> <vector>)
@@ -33,14 +33,9 @@ endfunction()
 # A test executable's sources can be compiled as one (a unity build): the
 # headers they share, GoogleTest's above all, are then compiled once per
 # executable. Quicker from scratch, slower to rebuild after a change of one
-# test; the sanitizer builds and CI's build from scratch use it. g++ warns
-# there of test fixtures in anonymous namespaces (-Wsubobject-linkage): in
-# one translation unit that is what they are meant to be, so the warning is
-# off in those builds.
+# test; the sanitizer builds (clang) use it. g++ warns there of test fixtures
+# in anonymous namespaces (-Wsubobject-linkage), so its builds do not.
 option(VELT_UNITY_TESTS "Compile each test executable's sources together" OFF)
-if(VELT_UNITY_TESTS AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-  list(APPEND VELT_TEST_UNITY_OPTIONS -Wno-subobject-linkage)
-endif()
 
 # In the ordinary optimised build (RelWithDebInfo, no sanitizer) the test
 # sources are compiled with -O1 and line tables only: GoogleTest's macros
@@ -61,7 +56,7 @@ function(velt_test name)
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gtest GTest::gtest_main Threads::Threads)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests/sanitizers)
-  target_compile_options(${name} PRIVATE ${VELT_TEST_COMPILE_OPTIONS} ${VELT_TEST_UNITY_OPTIONS})
+  target_compile_options(${name} PRIVATE ${VELT_TEST_COMPILE_OPTIONS})
   if(VELT_TEST_PCH)
     velt_test_pch()
     target_precompile_headers(${name} REUSE_FROM velt_test_pch)
