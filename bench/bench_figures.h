@@ -1,6 +1,6 @@
 // What the benchmarks share in taking and printing their figures: the
 // spread of a series of rounds, the verdict beside a target, their number
-// options and a process's memory from /proc.
+// options, the machine's load and a process's memory from /proc.
 #ifndef VELT_BENCH_BENCH_FIGURES_H_
 #define VELT_BENCH_BENCH_FIGURES_H_
 
@@ -48,6 +48,20 @@ inline bool numberArg(const char* text, int lo, int hi, int* out) {
   if (end == text || *end != '\0' || v < lo || v > hi) return false;
   *out = static_cast<int>(v);
   return true;
+}
+
+// The machine's three load averages ("0.12 0.34 0.56"), "unknown" when
+// /proc/loadavg cannot be read.
+inline std::string loadAverages() {
+  FILE* f = fopen("/proc/loadavg", "r");
+  if (f == nullptr) return "unknown";
+  double one = 0, five = 0, fifteen = 0;
+  const bool read = fscanf(f, "%lf %lf %lf", &one, &five, &fifteen) == 3;
+  fclose(f);
+  if (!read) return "unknown";
+  char text[64];
+  snprintf(text, sizeof text, "%.2f %.2f %.2f", one, five, fifteen);
+  return text;
 }
 
 // A line of /proc/<pid>/status ("VmHWM") in KiB, pid a number or "self";

@@ -29,6 +29,7 @@
 #include <corosync/corotypes.h>
 #include <corosync/cpg.h>
 
+#include "bench_figures.h"
 #include "gs_bench_client.h"
 
 namespace {
@@ -210,21 +211,6 @@ Spread spreadOf(std::vector<double> v) {
   return Spread{v.front(), percentile(v, 0.5), percentile(v, 0.99), v.back()};
 }
 
-std::string loadAverage() {
-  FILE* f = fopen("/proc/loadavg", "r");
-  if (f == nullptr) return "unknown";
-  char text[128] = {};
-  if (fgets(text, sizeof text, f) == nullptr) text[0] = '\0';
-  fclose(f);
-  std::string s(text);
-  // The three averages only.
-  size_t cut = 0;
-  for (int fields = 0; fields < 3 && cut != std::string::npos; ++fields) {
-    cut = s.find(' ', cut == 0 ? 0 : cut + 1);
-  }
-  return cut == std::string::npos ? s : s.substr(0, cut);
-}
-
 const char kUsage[] =
     "usage: join_bench [--rounds N] [--samples M] [--cpg-bytes B]\n"
     "Inside a cluster node: the one-phase join round trip through this node's\n"
@@ -263,7 +249,7 @@ int run(int rounds, int samples, size_t pingBytes) {
     return 1;
   }
   printf("join_bench: node %u, %d rounds x %d samples of each, CPG message %zu bytes, load %s\n", cpg.node(),
-         rounds, samples, pingBytes, loadAverage().c_str());
+         rounds, samples, pingBytes, bench::loadAverages().c_str());
   printf("%-6s %14s %14s %8s\n", "round", "join median", "cpg median", "ratio");
   fflush(stdout);
 
@@ -313,7 +299,7 @@ int run(int rounds, int samples, size_t pingBytes) {
   printf("ratio of the medians: %.2f   target: <= %.1f   %s\n", ratio, kTargetRatio,
          ratio <= kTargetRatio ? "met" : "MISSED");
   printf("per-round ratio: min %.2f, median %.2f, max %.2f over %d rounds; load %s\n", q.min, q.median, q.max,
-         rounds, loadAverage().c_str());
+         rounds, bench::loadAverages().c_str());
   return 0;
 }
 

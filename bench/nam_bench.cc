@@ -513,17 +513,6 @@ void printMemory(const char* what, double mib, const std::string& note) {
          verdict(mib >= 0 && mib < kMemoryTargetMiB), note.c_str());
 }
 
-std::string loadText() {
-  FILE* f = fopen("/proc/loadavg", "r");
-  if (f == nullptr) return "unknown";
-  char text[128] = {0};
-  if (fgets(text, sizeof text, f) == nullptr) text[0] = '\0';
-  fclose(f);
-  std::string s = text;
-  while (!s.empty() && s.back() == '\n') s.pop_back();
-  return s;
-}
-
 int usage() {
   fprintf(stderr, "usage: nam_bench [--nodes 1..%d] [--clients 1..%d] [--rounds 1..100]\n", kFullNodes,
           kFullClients);
@@ -586,7 +575,7 @@ int runBench(int nodes, int clients, int rounds) {
   printf("client socket: %d nodes x %d adapters = %d on %d networks, %d clients, %d rounds%s\n", nodes,
          kInterfaces, total, kNetworks, clients, rounds,
          nodes == kFullNodes && clients == kFullClients ? "" : " (the targets are for 2048 nodes and 100 clients)");
-  printf("load average at start: %s (%ld processors)\n", loadText().c_str(), sysconf(_SC_NPROCESSORS_ONLN));
+  printf("load average at start: %s (%ld processors)\n", bench::loadAverages().c_str(), sysconf(_SC_NPROCESSORS_ONLN));
   fflush(stdout);
   int failures = 0;
   std::string why;
@@ -802,7 +791,7 @@ int runBench(int nodes, int clients, int rounds) {
   printf("%-30s %8.1f MiB  now (VmRSS)\n", "  daemon side", nowKiB / 1024.0);
   printf("%-30s %8.1f MiB  the largest VmHWM of a client process (not a target)\n", "  client peak",
          clientHwmKiB / 1024.0);
-  printf("load average at the end: %s\n", loadText().c_str());
+  printf("load average at the end: %s\n", bench::loadAverages().c_str());
 
   cleanUp();
   if (failures) printf("FAILED: %d check(s) gave a wrong result\n", failures);

@@ -227,13 +227,9 @@ AMAdapterItem* AMGlobalAdapterTable::getOrNewAdapterItem(int node, int intf_idx)
   const uint32_t key = static_cast<uint32_t>(ofs);
   AMAdapterItem* row = new AMAdapterItem();
   row->nodenumber = node;
-  // A harvest defines rows in ascending key order: there the new key goes
-  // at the end, found without a search.
-  if (pAdapterItemList.empty() || pAdapterItemList.rbegin()->first < key) {
-    pAdapterItemList.emplace_hint(pAdapterItemList.end(), key, row);
-  } else {
-    pAdapterItemList.emplace(key, row);
-  }
+  // A harvest defines rows in ascending key order: the end is then the
+  // place, found without a search (any other key is searched for).
+  pAdapterItemList.emplace_hint(pAdapterItemList.end(), key, row);
   if (key < kIndexedRowKeys) {
     const size_t block = key / MaxAdaptersOnNode;
     if (block >= rowBlocks_.size()) rowBlocks_.resize(block + 1);

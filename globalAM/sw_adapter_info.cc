@@ -16,7 +16,6 @@
 #include <mutex>
 #include <new>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "AMNetIf.h"
@@ -138,7 +137,7 @@ int _idxFromInterfaceName(const char* name) {
   int index;
   {
     std::lock_guard<std::mutex> hold(indexMapMu);
-    auto found = interfaceIndexMap.find(std::string_view(name));
+    auto found = interfaceIndexMap.find(name);
     if (found != interfaceIndexMap.end()) {
       index = found->second;
     } else {

@@ -417,18 +417,12 @@ class VeltdKorClient : public VeltdKor {
   }
   bool waitForOwnNode() {
     int64_t end = nowMs() + kPromptMs;
-    do {
-      mc_query_rsp_t* rsp = nullptr;
-      uint32_t count = 0;
-      bool found = false;
-      if (mc_query_p_select_bp(session_, &rsp, &count, KOR_CLASS_PEER_NODE, nullptr, nullptr, 0) == MC_OK) {
-        for (uint32_t i = 0; i < count; ++i) found = found || std::string(rsp[i].rsrc_handle) == "node/1";
-      }
-      mc_free_response(rsp);
-      if (found) return true;
+    for (;;) {
+      std::vector<std::string> nodes = queryHandles(KOR_CLASS_PEER_NODE, 3);
+      if (std::find(nodes.begin(), nodes.end(), "node/1") != nodes.end()) return true;
+      if (nowMs() >= end) return false;
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    } while (nowMs() < end);
-    return false;
+    }
   }
   // Registers what the daemon registers: the class events of both classes
   // and the interfaces' ConfigChanged with their attributes.
