@@ -1,9 +1,6 @@
 // The worker components the controller owns: the mediators, aggregators,
 // propagator, configuration monitor, client server and client sessions (the
 // adapter table has its own header, AMNetIf.h).
-// Each arrives with its own work; until then the controller keeps an empty
-// place for it (a null pointer or an empty registry), and these interfaces
-// name exactly what the frame asks of them.
 #ifndef VELT_GLOBALAM_AMCOMPONENTS_H_
 #define VELT_GLOBALAM_AMCOMPONENTS_H_
 
@@ -22,12 +19,10 @@ class AMCfgInfo;
 class AMMediator;
 class AMCookedProvider;
 
-class AMAggregator : public GSThread {
- public:
-  virtual void wakeup(int refreshed) = 0;
-  virtual const char* getRepName() const = 0;
-  virtual void set_configuration_has_changed(AMCfgInfo& info) = 0;
-};
+// The aggregators and their clients live in AMAggregator.h, included at
+// the end like the mediator's header.
+class AMAggregator;
+class AMCookedSubscriber;
 
 // The cluster configuration monitor (AMCfgMonitor.h).
 class AMCfgMonitor;
@@ -37,5 +32,6 @@ class AMCfgMonitor;
 #include "NAMServer.h"
 
 #include "AMMediator.h"
+#include "AMAggregator.h"
 
 #endif  // VELT_GLOBALAM_AMCOMPONENTS_H_

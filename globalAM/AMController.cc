@@ -33,6 +33,7 @@ int AMController::has_NAM_LocalView_Adapters = 0;
 namespace {
 
 AMController* theController = nullptr;
+std::atomic<const AMAggregatorSetup*> aggregatorSetupForTesting{nullptr};
 
 // The interface word given to the group services library, passed unchanged.
 constexpr int kGsInterfaceWord = 0x30014;
@@ -40,6 +41,12 @@ constexpr int kGsInterfaceWord = 0x30014;
 }  // namespace
 
 AMController* amController() { return theController; }
+
+void AMController::setAggregatorSetupForTesting(const AMAggregatorSetup* setup) {
+  aggregatorSetupForTesting.store(setup);
+}
+
+const AMAggregatorSetup* AMController::aggregatorSetup() { return aggregatorSetupForTesting.load(); }
 
 AMController::AMController() : GSController(kGsInterfaceWord), AMSRCDriver() {
   TraceBlock tb(TraceLevel(TRACE_BLOCK), "AMController::AMController()");
@@ -73,8 +80,10 @@ AMController::AMController() : GSController(kGsInterfaceWord), AMSRCDriver() {
   pGAdapterCfgTbl->refreshLocalTable(0);
 
   // The first mediator, on the raw group of every adapter; no aggregator
-  // listens to it.
-  AMMediator* mediator = new AMMediator(kAllAdapterMembershipName, nullptr, 0);
+  // listens to it, unless a test build makes one.
+  const AMAggregatorSetup* setup = aggregatorSetup();
+  AMAggregator* aggregator = setup != nullptr && setup->create != nullptr ? setup->create(this) : nullptr;
+  AMMediator* mediator = new AMMediator(kAllAdapterMembershipName, aggregator, 0);
   allAdaptGroup = mediator->getRawSubscriber();
   appendMediator(mediator);
 
@@ -169,9 +178,23 @@ int AMController::isAnyAggregatorRunning() {
   return 0;
 }
 
-// Without the aggregate (ml0) machinery on this node there is nothing to
-// enable; it reports itself here once it exists.
-int AMController::isMultiLinkEnabled() { return 0; }
+int AMController::isMultiLinkEnabled() { return aggregators.count() > 0 ? 1 : 0; }
+
+AMCookedSubscriber* AMController::createAggListener(AMAggregator* agg, int netnum) {
+  if (agg == nullptr) return nullptr;
+  const char* group = GET_SW_MEMBERSHIP_GROUP(netnum);
+  if (group == nullptr) return nullptr;
+  AMCookedProvider* provider = nullptr;
+  AMMediator* mediator = mediators.count() > 0 ? mediators[0] : nullptr;
+  for (int i = 0; mediator != nullptr && i < mediator->getNumOfCookedProviders(); ++i) {
+    AMCookedProvider* p = mediator->getCookedProvider(i);
+    if (p && p->getAttachedNetworkNum() == netnum) {
+      provider = p;
+      break;
+    }
+  }
+  return agg->createListener(netnum, provider, group);
+}
 
 void AMController::startAMCfgMonitor() {
   AM_TRACE(TRACE_FYI) << "startAMCfgMonitor" << endl;

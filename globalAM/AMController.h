@@ -55,8 +55,25 @@ class AMRegistry {
   int allocated_ = 0;
 };
 
+class AMController;
+
+// How a build for tests has aggregators: the shipped daemon creates none and
+// never sets this. create runs in the controller's constructor, before the
+// first mediator exists, and returns the (registered) aggregator that
+// mediator feeds, or null; start runs where start-up starts the workers and
+// starts the aggregators' threads.
+struct AMAggregatorSetup {
+  AMAggregator* (*create)(AMController* ctl);
+  void (*start)(AMController* ctl);
+};
+
 class AMController : public GSController, public AMSRCDriver {
  public:
+  // Installs (null: removes) the aggregator setup of a test build; takes
+  // effect for controllers made afterwards.
+  static void setAggregatorSetupForTesting(const AMAggregatorSetup* setup);
+  static const AMAggregatorSetup* aggregatorSetup();
+
   AMController();
   // Deletes the configuration monitor and the client server it made (the
   // daemon never ends its controller; tests do). Requires: their threads
@@ -81,9 +98,13 @@ class AMController : public GSController, public AMSRCDriver {
   void joinAllAggregators();
   void wakeupAllAggregators(int refreshed);
   int isAnyAggregatorRunning();
-  // Whether ml0 aggregate support is enabled on this node; the aggregators
-  // do nothing without it.
+  // Whether ml0 aggregate support is enabled on this node: 1 when an
+  // aggregator is registered. The aggregators are not stopped, joined or
+  // woken by the controller without it.
   int isMultiLinkEnabled();
+  // Creates agg's listener on the cooked group of network netnum, linked to
+  // the first mediator's provider of that network when there is one.
+  AMCookedSubscriber* createAggListener(AMAggregator* agg, int netnum);
 
   void startAMCfgMonitor();
   void stopAMCfgMonitor();

@@ -90,14 +90,13 @@ const char* AMCookedProvider::getCookedMembershipName() {
 }
 
 AMCookedSubscriber* AMCookedProvider::get_dst_subscriber() {
-  // The aggregator's cooked subscriber of this network; no aggregator is
-  // created on this platform, so there is none to tell.
-  return nullptr;
+  AMAggregator* aggregator = mediator ? mediator->getAggregator() : nullptr;
+  return aggregator ? aggregator->getCookedSubByNetworkID(network_num) : nullptr;
 }
 
 void AMCookedProvider::notifyAndWake() {
-  // get_dst_subscriber() has no subscriber to tell while no aggregator
-  // exists; the mediator is woken either way.
+  AMCookedSubscriber* listener = get_dst_subscriber();
+  if (listener) listener->told_src_provider_updated();
   if (mediator) mediator->wakeup(0);
 }
 

@@ -141,9 +141,11 @@ int AMMediator::getNumOfSXNAllCookedProviders() const {
 
 int AMMediator::changeAttachedNetwork(AMCookedProvider* provider, int netnum) {
   if (provider == nullptr || provider->getAttachedNetworkNum() == netnum) return 0;
-  // Relinking an aggregator's subscriber to this provider needs an
-  // aggregator; none is created on this platform.
-  return provider->changeAttachedNetwork(netnum);
+  int rc = provider->changeAttachedNetwork(netnum);
+  // The aggregator's listener of the new network now follows this provider.
+  AMCookedSubscriber* listener = aggregator ? aggregator->getCookedSubByNetworkID(netnum) : nullptr;
+  if (listener) aggregator->setRelatedProviderForSubscriber(listener, provider);
+  return rc;
 }
 
 // ------------------------------------------------------------ membership
@@ -185,8 +187,9 @@ AMCookedProvider* AMMediator::appendMember(const char* repname) {
     netnum64 = item ? item->networkId64 : 0;
   }
   const bool ib = isIBAdapter(repname) != 0;
-  // An InfiniBand adapter's network number would come from its aggregator's
-  // index of the network's group name; no aggregator is created here.
+  // An InfiniBand adapter's network is the index of its network's group
+  // among the aggregator's listeners.
+  if (ib && aggregator) netnum = aggregator->getNetworkNumIndex(getIBGroupName(netnum64));
   if (!configured || !IsValidNetworkID(netnum)) {
     AM_TRACE(TRACE_ERROR) << "adapter->isConfiged=" << (configured ? 1 : 0)
                           << ",IsValidNetworkID(adapter->networkid)=" << (IsValidNetworkID(netnum) ? 1 : 0)
@@ -225,6 +228,11 @@ AMCookedProvider* AMMediator::appendMember(const char* repname) {
   }
   AM_TRACE(TRACE_FYI) << "AMMediator::appendMember(): netnum=" << netnum << ", group name: "
                       << (group ? group : "") << endl;
+  AMCookedSubscriber* listener = aggregator ? aggregator->getCookedSubByNetworkID(netnum) : nullptr;
+  if (aggregator) {
+    if (ib && listener) listener->setNetworkId64(netnum64);
+    aggregator->setRelatedProviderForSubscriber(listener, p);
+  }
   {
     std::lock_guard<std::mutex> hold(listMu_);
     appendProvider(&cookedProviders, &numOfCookedProviders, &numSlotsOfCookedProviders, p);
@@ -442,9 +450,10 @@ void AMMediator::doCanonicalLongStatus(int /*index*/) {
     GSMembershipList members;
     p->getMembers(&members);
     const bool joined = members.contains(p->getProviderId());
-    // An aggregator's subscriber would show the group from outside; none
-    // exists here, so the group is never "subscribed".
-    const bool subscribed = false;
+    // The aggregator's listener shows the group from outside.
+    AMCookedSubscriber* listener = p->get_dst_subscriber();
+    const bool subscribed = listener != nullptr && listener->getClientState() == GS_IAM_SUBSCRIBED;
+    if (subscribed) listener->getMembers(&members);
     src->inform_printf("Adapter%d: %s\n", i, p->getRepName());
     src->inform_printf("Adapter%d_Device_Exists: %s\n", i, yesNo(p->isDevicePresent()));
     src->inform_printf("Adapter%d_Raw_Group: %s\n", i, raw_membership_name.c_str());
@@ -486,8 +495,13 @@ void AMMediator::doLongStatus(int /*index*/) {
       p->getMembers(&members);
       joined = members.contains(p->getProviderId());
     }
+    // The aggregator's listener of the network, which sees the group from
+    // outside and counts its members when subscribed.
+    AMCookedSubscriber* listener = aggregator ? aggregator->getCookedSubByNetworkID(net) : nullptr;
+    const bool subscribed = listener != nullptr && listener->getClientState() == GS_IAM_SUBSCRIBED;
+    if (subscribed) listener->getMembers(&members);
     const char* dash = getmsg_tk_gs_tolkvaskd(20);
-    if (!joined) {
+    if (!joined && !subscribed) {
       src->inform_printf(getmsg_tk_gs_tolkvaskd(32), group, dash, dash, dash, yesNo(false), yesNo(false),
                          getmsg_tk_gs_tolkvaskd(23));
       continue;
@@ -496,9 +510,14 @@ void AMMediator::doLongStatus(int /*index*/) {
     snprintf(nodes, sizeof nodes, "  %d", numberOfNodes_in_group(members));
     snprintf(gmbrs, sizeof gmbrs, "%d", static_cast<int>(members.count()));
     snprintf(lmbrs, sizeof lmbrs, "%d", numberOfproviders_on_node(members, myNodeNumber));
-    const bool up = listOfAdapter.isUp(myNodeNumber, p->getRepName()) != 0;
-    snprintf(alias, sizeof alias, "%s%s", p->getRepName(), getmsg_tk_gs_tolkvaskd(up ? 24 : 25));
-    src->inform_printf(getmsg_tk_gs_tolkvaskd(32), group, nodes, gmbrs, lmbrs, yesNo(true), yesNo(false), alias);
+    if (p) {
+      const bool up = listOfAdapter.isUp(myNodeNumber, p->getRepName()) != 0;
+      snprintf(alias, sizeof alias, "%s%s", p->getRepName(), getmsg_tk_gs_tolkvaskd(up ? 24 : 25));
+    } else {
+      snprintf(alias, sizeof alias, "%s", getmsg_tk_gs_tolkvaskd(23));
+    }
+    src->inform_printf(getmsg_tk_gs_tolkvaskd(32), group, nodes, gmbrs, lmbrs, yesNo(joined), yesNo(subscribed),
+                       alias);
   }
   src->inform_flush();
 }

@@ -530,11 +530,13 @@ void AMPropagator::statusLines(bool canonical) {
   AMController* ctl = amController();
   if (ctl == nullptr) return;
   auto text = [canonical](int n) { return canonical ? getmsg_tk_gs_tolkvaskd_def(n) : getmsg_tk_gs_tolkvaskd(n); };
-  // The mediators' lines come first (there are no aggregators to add).
+  // The mediators' and aggregators' lines come first.
   if (canonical) {
     doAllMediatorsCanonicalLongStatus();
+    doAllAggregatorsCanonicalLongStatus();
   } else {
     doAllMediatorsLongStatus();
+    doAllAggregatorsLongStatus();
   }
   ctl->inform_printf("%s", text(26));
   pid_t pid = refresh_pid.load();

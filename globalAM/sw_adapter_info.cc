@@ -130,7 +130,13 @@ int isML0Adapter(const char* name) { return beginsWith(name, "ml0") ? 1 : 0; }
 
 int isIBAdapter(const char* name) { return name != nullptr && strstr(name, "ib") != nullptr ? 1 : 0; }
 
-int isML0ForIBSupported() { return 0; }
+namespace {
+std::atomic<bool> ml0ForIBForTesting{false};
+}  // namespace
+
+int isML0ForIBSupported() { return ml0ForIBForTesting.load() ? 1 : 0; }
+
+void setML0ForIBSupportedForTesting(bool supported) { ml0ForIBForTesting.store(supported); }
 
 int _idxFromInterfaceName(const char* name) {
   if (name == nullptr) return -1;

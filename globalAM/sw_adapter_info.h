@@ -40,8 +40,10 @@ extern std::atomic<bool> hasML0OnTheNode;
 int isSwitchAdapter(const char* name);
 int isML0Adapter(const char* name);
 int isIBAdapter(const char* name);
-// ml0 over InfiniBand is switched off: always 0.
+// ml0 over InfiniBand is switched off: always 0 (outside tests that switch
+// it on to reach the InfiniBand rules of the aggregator).
 int isML0ForIBSupported();
+void setML0ForIBSupportedForTesting(bool supported);
 
 // The adapter index of an interface name: 0, 1, 2, ... in the order names
 // are first seen by the process, whatever their digits. -1 for null.

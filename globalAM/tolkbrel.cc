@@ -419,6 +419,10 @@ int tolkbrel_main(int argc, char** argv) {
   AMController::vask_working_state = 1;
   ctl->startAllMediators();
   ctl->startAllAggregators();
+  // Aggregators are started by whoever created them: only a test build
+  // has any.
+  const AMAggregatorSetup* aggregatorSetup = AMController::aggregatorSetup();
+  if (aggregatorSetup != nullptr && aggregatorSetup->start != nullptr) aggregatorSetup->start(ctl);
   if (AMController::domainType == kCLUSTER) ctl->startAMCfgMonitor();
   if (AMController::propagator) AMController::propagator->start(nullptr);
   AM_TRACE(TRACE_FYI) << "TOLKVASK is now ready to roll. " << endl;
