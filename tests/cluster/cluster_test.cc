@@ -1109,6 +1109,66 @@ TEST_F(ClusterDaemons, AfterAPartitionMergesEveryGroupIsBackAndCarriesTheConfigu
   }
 }
 
+// The test build of tolkvaskd that registers the aggregate device ml0 over
+// sxn0 and sxn1 (the shipped daemon registers none), on every node with a
+// configuration that puts every node's two adapters into ml0.
+class ClusterAggregators : public ClusterDaemons {
+ protected:
+  void SetUp() override {
+    setenv("VELT_CLUSTER_DAEMON", "tests/integration/tolkvaskd_aggregators", 1);
+    ClusterDaemons::SetUp();
+  }
+  void TearDown() override {
+    ClusterDaemons::TearDown();
+    unsetenv("VELT_CLUSTER_DAEMON");
+  }
+
+  // The base group the node's aggregator follows, from its canonical status.
+  static std::string aliasGroup(int node) {
+    Result r = inNode(node, {"srcctl", "-s", "tolkvaskd", "request", "999"});
+    std::smatch m;
+    if (r.status != 0 || !std::regex_search(r.out, m, std::regex("AggAdapter0_AliasGroup: (\\S+)\n"))) return "";
+    return m[1];
+  }
+
+  // Every node's ml0Membership holds exactly the nodes of base group, and
+  // every node's aggregator follows that group.
+  void expectMl0Follows(const std::string& base, const std::vector<int>& nodes) {
+    for (int n = 1; n <= kNodes; ++n) {
+      EXPECT_TRUE(waitUntil([&] { return cookedNodes(n, base) == nodes; }, kAgentMs))
+          << "node " << n << " " << base << ": " << join(providers(n, base));
+      // The flip delay (3 s) comes before the alias moves.
+      EXPECT_TRUE(waitUntil([&] { return aliasGroup(n) == base; }, kAgentMs))
+          << "node " << n << " follows " << aliasGroup(n) << ", not " << base;
+      EXPECT_TRUE(waitUntil([&] { return cookedNodes(n, "ml0Membership") == nodes; }, kAgentMs))
+          << "node " << n << " ml0Membership: " << join(providers(n, "ml0Membership")) << " (base group " << base
+          << ": " << join(providers(n, base)) << ")";
+    }
+  }
+};
+
+TEST_F(ClusterAggregators, Ml0MembershipHoldsTheLargestBaseGroupThroughFailAndHeal) {
+  startDaemons();
+  if (HasFatalFailure()) return;
+  // Both cooked groups hold every node: the lower network is the base.
+  expectMl0Follows("sxnMembership", {1, 2, 3});
+  // Node 3 loses sxn0: sxn1Membership is now the largest.
+  ASSERT_EQ(0, cluster({"fail", "3", "sxn0"}).status);
+  expectMl0Follows("sxn1Membership", {1, 2, 3});
+  // Node 2 loses sxn1 as well: two groups of two with different nodes, the
+  // first of them (sxnMembership, nodes 1 and 2) wins and node 3 leaves.
+  ASSERT_EQ(0, cluster({"fail", "2", "sxn1"}).status);
+  expectMl0Follows("sxnMembership", {1, 2});
+  // Healed, every node is back.
+  ASSERT_EQ(0, cluster({"heal", "3", "sxn0"}).status);
+  ASSERT_EQ(0, cluster({"heal", "2", "sxn1"}).status);
+  for (int n = 1; n <= kNodes; ++n) {
+    EXPECT_TRUE(waitUntil([n] { return cookedNodes(n, "ml0Membership") == std::vector<int>({1, 2, 3}); },
+                          kLinkMs + kAgentMs))
+        << "node " << n << " ml0Membership: " << join(providers(n, "ml0Membership"));
+  }
+}
+
 // tolkvaskd on every node in domain type CLUSTER: its adapter table comes
 // from KOR (the nodes and interfaces the agents publish), its liveness from
 // the raw group, with a short down delay.
