@@ -73,7 +73,7 @@ int AMCookedSubscriber::trySubscribeGroup() {
     const uint64_t id64 = isIBenv.load() ? networkId64.load() : 0;
     wanted = table->AdapterConfiguredOnNetwork(networknum, id64) != 0;
   } else if (AMController::domainType == kQUIL && agg_mediator != nullptr) {
-    wanted = agg_mediator->aggConfig().AdapterConfiguredOnNetwork(networknum);
+    wanted = agg_mediator->configuredOnNetwork(networknum);
   }
   if (!wanted) return 3;
   AMtracef(TRACE_FYI, "trySubscribe %s\n", getGroupName());

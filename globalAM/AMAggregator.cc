@@ -28,6 +28,7 @@ constexpr int kUnknownStateWaitSecs = 300;
 // The aggregator waits longer than the other workers before it ends the
 // process itself: its leave may have to wait for group services.
 constexpr int kStopGraceSecs = 60;
+std::atomic<int> stopGraceSecs{kStopGraceSecs};
 constexpr const char* kDefaultPseudoDevice = "/dev/sxnpd0";
 
 std::atomic<const char*> pseudoDevicePath{kDefaultPseudoDevice};
@@ -37,6 +38,8 @@ const char* yesNo(bool b) { return getmsg_tk_gs_tolkvaskd(b ? 7 : 8); }
 bool joinedOrJoining(GSClientState s) { return s == GS_IAM_JOINED || s == GS_IAM_JOINING; }
 
 }  // namespace
+
+void AMAggregator::setStopGraceForTesting(int secs) { stopGraceSecs.store(secs < 0 ? kStopGraceSecs : secs); }
 
 void AMAggregator::setPseudoDevicePathForTesting(const char* path) {
   pseudoDevicePath.store(path != nullptr ? path : kDefaultPseudoDevice);
@@ -49,7 +52,10 @@ AMAggregator::AMAggregator(const char* device, const char* fullDevice, const cha
       full_device_name(fullDevice ? fullDevice : ""),
       agg_mbrship_name(aggGroupName ? aggGroupName : "") {
   traceId_.format("Aggregator[%s]", represent_name.c_str());
-  if (cfg != nullptr) agg_config.CopyFrom(*cfg);
+  if (cfg != nullptr) {
+    std::lock_guard<std::mutex> hold(cfgMu_);
+    agg_config.CopyFrom(*cfg);
+  }
   agg_provider = new AMAggProvider(this, agg_mbrship_name.c_str(), instance);
   agg_subscriber = new AMAggSubscriber(this, agg_mbrship_name.c_str());
   AM_TRACE(TRACE_FYI) << "AMAggregator is created for dev=" << represent_name.c_str()
@@ -193,14 +199,21 @@ const char* AMAggregator::groupNameOf(int i) {
 
 // ------------------------------------------------------------ base group
 
+bool AMAggregator::configuredOnNetwork(int i) {
+  std::lock_guard<std::mutex> hold(cfgMu_);
+  return agg_config.AdapterConfiguredOnNetwork(i);
+}
+
 bool AMAggregator::maskAdmits(int instance, int node) {
+  std::unique_lock<std::mutex> hold(cfgMu_);
   GSBitSet* mask = agg_config.getMask(instance);
-  if (mask == nullptr) {
+  if (mask != nullptr) return node >= 0 && node < static_cast<int>(mask->size()) && mask->test(static_cast<size_t>(node));
+  hold.unlock();
+  {
     AM_TRACE(TRACE_DEBUG) << traceId_.c_str() << "SRCGRP to SXN" << instance << " is not associated with a device"
                           << endl;
-    return false;
   }
-  return node >= 0 && node < static_cast<int>(mask->size()) && mask->test(static_cast<size_t>(node));
+  return false;
 }
 
 bool AMAggregator::maskedNodesOf(int i, std::vector<uint16_t>* nodes) {
@@ -331,9 +344,12 @@ void AMAggregator::stop_monitoring_mlX_state() {
 void AMAggregator::obtainConfiguration() {
   AM_TRACE(TRACE_FYI) << traceId_.c_str() << " Aggregate_Evt_refreshed" << endl;
   AMPropagator* propagator = AMController::propagator;
-  if (propagator == nullptr || !propagator->ObtainAggCfgFor(agg_config, represent_name.c_str())) {
-    agg_config.eraseall();
-    agg_config.setAggName(represent_name.c_str());
+  {
+    std::lock_guard<std::mutex> hold(cfgMu_);
+    if (propagator == nullptr || !propagator->ObtainAggCfgFor(agg_config, represent_name.c_str())) {
+      agg_config.eraseall();
+      agg_config.setAggName(represent_name.c_str());
+    }
   }
   if (propagator != nullptr) agg_cfg_proposed_info.copyFrom(propagator->aggip_current_cfg_info());
   if (agg_cfg_proposed_info.isSame(agg_cfg_info)) {
@@ -366,7 +382,7 @@ void* AMAggregator::run(void* /*arg*/) {
     wait = processOnePass(evt, waitrc);
   }
   AM_TRACE(TRACE_ERROR) << traceId_.c_str() << " - Prepare to exit" << endl;
-  sleep(kStopGraceSecs);
+  sleep(static_cast<unsigned>(stopGraceSecs.load()));
   ExitTheProcess(8, "AMAggregator can not stop");
 }
 
@@ -387,8 +403,7 @@ void AMAggregator::checkAggregateSubscription(int* wait) {
   const bool devicesWork = table != nullptr && table->checkRawDevices() == 0;
   bool need_sub = false;
   if (AMController::domainType == kQUIL) {
-    need_sub = devicesWork && IsAnybodyJoinedToSXNAll() && agg_config.AdapterConfiguredOnNetwork(0) &&
-               agg_config.AdapterConfiguredOnNetwork(1);
+    need_sub = devicesWork && IsAnybodyJoinedToSXNAll() && configuredOnNetwork(0) && configuredOnNetwork(1);
   } else if (AMController::domainType == kCLUSTER) {
     need_sub = devicesWork && IsAnybodyJoinedToSXNAll();
   }
@@ -619,6 +634,7 @@ void AMAggregator::doLongCfgStatus(int /*index*/) {
   AMSRCDriver* src = srcDriver();
   if (src == nullptr) return;
   src->inform_printf("Aggregate_Configuration_Id: %s\n", agg_cfg_info.getCfgIdStr().c_str());
+  std::lock_guard<std::mutex> hold(cfgMu_);
   agg_config.informToSRC(src);
 }
 

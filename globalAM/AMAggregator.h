@@ -185,9 +185,8 @@ class AMAggregator : public GSThread {
   int getAliasGroupIndex() const { return alias_group_index.load(); }
   int getFlipWaitCount() const { return ml0flipwaitcount; }
   int isMonitoringMlX() const { return is_monitoring_mlX; }
-  // The device's configuration as this aggregator uses it (aggregator
-  // thread, or a test while the thread is not running).
-  AMAggCfg& aggConfig() { return agg_config; }
+  // Whether the device's configuration has adapters on network i.
+  bool configuredOnNetwork(int i);
   AMCfgInfo& aggCfgInfo() { return agg_cfg_info; }
 
   // True when this aggregator's own provider, or an all-group provider of
@@ -207,8 +206,11 @@ class AMAggregator : public GSThread {
   void doLongStatus(int index);
   void doLongCfgStatus(int index);
 
-  // Test hook: the path of the pseudo-device (null restores "/dev/sxnpd0").
+  // Test hooks: the path of the pseudo-device (null restores
+  // "/dev/sxnpd0"), and how long a thread that was asked to end waits
+  // before it ends the process (negative restores the 60 seconds).
   static void setPseudoDevicePathForTesting(const char* path);
+  static void setStopGraceForTesting(int secs);
 
  private:
   // The set of nodes of listener i's members after masking; false when the
@@ -248,7 +250,10 @@ class AMAggregator : public GSThread {
   AMAggProvider* agg_provider;
   AMAggSubscriber* agg_subscriber;
   std::atomic<int> alias_group_index{-1};
-  AMAggCfg agg_config;
+  // Changed by the aggregator thread (a mask is made on first use, too),
+  // read by status requests.
+  std::mutex cfgMu_;
+  AMAggCfg agg_config;  // GUARDED_BY(cfgMu_)
   AMCfgInfo agg_cfg_info;
   AMCfgInfo agg_cfg_proposed_info;
 

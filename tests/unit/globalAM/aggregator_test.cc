@@ -50,11 +50,13 @@ class Aggregator : public MediatorFixture {
 
   // An aggregator for ml0 whose masks let the given nodes take part on
   // networks 0 and 1, with listeners on both networks' cooked groups.
-  AMAggregator* makeAggregator(const std::vector<int>& net0Nodes, const std::vector<int>& net1Nodes) {
+  // device: the local interface that stands for the aggregate device.
+  AMAggregator* makeAggregator(const std::vector<int>& net0Nodes, const std::vector<int>& net1Nodes,
+                               const char* device = "ml0") {
     AMAggCfg cfg("ml0");
     for (int n : net0Nodes) cfg.getMask(0)->set(static_cast<size_t>(n));
     for (int n : net1Nodes) cfg.getMask(1)->set(static_cast<size_t>(n));
-    aggregator_ = std::make_unique<AMAggregator>("ml0", "ml0", "ml0Membership", 0, &cfg);
+    aggregator_ = std::make_unique<AMAggregator>(device, device, "ml0Membership", 0, &cfg);
     aggregator_->createListener(0, nullptr, "sxnMembership");
     aggregator_->createListener(1, nullptr, "sxn1Membership");
     return aggregator_.get();
@@ -305,8 +307,8 @@ class AggregatorPass : public Aggregator {
  protected:
   // An aggregator over both networks, both listeners subscribed with the
   // given members, everything this node's.
-  ::testing::AssertionResult ready(const Members& net0, const Members& net1) {
-    makeAggregator({kMyNode, kOtherNode, kThirdNode}, {kMyNode, kOtherNode, kThirdNode});
+  ::testing::AssertionResult ready(const Members& net0, const Members& net1, const char* device = "ml0") {
+    makeAggregator({kMyNode, kOtherNode, kThirdNode}, {kMyNode, kOtherNode, kThirdNode}, device);
     ::testing::AssertionResult ok = connectToFakeAgent();
     if (!ok) return ok;
     ok = subscribed(aggregator_->getListener(0), net0);
@@ -505,10 +507,83 @@ TEST_F(AggregatorPass, ARefreshFetchesTheDevicesConfigurationFromThePropagator) 
   makeAggregator({kMyNode}, {kMyNode});
   // The propagator holds no configuration for ml0: the masks are erased.
   aggregator_->processOnePass(kAggEvtRefreshed, 0);
-  EXPECT_FALSE(aggregator_->aggConfig().AdapterConfiguredOnNetwork(0));
+  EXPECT_FALSE(aggregator_->configuredOnNetwork(0));
   std::string text = log();
   EXPECT_NE(std::string::npos, text.find(" Aggregate_Evt_refreshed"));
   EXPECT_NE(std::string::npos, text.find(" Configuration is still same."));
+}
+
+// In the cluster domain type the local aggregate interface must be up and
+// running, and is watched while this node is in the base group.
+class AggregatorInClusterDomain : public AggregatorPass {
+ protected:
+  ::testing::AssertionResult clusterReady(const Members& net0, const Members& net1, const char* device) {
+    ::testing::AssertionResult ok = ready(net0, net1, device);
+    if (!ok) return ok;
+    // The first harvest (outside the cluster domain type it needs no KOR).
+    table_->harvestGblNetworkInterfaces(0);
+    AMController::domainType = kCLUSTER;
+    AMController::vask_mlX_check_interval = 7;
+    return ::testing::AssertionSuccess();
+  }
+  void TearDown() override {
+    AMController::vask_mlX_check_interval = 60;
+    AggregatorPass::TearDown();
+  }
+};
+
+TEST_F(AggregatorInClusterDomain, AnInterfaceThatIsUpJoinsAndIsWatchedAtTheCheckInterval) {
+  // The loopback interface stands for an aggregate interface that is up.
+  ASSERT_TRUE(clusterReady({{kMyNode, 0}}, {}, "lo"));
+  std::vector<velt::proto::Request> seen;
+  EXPECT_EQ(7, passAnswered(kAggEvtWakeup, 0, &seen));
+  ASSERT_EQ(1u, seen.size());
+  EXPECT_TRUE(seen[0].has_join());
+  EXPECT_EQ(1, aggregator_->isMonitoringMlX());
+  ASSERT_TRUE(approveAggJoin(aggregator_->getAggProvider()));
+  // A check that finds the interface as it was.
+  advanceClocks(7);
+  EXPECT_EQ(7, aggregator_->processOnePass(kAggEvtWakeup, GS_WAIT_TIMEDOUT));
+  EXPECT_EQ(GS_IAM_JOINED, aggregator_->getAggProvider()->getClientState());
+  std::string text = log();
+  EXPECT_NE(std::string::npos, text.find("Start monitoring the interface lo")) << text;
+  EXPECT_NE(std::string::npos, text.find("Checking the interface lo.. IsUpAndRunning=1"));
+  // This node leaves the base group: the watch stops.
+  ASSERT_TRUE(notified(aggregator_->getListener(0), TK_GS_SUBSCRIPTION_DELTA_LEAVE, {{kOtherNode, 0}},
+                       {{kMyNode, 0}}));
+  aggregator_->processOnePass(kAggEvtMembership, 0);
+  passAnswered(kAggEvtWakeup, GS_WAIT_TIMEDOUT, &seen);
+  EXPECT_EQ(0, aggregator_->isMonitoringMlX());
+  EXPECT_NE(std::string::npos, log().find("Stop monitoring the interface lo"));
+}
+
+TEST_F(AggregatorInClusterDomain, AnInterfaceThatIsNotUpKeepsTheNodeOutAndSaysSoOnceLoudly) {
+  ASSERT_TRUE(clusterReady({{kMyNode, 0}}, {}, "ml0"));
+  aggregator_->processOnePass(kAggEvtWakeup, 0);
+  EXPECT_EQ(GS_IAM_IDLE, aggregator_->getAggProvider()->getClientState());
+  aggregator_->processOnePass(kAggEvtWakeup, GS_WAIT_TIMEDOUT);
+  EXPECT_TRUE(agentStaysQuiet());
+  std::string text = log();
+  const std::string line = " Interface ml0 is configured but it is not up/running. It will not join ml0Membership";
+  EXPECT_EQ(2, countOf(text, line)) << text;
+  EXPECT_EQ(1, countOf(text, "TRACE_EMERG : [T=")) << "only the first is written at every trace level";
+}
+
+// ------------------------------------------------------------ stopping
+
+TEST_F(AggregatorPass, AThreadAskedToEndEndsTheProcessWithCode8) {
+  ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+  AMAggregator::setStopGraceForTesting(0);
+  EXPECT_EXIT(
+      {
+        makeAggregator({kMyNode}, {kMyNode});
+        aggregator_->start(nullptr);
+        ctl_->RequestToExit();
+        aggregator_->join();
+        _exit(90);  // not reached: the thread ends the process
+      },
+      ::testing::ExitedWithCode(8), "");
+  AMAggregator::setStopGraceForTesting(-1);
 }
 
 // ------------------------------------------------------------ wiring
