@@ -10,27 +10,11 @@
 
 namespace {
 
-constexpr long kErrorLabel = 16;
 constexpr int kHourSecs = 3600;
 constexpr int kRequestRateSecs = 3;
 constexpr int kLeaveTimeLimitSecs = 300;
 constexpr const char* kAggClientName = "AggMediator";
 constexpr unsigned kDeltaSubscription = TK_GS_SUBSCRIPTION_DELTA_JOIN | TK_GS_SUBSCRIPTION_DELTA_LEAVE;
-
-// A delayed error of a subscription: traced (at the error level once an
-// hour), and a severe report once an hour unless the group simply does not
-// exist yet, which is normal while the cluster starts.
-void traceDelayedError(const char* traceId, const char* group, const tk_gs_delayed_error_notification_t* n,
-                       AMIntervalHitter& delayed, AMIntervalHitter& severe) {
-  if (n == nullptr) return;
-  const unsigned level = delayed.hit() ? TRACE_ERROR : TRACE_DEBUG;
-  AM_TRACE(level) << traceId << ": " << gscl_request_name(n->gs_request_type)
-                  << " delayedRC=" << gscl_rc_name(n->gs_delayed_return_code) << endl;
-  if (n->gs_delayed_return_code != TK_GS_OK && n->gs_delayed_return_code != TK_GS_UNKNOWN_GROUP && severe.hit()) {
-    AM_TRACE(TRACE_EMERG) << TraceLabel(kErrorLabel) << "Delayed error on subscription " << group
-                          << ", error=" << gscl_rc_name(n->gs_delayed_return_code) << endl;
-  }
-}
 
 }  // namespace
 
@@ -89,7 +73,7 @@ void AMCookedSubscriber::told_src_provider_updated() {
 
 tk_gs_callback_rc_t AMCookedSubscriber::delayedErrorCb(const tk_gs_delayed_error_notification_t* n) {
   GSSubscriber::delayedErrorCb(n);
-  traceDelayedError(traceId_.c_str(), getGroupName(), n, at_delayed_err, at_severe_err);
+  traceSubscriptionDelayedError(traceId_.c_str(), getGroupName(), n, at_delayed_err, at_severe_err);
   if (agg_mediator) agg_mediator->postSyncEvent(kAggEvtWakeup);
   return TK_GS_CALLBACK_OK;
 }
@@ -137,20 +121,7 @@ AMAggProvider::AMAggProvider(AMAggregator* aggregator, const char* groupName, sh
       at_delayed_err(kHourSecs),
       at_join_rate(kRequestRateSecs) {
   // As the cooked groups, but the aggregate group has no source group.
-  tk_gs_group_attributes_t attr;
-  memset(&attr, 0, sizeof attr);
-  attr.gs_version = 2;
-  attr.gs_sizeof_group_attributes = 44;
-  attr.gs_client_version = 2259;
-  attr.gs_batch_control = TK_GS_BATCH_BOTH;
-  attr.gs_num_phases = TK_GS_1_PHASE;
-  attr.gs_source_reflection_num_phases = TK_GS_1_PHASE;
-  attr.gs_group_default_vote = TK_GS_VOTE_APPROVE;
-  attr.gs_merge_control = TK_GS_DISSOLVE_MERGE;
-  attr.gs_time_limit = 0;
-  attr.gs_source_reflection_time_limit = 0;
-  attr.gs_group_name = getGroupName();
-  attr.gs_source_group_name = nullptr;
+  tk_gs_group_attributes_t attr = daemonGroupAttributes(getGroupName(), nullptr);
   tk_gs_rc_t rc = setGroupAttributes(&attr);
   if (rc != TK_GS_OK) {
     AM_TRACE(TRACE_ERROR) << getTraceIdStr() << " setGroupAttributes returns " << gscl_rc_name(rc) << endl;
@@ -201,26 +172,7 @@ tk_gs_callback_rc_t AMAggProvider::approvedCb(const tk_gs_approved_notification_
   at_joining.reset();
   at_delayed_err.reset();
   at_join_rate.reset();
-  if (n) {
-    const tk_gs_proposal_t* p = n->gs_proposal;
-    const unsigned changed = p ? p->gs_whats_changed : 0;
-    if (n->gs_protocol_type == TK_GS_JOIN) {
-      if (changed & TK_GS_PROPOSED_MEMBERSHIP) {
-        AM_TRACE(TRACE_DEBUG) << getTraceIdStr() << " JoinMbrs:" << p->gs_changing_providers << endl;
-      } else if (changed & TK_GS_UPDATED_MEMBERSHIP) {
-        AM_TRACE(TRACE_DEBUG) << getTraceIdStr() << " CurMbrs:" << p->gs_current_providers << endl;
-      }
-    } else if (n->gs_protocol_type == TK_GS_FAILURE_LEAVE || n->gs_protocol_type == TK_GS_LEAVE) {
-      if (changed & TK_GS_PROPOSED_MEMBERSHIP) {
-        AM_TRACE(TRACE_DEBUG) << getTraceIdStr() << gscl_summary_code_names(n->gs_summary_code)
-                              << " FailMbrs: " << p->gs_changing_providers << endl;
-      } else if (changed & TK_GS_UPDATED_MEMBERSHIP) {
-        AM_TRACE(TRACE_DEBUG) << getTraceIdStr() << " CurMbrs: " << p->gs_current_providers << endl;
-      }
-    } else {
-      AM_TRACE(TRACE_DEBUG) << getTraceIdStr() << "Other protocol approval" << endl;
-    }
-  }
+  traceApproval(getTraceIdStr(), n);
   wakeAggregator();
   return TK_GS_CALLBACK_OK;
 }
@@ -267,7 +219,7 @@ tk_gs_rc_t AMAggSubscriber::subscribeGroup() {
 
 tk_gs_callback_rc_t AMAggSubscriber::delayedErrorCb(const tk_gs_delayed_error_notification_t* n) {
   GSSubscriber::delayedErrorCb(n);
-  traceDelayedError(getTraceIdStr(), getGroupName(), n, at_delayed_err, at_severe_err);
+  traceSubscriptionDelayedError(getTraceIdStr(), getGroupName(), n, at_delayed_err, at_severe_err);
   if (aggregator) aggregator->postSyncEvent(kAggEvtWakeup);
   return TK_GS_CALLBACK_OK;
 }

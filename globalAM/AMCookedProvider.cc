@@ -33,6 +33,28 @@ time_t monotonicNow() {
 
 }  // namespace
 
+void traceApproval(const char* traceId, const tk_gs_approved_notification_t* n) {
+  if (n == nullptr) return;
+  const tk_gs_proposal_t* p = n->gs_proposal;
+  const unsigned changed = p ? p->gs_whats_changed : 0;
+  if (n->gs_protocol_type == TK_GS_JOIN) {
+    if (changed & TK_GS_PROPOSED_MEMBERSHIP) {
+      AM_TRACE(TRACE_DEBUG) << traceId << " JoinMbrs:" << p->gs_changing_providers << endl;
+    } else if (changed & TK_GS_UPDATED_MEMBERSHIP) {
+      AM_TRACE(TRACE_DEBUG) << traceId << " CurMbrs:" << p->gs_current_providers << endl;
+    }
+  } else if (n->gs_protocol_type == TK_GS_FAILURE_LEAVE || n->gs_protocol_type == TK_GS_LEAVE) {
+    if (changed & TK_GS_PROPOSED_MEMBERSHIP) {
+      AM_TRACE(TRACE_DEBUG) << traceId << gscl_summary_code_names(n->gs_summary_code)
+                            << " FailMbrs: " << p->gs_changing_providers << endl;
+    } else if (changed & TK_GS_UPDATED_MEMBERSHIP) {
+      AM_TRACE(TRACE_DEBUG) << traceId << " CurMbrs: " << p->gs_current_providers << endl;
+    }
+  } else {
+    AM_TRACE(TRACE_DEBUG) << traceId << "Other protocol approval" << endl;
+  }
+}
+
 AMCookedProvider::AMCookedProvider(AMMediator* m, const char* groupName, int netnum, int is_sxnall,
                                    const char* represent, short instance, uint64_t netnum64)
     : GSProvider(groupName, static_cast<uint16_t>(instance), kCookedClientName),
@@ -64,20 +86,7 @@ void AMCookedProvider::resetJoinTraceThrottleForTesting() {
 int AMCookedProvider::joinTracePrintCountForTesting() { return joinTracePrintCount; }
 
 tk_gs_rc_t AMCookedProvider::applyGroupAttributes() {
-  tk_gs_group_attributes_t attr;
-  memset(&attr, 0, sizeof attr);
-  attr.gs_version = 2;
-  attr.gs_sizeof_group_attributes = 44;
-  attr.gs_client_version = 2259;
-  attr.gs_batch_control = TK_GS_BATCH_BOTH;
-  attr.gs_num_phases = TK_GS_1_PHASE;
-  attr.gs_source_reflection_num_phases = TK_GS_1_PHASE;
-  attr.gs_group_default_vote = TK_GS_VOTE_APPROVE;
-  attr.gs_merge_control = TK_GS_DISSOLVE_MERGE;
-  attr.gs_time_limit = 0;
-  attr.gs_source_reflection_time_limit = 0;
-  attr.gs_group_name = getGroupName();
-  attr.gs_source_group_name = kSxnRawMembershipName;
+  tk_gs_group_attributes_t attr = daemonGroupAttributes(getGroupName(), kSxnRawMembershipName);
   return setGroupAttributes(&attr);
 }
 
@@ -192,26 +201,7 @@ tk_gs_callback_rc_t AMCookedProvider::approvedCb(const tk_gs_approved_notificati
   at_joining.reset();
   at_delayed_err.reset();
   at_join_rate.reset();
-  if (n) {
-    const tk_gs_proposal_t* p = n->gs_proposal;
-    const unsigned changed = p ? p->gs_whats_changed : 0;
-    if (n->gs_protocol_type == TK_GS_JOIN) {
-      if (changed & TK_GS_PROPOSED_MEMBERSHIP) {
-        AM_TRACE(TRACE_DEBUG) << getTraceIdStr() << " JoinMbrs:" << p->gs_changing_providers << endl;
-      } else if (changed & TK_GS_UPDATED_MEMBERSHIP) {
-        AM_TRACE(TRACE_DEBUG) << getTraceIdStr() << " CurMbrs:" << p->gs_current_providers << endl;
-      }
-    } else if (n->gs_protocol_type == TK_GS_FAILURE_LEAVE || n->gs_protocol_type == TK_GS_LEAVE) {
-      if (changed & TK_GS_PROPOSED_MEMBERSHIP) {
-        AM_TRACE(TRACE_DEBUG) << getTraceIdStr() << gscl_summary_code_names(n->gs_summary_code)
-                              << " FailMbrs: " << p->gs_changing_providers << endl;
-      } else if (changed & TK_GS_UPDATED_MEMBERSHIP) {
-        AM_TRACE(TRACE_DEBUG) << getTraceIdStr() << " CurMbrs: " << p->gs_current_providers << endl;
-      }
-    } else {
-      AM_TRACE(TRACE_DEBUG) << getTraceIdStr() << "Other protocol approval" << endl;
-    }
-  }
+  traceApproval(getTraceIdStr(), n);
   notifyAndWake();
   AM_TRACE(TRACE_DEBUG) << "Left approvedCb()" << endl;
   return TK_GS_CALLBACK_OK;

@@ -95,6 +95,12 @@ typedef tk_gs_rc_t (*AMAdapterInfoLookupFn)(const tk_gs_ip_addr* ip, tk_gs_adapt
 // before the table gets it.
 typedef void (*AMTableUpdateObserverFn)(int isUp, const tk_gs_membership_t* providers);
 
+// Traces a subscription's delayed error (at the error level once per
+// period of delayed) and, unless the group merely does not exist yet, makes
+// a severe report once per period of severe.
+void traceSubscriptionDelayedError(const char* traceId, const char* group, const tk_gs_delayed_error_notification_t* n,
+                                   AMIntervalHitter& delayed, AMIntervalHitter& severe);
+
 // The subscriber to the raw adapter group: keeps the last IP membership,
 // records the local adapters' state in its mediator's list, hands up and
 // down providers to the global adapter table and wakes the mediator.
@@ -145,6 +151,10 @@ class AMRawSubscriber : public GSSubscriber {
   time_t _timeSubscribing = 0;
   GSString traceId_;
 };
+
+// Traces an approval as the daemon's providers do: who joined, failed or
+// left, or the current members.
+void traceApproval(const char* traceId, const tk_gs_approved_notification_t* n);
 
 // The provider that stands for one local adapter in one cooked group (its
 // network's group, or the all-switch / all-InfiniBand group). Thread-safe:

@@ -74,20 +74,7 @@ AMCfgProvider::AMCfgProvider(AMPropagator* owner)
       at_join_rate(5),
       at_cfg_state_rate(2),
       activeNodeList(MaxNodesInDomain) {
-  tk_gs_group_attributes_t attr;
-  memset(&attr, 0, sizeof attr);
-  attr.gs_version = 2;
-  attr.gs_sizeof_group_attributes = 44;
-  attr.gs_client_version = 2259;
-  attr.gs_batch_control = TK_GS_BATCH_BOTH;
-  attr.gs_num_phases = TK_GS_1_PHASE;
-  attr.gs_source_reflection_num_phases = TK_GS_1_PHASE;
-  attr.gs_group_default_vote = TK_GS_VOTE_APPROVE;
-  attr.gs_merge_control = static_cast<tk_gs_merge_control_t>(0);
-  attr.gs_time_limit = 0;
-  attr.gs_source_reflection_time_limit = 0;
-  attr.gs_group_name = kGroupName;
-  attr.gs_source_group_name = nullptr;
+  tk_gs_group_attributes_t attr = daemonGroupAttributes(kGroupName, nullptr);
   tk_gs_rc_t rc = setGroupAttributes(&attr);
   if (rc != TK_GS_OK) AM_TRACE(TRACE_ERROR) << "setGroupAttributes of " << kGroupName << " returns " << gscl_rc_name(rc) << endl;
 }

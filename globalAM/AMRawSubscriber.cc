@@ -223,20 +223,23 @@ tk_gs_rc_t AMRawSubscriber::subscribeGroup() {
   return rc;
 }
 
+void traceSubscriptionDelayedError(const char* traceId, const char* group, const tk_gs_delayed_error_notification_t* n,
+                                   AMIntervalHitter& delayed, AMIntervalHitter& severe) {
+  if (n == nullptr) return;
+  unsigned level = delayed.hit() ? TRACE_ERROR : TRACE_DEBUG;
+  AM_TRACE(level) << traceId << ": " << gscl_request_name(n->gs_request_type)
+                  << " delayedRC=" << gscl_rc_name(n->gs_delayed_return_code) << endl;
+  // A group that does not exist yet is normal while the cluster starts;
+  // the subscriber retries on its own schedule.
+  if (n->gs_delayed_return_code != TK_GS_OK && n->gs_delayed_return_code != TK_GS_UNKNOWN_GROUP && severe.hit()) {
+    AM_TRACE(TRACE_EMERG) << TraceLabel(kErrorLabel) << "Delayed error on subscription " << group
+                          << ", error=" << gscl_rc_name(n->gs_delayed_return_code) << endl;
+  }
+}
+
 tk_gs_callback_rc_t AMRawSubscriber::delayedErrorCb(const tk_gs_delayed_error_notification_t* n) {
   GSSubscriber::delayedErrorCb(n);
-  if (n != nullptr) {
-    unsigned level = at_delayed_err.hit() ? TRACE_ERROR : TRACE_DEBUG;
-    AM_TRACE(level) << traceId_.c_str() << ": " << gscl_request_name(n->gs_request_type)
-                    << " delayedRC=" << gscl_rc_name(n->gs_delayed_return_code) << endl;
-    // A group that does not exist yet is normal while the cluster starts;
-    // the mediator retries on its own schedule.
-    if (n->gs_delayed_return_code != TK_GS_OK && n->gs_delayed_return_code != TK_GS_UNKNOWN_GROUP &&
-        at_severe_err.hit()) {
-      AM_TRACE(TRACE_EMERG) << TraceLabel(kErrorLabel) << "Delayed error on subscription " << getGroupName()
-                            << ", error=" << gscl_rc_name(n->gs_delayed_return_code) << endl;
-    }
-  }
+  traceSubscriptionDelayedError(traceId_.c_str(), getGroupName(), n, at_delayed_err, at_severe_err);
   if (mediator) mediator->postSyncEvent(0);
   return TK_GS_CALLBACK_OK;
 }

@@ -318,3 +318,21 @@ TraceStream& operator<<(TraceStream& ts, const AMAdapterItem& item) {
   name[sizeof item.interfacename] = '\0';
   return ts << "[Node " << item.nodenumber << "][" << ip << "][" << name << "]";
 }
+
+tk_gs_group_attributes_t daemonGroupAttributes(const char* groupName, const char* sourceGroupName) {
+  tk_gs_group_attributes_t attr;
+  memset(&attr, 0, sizeof attr);
+  attr.gs_version = 2;
+  attr.gs_sizeof_group_attributes = 44;
+  attr.gs_client_version = 2259;
+  attr.gs_batch_control = TK_GS_BATCH_BOTH;
+  attr.gs_num_phases = TK_GS_1_PHASE;
+  attr.gs_source_reflection_num_phases = TK_GS_1_PHASE;
+  attr.gs_group_default_vote = TK_GS_VOTE_APPROVE;
+  attr.gs_merge_control = TK_GS_DISSOLVE_MERGE;
+  attr.gs_time_limit = 0;
+  attr.gs_source_reflection_time_limit = 0;
+  attr.gs_group_name = groupName;
+  attr.gs_source_group_name = sourceGroupName;
+  return attr;
+}

@@ -127,6 +127,11 @@ int numberOfNodes_in_group(const GSMembershipList& members);
 // "instance/node".
 std::string gscl_providerId_name(const tk_gs_provider_t& provider, int have_bracket);
 
+// The attributes of every group the daemon provides to: one phase, approve
+// by default, both batched, dissolved on a merge, no time limits, this
+// client version; sourceGroupName may be null. The texts are not copied.
+tk_gs_group_attributes_t daemonGroupAttributes(const char* groupName, const char* sourceGroupName);
+
 // Trace output: the id text; "(N=<count>):" and each member bracketed; "[L=
 // <length>,S=0x<bytes>]" (nothing for null); "[Node n][a.b.c.d][name]".
 TraceStream& operator<<(TraceStream& ts, const AMCfgInfo& info);

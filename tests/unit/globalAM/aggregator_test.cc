@@ -92,23 +92,6 @@ class Aggregator : public MediatorFixture {
     return ::testing::AssertionSuccess();
   }
 
-  // The stand-in agent approves the aggregate provider's join.
-  ::testing::AssertionResult approveAggJoin(AMAggProvider* p) {
-    velt::proto::Notification n;
-    n.set_kind(velt::proto::Notification::APPROVED);
-    n.set_group(p->getGroupName());
-    n.set_instance(static_cast<uint32_t>(p->getInstanceNumber()));
-    n.set_protocol_type(TK_GS_JOIN);
-    n.set_proposal_changes(TK_GS_PROPOSED_MEMBERSHIP);
-    *n.add_changing() = gscl_test::providerId(static_cast<uint32_t>(p->getInstanceNumber()), kMyNode);
-    *n.add_current() = gscl_test::providerId(static_cast<uint32_t>(p->getInstanceNumber()), kMyNode);
-    if (!agent_->notify(n)) return ::testing::AssertionFailure() << "notify failed";
-    tk_gs_rc_t rc = ctl_->dispatch(TK_GS_BLOCKING);
-    if (rc != TK_GS_OK) return ::testing::AssertionFailure() << "dispatch: " << gscl_rc_name(rc);
-    if (p->getClientState() != GS_IAM_JOINED) return ::testing::AssertionFailure() << "not joined";
-    return ::testing::AssertionSuccess();
-  }
-
   int largest(int* equivCount = nullptr, std::vector<int>* equiv = nullptr) {
     int count = 0;
     std::vector<int> list(static_cast<size_t>(aggregator_->getNumRelatedGroups()) + 5, -1);
@@ -328,7 +311,7 @@ class AggregatorPass : public Aggregator {
     passAnswered(kAggEvtWakeup, 0, &seen);
     if (seen.size() != 1 || !seen[0].has_join()) return ::testing::AssertionFailure() << "no join request";
     if (seen[0].join().group() != "ml0Membership") return ::testing::AssertionFailure() << "joined elsewhere";
-    return approveAggJoin(aggregator_->getAggProvider());
+    return approveJoin(aggregator_->getAggProvider());
   }
 };
 
@@ -540,7 +523,7 @@ TEST_F(AggregatorInClusterDomain, AnInterfaceThatIsUpJoinsAndIsWatchedAtTheCheck
   ASSERT_EQ(1u, seen.size());
   EXPECT_TRUE(seen[0].has_join());
   EXPECT_EQ(1, aggregator_->isMonitoringMlX());
-  ASSERT_TRUE(approveAggJoin(aggregator_->getAggProvider()));
+  ASSERT_TRUE(approveJoin(aggregator_->getAggProvider()));
   // A check that finds the interface as it was.
   advanceClocks(7);
   EXPECT_EQ(7, aggregator_->processOnePass(kAggEvtWakeup, GS_WAIT_TIMEDOUT));

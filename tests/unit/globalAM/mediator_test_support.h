@@ -325,7 +325,7 @@ class MediatorFixture : public table_test::TableFixture {
   }
 
   // The stand-in agent approves p's pending join.
-  ::testing::AssertionResult approveJoin(AMCookedProvider* p) {
+  ::testing::AssertionResult approveJoin(GSProvider* p) {
     velt::proto::Notification n;
     n.set_kind(velt::proto::Notification::APPROVED);
     n.set_group(p->getGroupName());
