@@ -604,35 +604,36 @@ int NAMClient::packMsg(velt_nam_msg_hdr* hdr, char** body, const veltnamNetInfoL
 int NAMClient::packAdapterTable(AMGlobalAdapterTable* table, velt_nam_msg_hdr* hdr, MappedBody* body) {
   GSReadGuard hold(*table);
   AdapterItemCollection& rows = table->getAdapterItemList();
-  // One walk over the rows builds every record, in the order clients read
-  // them within a network's UP, DOWN and other records, and notes its slot
-  // (network and group); the records are then copied to their places. The
-  // rows are touched once: in a large cluster they are what costs.
-  std::vector<velt_nam_connect> records;
+  // One walk over the rows notes every row a client's copy holds, in the
+  // order clients read them within a network's UP, DOWN and other records,
+  // with its slot (network and group); the records are then built straight
+  // into their places in the message. Nothing of the size of the message is
+  // written twice: in a large cluster the first touch of that much memory
+  // costs as much as the rows themselves.
+  std::vector<const AMAdapterItem*> listed;
   std::vector<uint32_t> slots;
-  records.reserve(rows.size());
+  listed.reserve(rows.size());
   slots.reserve(rows.size());
   std::map<uint64_t, uint32_t> networkIndex;  // network id -> index in order of first sight
   bool ordered = forEachRecordedRow(rows, [&](const AMAdapterItem& row, uint64_t network) {
-    records.emplace_back();
-    build_velt_nam_conn_item(row, &records.back());
-    auto index = networkIndex.emplace(network, static_cast<uint32_t>(networkIndex.size())).first->second;
-    slots.push_back(index * 3 + static_cast<uint32_t>(groupOf(records.back().status)));
+    listed.push_back(&row);
+    auto index = networkIndex.try_emplace(network, static_cast<uint32_t>(networkIndex.size())).first->second;
+    slots.push_back(index * 3 + static_cast<uint32_t>(groupOf(velt_nam_status_of(row))));
   });
   if (!ordered) return -1;
   std::vector<size_t> counts(networkIndex.size() * 3, 0);
   for (uint32_t slot : slots) ++counts[slot];
   const size_t length =
-      12 + sizeof(velt_nam_connect_net_info) * networkIndex.size() + sizeof(velt_nam_connect) * records.size();
+      12 + sizeof(velt_nam_connect_net_info) * networkIndex.size() + sizeof(velt_nam_connect) * listed.size();
   if (!body->allocate(length)) return -1;
   hdr->msg_type = VELT_NAM_DAEMON_UPDATE_MSG;
   hdr->msg_length = static_cast<int32_t>(length);
 
   velt_nam_daemon_update_msg header;
   header.num_networks = static_cast<int32_t>(networkIndex.size());
-  header.num_adapter_info = static_cast<int32_t>(records.size());
+  header.num_adapter_info = static_cast<int32_t>(listed.size());
   memcpy(body->data(), &header, sizeof header);
-  traceUpdateCounts(networkIndex.size(), records.size());
+  traceUpdateCounts(networkIndex.size(), listed.size());
   // Networks in ascending id, each followed by its UP, DOWN and other
   // records.
   std::vector<char*> next(counts.size());
@@ -653,9 +654,11 @@ int NAMClient::packAdapterTable(AMGlobalAdapterTable* table, velt_nam_msg_hdr* h
       out += sizeof(velt_nam_connect) * count[g];
     }
   }
-  for (size_t i = 0; i < records.size(); ++i) {
-    memcpy(next[slots[i]], &records[i], sizeof records[i]);
-    next[slots[i]] += sizeof records[i];
+  for (size_t i = 0; i < listed.size(); ++i) {
+    velt_nam_connect rec;
+    build_velt_nam_conn_item(*listed[i], &rec);
+    memcpy(next[slots[i]], &rec, sizeof rec);
+    next[slots[i]] += sizeof rec;
   }
   return static_cast<int>(length);
 }
