@@ -8,6 +8,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -292,11 +293,13 @@ struct GSController::Impl {
   // or a registered debug routine runs.
   velt::Mutex sendMu;   // one message at a time on the socket
   mutable velt::Mutex mu;
-  velt::CondVar queueCv;   // a queued item, the death, or quit
+  velt::CondVar queueCv;   // a queued item, the death, the socket free to read, or quit
   velt::CondVar replyCv;   // an answer came, or quit
+  velt::CondVar tokenCv;   // the socket is free for the reader thread, or quit
 
   int fd GUARDED_BY(mu) = -1;
   bool dead GUARDED_BY(mu) = false;       // the connection is lost (its death is queued)
+  bool losing GUARDED_BY(mu) = false;     // a reader is reporting the loss (both readers may see it)
   bool quitting GUARDED_BY(mu) = false;   // quit() is taking the connection down
   std::thread reader GUARDED_BY(mu);      // started by initialize, joined by quit
   std::string socketPath GUARDED_BY(mu);
@@ -313,6 +316,19 @@ struct GSController::Impl {
   std::deque<QueuedItem> queue GUARDED_BY(mu);
   size_t queuedBytes GUARDED_BY(mu) = 0;
   int waitingDispatchers GUARDED_BY(mu) = 0;
+  // One thread at a time reads the socket: the reader thread, or a
+  // dispatcher that would otherwise only wait for the reader thread to pass
+  // it the next notification (the way of every notification then has one
+  // thread wake-up less). A waiting dispatcher asks the reader thread to
+  // hand over through wakeFd, an eventfd in the reader's poll.
+  bool reading GUARDED_BY(mu) = false;
+  bool dispatcherWantsToRead GUARDED_BY(mu) = false;
+  int wakeFd GUARDED_BY(mu) = -1;
+  // The packets read so far of a frame under way, and the packet buffer
+  // (one byte more than a packet may have, so that a larger one shows):
+  // used only by the thread that reads.
+  velt::wire::Reassembler reassembler{velt::wire::kDefaultMaxMessage};
+  std::vector<char> readBuf = std::vector<char>(velt::wire::kMaxPacket + 1);
   bool havePing GUARDED_BY(mu) = false;   // a ping is being dispatched
   uint64_t pingSeq GUARDED_BY(mu) = 0;
   std::map<std::string, tk_gs_adapter_info_t> adapters GUARDED_BY(mu);   // by 16-byte address
@@ -320,7 +336,12 @@ struct GSController::Impl {
   std::chrono::milliseconds handshakeBound GUARDED_BY(mu) = kDefaultHandshakeBound;
   std::chrono::milliseconds requestBound GUARDED_BY(mu) = kDefaultRequestBound;
 
-  void readerLoop(int fd);
+  void readerLoop(int fd, int wfd);
+  enum class Read { kNothing, kFrame, kLost };
+  // Waits for the next packet on rfd (or for wfd, when not negative, to be
+  // signalled: kNothing) and takes the frame it completes. Requires: the
+  // caller reads (reading set by it), mu not held.
+  Read readOnce(int rfd, int wfd, std::string* why, int* err);
   // Handles one frame from the reader. Returns false (with *why) when the
   // connection has to be given up.
   bool takeFrameLocked(proto::AgentFrame&& f, size_t bytes, std::string* why) REQUIRES(mu);
@@ -335,44 +356,63 @@ struct GSController::Impl {
 
 // ---- the reader thread ----
 
-void GSController::Impl::readerLoop(int rfd) {
-  velt::wire::Reassembler reassembler(velt::wire::kDefaultMaxMessage);
-  // One byte more than a packet may have, so that a larger one shows.
-  std::vector<char> buf(velt::wire::kMaxPacket + 1);
+void GSController::Impl::readerLoop(int rfd, int wfd) {
   std::string why;
   int err = 0;
   while (true) {
-    // Waits without a time limit on purpose: the agent may stay quiet for
-    // hours, and quit() ends this wait by shutting the socket down.
-    struct pollfd p = {rfd, POLLIN | POLLRDHUP, 0};
-    int n = poll(&p, 1, -1);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      err = errno;
-      why = "waiting on the connection failed";
-      break;
+    {
+      velt::MutexLock lk(mu);
+      while (!quitting && (reading || dispatcherWantsToRead)) tokenCv.wait(mu);
+      if (quitting) return;
+      reading = true;
     }
-    ssize_t len = recv(rfd, buf.data(), buf.size(), MSG_DONTWAIT | MSG_TRUNC);
-    if (len < 0) {
-      if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) continue;
-      err = errno;
-      why = "reading from the agent failed";
-      break;
-    }
-    if (len == 0) {
-      why = "closed by the agent";
-      break;
-    }
-    proto::AgentFrame frame;
-    size_t bytes = 0;
-    int r = internal::readAgentPacket(&reassembler, buf.data(), static_cast<size_t>(len), &frame, &bytes, &why);
-    if (r < 0) break;
-    if (r == 0) continue;
+    Read r = readOnce(rfd, wfd, &why, &err);
     velt::MutexLock lk(mu);
+    reading = false;
+    // A dispatcher that waits may read now.
+    queueCv.notifyAll();
     if (quitting) return;
-    if (!takeFrameLocked(std::move(frame), bytes, &why)) break;
+    if (r == Read::kLost) break;
   }
   connectionLost(why, err);
+}
+
+GSController::Impl::Read GSController::Impl::readOnce(int rfd, int wfd, std::string* why, int* err) {
+  // Waits without a time limit on purpose: the agent may stay quiet for
+  // hours, and quit() ends this wait by shutting the socket down.
+  struct pollfd p[2] = {{rfd, POLLIN | POLLRDHUP, 0}, {wfd, POLLIN, 0}};
+  int n = poll(p, wfd >= 0 ? 2 : 1, -1);
+  if (n < 0) {
+    if (errno == EINTR) return Read::kNothing;
+    *err = errno;
+    *why = "waiting on the connection failed";
+    return Read::kLost;
+  }
+  if (wfd >= 0 && (p[1].revents & POLLIN) != 0) {
+    uint64_t asked;
+    while (read(wfd, &asked, sizeof asked) < 0 && errno == EINTR) {
+    }
+    return Read::kNothing;
+  }
+  ssize_t len = recv(rfd, readBuf.data(), readBuf.size(), MSG_DONTWAIT | MSG_TRUNC);
+  if (len < 0) {
+    if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) return Read::kNothing;
+    *err = errno;
+    *why = "reading from the agent failed";
+    return Read::kLost;
+  }
+  if (len == 0) {
+    *why = "closed by the agent";
+    return Read::kLost;
+  }
+  proto::AgentFrame frame;
+  size_t bytes = 0;
+  int r = internal::readAgentPacket(&reassembler, readBuf.data(), static_cast<size_t>(len), &frame, &bytes, why);
+  if (r < 0) return Read::kLost;
+  if (r == 0) return Read::kNothing;
+  velt::MutexLock lk(mu);
+  if (quitting) return Read::kNothing;
+  return takeFrameLocked(std::move(frame), bytes, why) ? Read::kFrame : Read::kLost;
 }
 
 bool GSController::Impl::takeFrameLocked(proto::AgentFrame&& f, size_t bytes, std::string* why) {
@@ -425,6 +465,8 @@ void GSController::Impl::connectionLost(const std::string& why, int err) {
   {
     velt::MutexLock lk(mu);
     if (quitting) return;   // quit() took the connection down: no death to announce
+    if (dead || losing) return;   // the other reader saw it first
+    losing = true;
     path = socketPath;
   }
   // The report and the error-log entry come first, so that whoever hears
@@ -779,6 +821,7 @@ tk_gs_rc_t GSController::initialize() {
     }
     impl_->fd = fd;
     impl_->dead = false;
+    impl_->losing = false;
     impl_->socketPath = path;
     impl_->node = static_cast<int>(reply.node());
     impl_->agentVersion = reply.agent_version();
@@ -790,10 +833,16 @@ tk_gs_rc_t GSController::initialize() {
     impl_->queuedBytes = 0;
     impl_->adapters.clear();
     impl_->adapterBoundReported = false;
+    impl_->reassembler = velt::wire::Reassembler(velt::wire::kDefaultMaxMessage);
+    // Without an eventfd the reader thread is never asked to hand over:
+    // dispatch then waits for it as it always could.
+    impl_->wakeFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     try {
-      impl_->reader = std::thread(&Impl::readerLoop, impl_.get(), fd);
+      impl_->reader = std::thread(&Impl::readerLoop, impl_.get(), fd, impl_->wakeFd);
     } catch (const std::system_error& e) {
       impl_->fd = -1;
+      if (impl_->wakeFd >= 0) close(impl_->wakeFd);
+      impl_->wakeFd = -1;
       close(fd);
       GSDebugPrintf(0, "gscl: cannot start the agent reader thread: %s", e.what());
       return TK_GS_NO_MEMORY;
@@ -827,6 +876,7 @@ void GSController::quit() {
     impl_->queuedBytes = 0;
     impl_->replyCv.notifyAll();
     impl_->queueCv.notifyAll();
+    impl_->tokenCv.notifyAll();
     reader = std::move(impl_->reader);
     seq = ++impl_->frameSeq;
   }
@@ -843,8 +893,13 @@ void GSController::quit() {
   // ends at once: the socket is shut down.
   velt::MutexLock sendLock(impl_->sendMu);
   velt::MutexLock lk(impl_->mu);
+  // Nor while a dispatcher still reads it (it saw the shutdown and is on
+  // its way out).
+  while (impl_->reading) impl_->tokenCv.wait(impl_->mu);
   close(impl_->fd);
   impl_->fd = -1;
+  if (impl_->wakeFd >= 0) close(impl_->wakeFd);
+  impl_->wakeFd = -1;
   impl_->dead = false;
   impl_->quitting = false;
 }
@@ -869,11 +924,43 @@ tk_gs_rc_t GSController::dispatch(tk_gs_dispatch_type_t how) {
     // The death was dispatched already: it stays dead until quit.
     if (impl_->dead) return TK_GS_GS_HAS_DIED;
     if (howBits == TK_GS_NON_BLOCKING) return TK_GS_NO_NOTIFICATION;
-    // Waits without a time limit by design: the dispatch thread has
-    // nothing else to do, and quit() or the agent's next frame wakes it.
+    if (!impl_->reading) {
+      // Nothing queued and nobody reads: the next frame is read here, so
+      // that a notification runs its callback on the thread that read it.
+      impl_->reading = true;
+      const int rfd = impl_->fd;
+      ++impl_->waitingDispatchers;
+      lk.unlock();
+      std::string why;
+      int err = 0;
+      Impl::Read r = impl_->readOnce(rfd, -1, &why, &err);
+      lk.lock();
+      --impl_->waitingDispatchers;
+      impl_->reading = false;
+      impl_->tokenCv.notifyAll();
+      if (r == Impl::Read::kLost) {
+        lk.unlock();
+        impl_->connectionLost(why, err);
+        lk.lock();
+      }
+      continue;
+    }
+    // The reader thread reads: it is asked to hand over. Waits without a
+    // time limit by design: the dispatch thread has nothing else to do,
+    // and quit(), the agent's next frame or the hand-over wakes it.
+    impl_->dispatcherWantsToRead = true;
+    if (impl_->wakeFd >= 0) {
+      const uint64_t one = 1;
+      // A counter that is already signalled stays so: the reader wakes
+      // either way.
+      ssize_t ignored = write(impl_->wakeFd, &one, sizeof one);
+      (void)ignored;
+    }
     ++impl_->waitingDispatchers;
     impl_->queueCv.wait(impl_->mu);
     --impl_->waitingDispatchers;
+    impl_->dispatcherWantsToRead = false;
+    impl_->tokenCv.notifyAll();
   }
 }
 

@@ -54,6 +54,11 @@ class SCOPED_CAPABILITY ScopedLock {
     held_ = false;
     mu_.unlock();
   }
+  // Takes it again after unlock().
+  void lock() ACQUIRE() {
+    mu_.lock();
+    held_ = true;
+  }
 
  private:
   M& mu_;
