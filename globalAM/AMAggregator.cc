@@ -98,7 +98,14 @@ int AMAggregator::open_sxnpdd(int reopen) {
       }
     }
     sxnpdd_fd = fd;
-    AMtracef(TRACE_FYI, "Opening /dev/sxnpd0...FD=%d, exists=%d, eno=%d\n", fd, sxnpdd_exist.load(), err);
+    // Every pass tries again while the device is missing; only a change
+    // of what the attempt finds is news.
+    const unsigned level = err != lastOpenErrno_ ? TRACE_FYI : TRACE_DEBUG;
+    lastOpenErrno_ = err;
+    if (TRACEABLE(level)) {
+      AMtracef(level == TRACE_FYI ? TRACE_FYI : AM_TRACEF_DEBUG, "Opening /dev/sxnpd0...FD=%d, exists=%d, eno=%d\n",
+               fd, sxnpdd_exist.load(), err);
+    }
   }
   return fd;
 }
@@ -438,11 +445,17 @@ int AMAggregator::processOnePass(int evt, int waitrc) {
     }
   }
 
+  // A configuration committed before the protocols roll (the first one,
+  // usually) is fetched once they do: its event alone would be gone by then.
+  if (evt == kAggEvtRefreshed) refreshPending_ = true;
   if (ctl == nullptr || !ctl->readyToRoll.get()) {
     AM_TRACE(TRACE_DEBUG) << traceId_.c_str() << " It is not ready to roll...wait more" << endl;
     return wait;
   }
-  if (evt == kAggEvtRefreshed) obtainConfiguration();
+  if (refreshPending_) {
+    refreshPending_ = false;
+    obtainConfiguration();
+  }
 
   AMGlobalAdapterTable* table = AMController::pGAdapterCfgTbl;
   if (cluster && table != nullptr) {

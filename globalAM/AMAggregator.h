@@ -262,9 +262,11 @@ class AMAggregator : public GSThread {
   int major_ever_known = 0;
   int no_major_ioctl = 0;
   std::atomic<int> sxnpdd_exist{1};
+  std::atomic<int> lastOpenErrno_{-1};  // what the last attempt to open found
 
   // State of the thread body between passes.
   int ml0flipwaitcount = 0;
+  bool refreshPending_ = false;
   bool still_configured_up = false;
   bool notUpTraced_ = false;
   std::vector<int> equiv_list_;

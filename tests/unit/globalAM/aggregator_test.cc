@@ -10,6 +10,7 @@
 #include <fstream>
 #include <map>
 #include <memory>
+#include <sstream>
 #include <utility>
 #include <vector>
 
@@ -484,6 +485,34 @@ TEST_F(AggregatorPass, WithoutALocalSwitchNoListenerSubscribes) {
   makeAggregator({kMyNode}, {kMyNode});
   EXPECT_EQ(3, aggregator_->getListener(0)->trySubscribeGroup());
   EXPECT_NE(std::string::npos, log().find("No switches are locally defined."));
+}
+
+TEST_F(AggregatorPass, AConfigurationCommittedBeforeTheProtocolsRollIsFetchedOnceTheyDo) {
+  makeAggregator({kMyNode}, {kMyNode});
+  ctl_->readyToRoll = 0;
+  aggregator_->processOnePass(kAggEvtRefreshed, 0);
+  EXPECT_TRUE(aggregator_->configuredOnNetwork(0)) << "fetched before the protocols roll";
+  ctl_->readyToRoll = 1;
+  aggregator_->processOnePass(kAggEvtWakeup, 0);
+  // The propagator holds nothing for ml0: what was fetched is the empty
+  // configuration.
+  EXPECT_FALSE(aggregator_->configuredOnNetwork(0));
+  EXPECT_NE(std::string::npos, log().find(" Aggregate_Evt_refreshed"));
+}
+
+TEST_F(AggregatorPass, AMissingPseudoDeviceIsTracedOnceNotOnEveryPass) {
+  makeAggregator({kMyNode}, {kMyNode});
+  for (int i = 0; i < 5; ++i) aggregator_->processOnePass(kAggEvtWakeup, 0);
+  std::istringstream lines(log());
+  int loud = 0;
+  int quiet = 0;
+  for (std::string line; std::getline(lines, line);) {
+    if (line.find("Opening /dev/sxnpd0") == std::string::npos) continue;
+    if (line.find("TRACE_FYI") != std::string::npos) ++loud;
+    if (line.find("TRACE_DEBUG") != std::string::npos) ++quiet;
+  }
+  EXPECT_EQ(1, loud) << "the first attempt only";
+  EXPECT_EQ(5, quiet) << "one attempt per pass";
 }
 
 TEST_F(AggregatorPass, ARefreshFetchesTheDevicesConfigurationFromThePropagator) {
