@@ -10,6 +10,7 @@
 
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "AMAggregate.h"
 #include "sw_adapter_info.h"
@@ -298,6 +299,98 @@ TEST_F(RefreshCommand, LinkToARegularFileIsChecked) {
   Result r = run(link);
   ASSERT_TRUE(WIFEXITED(r.status)) << "ended by signal " << WTERMSIG(r.status);
   EXPECT_EQ(WEXITSTATUS(r.status), 0) << r.err;
+}
+
+// By hand: --check FILE, with what it found on standard output or error.
+class RefreshCheck : public AggCfgFileTest {
+ protected:
+  struct Result {
+    int status = -1;
+    std::string out;
+    std::string err;
+  };
+  Result check(const std::vector<std::string>& args) {
+    std::string outPath = dir_ + "/stdout";
+    std::string errPath = dir_ + "/stderr";
+    pid_t pid = fork();
+    if (pid == 0) {
+      alarm(10);
+      int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+      int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+      if (out >= 0) dup2(out, 1);
+      if (err >= 0) dup2(err, 2);
+      unsetenv("SW_HERDLET_AGGIP_CFG");
+      std::vector<char*> argv = {const_cast<char*>(REFRESH_CMD_PATH)};
+      for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+      argv.push_back(nullptr);
+      execv(REFRESH_CMD_PATH, argv.data());
+      _exit(127);
+    }
+    Result r;
+    waitpid(pid, &r.status, 0);
+    std::ifstream out(outPath);
+    r.out.assign(std::istreambuf_iterator<char>(out), std::istreambuf_iterator<char>());
+    std::ifstream err(errPath);
+    r.err.assign(std::istreambuf_iterator<char>(err), std::istreambuf_iterator<char>());
+    return r;
+  }
+};
+
+TEST_F(RefreshCheck, AValidFileIsReportedWithItsIdAndExitsZero) {
+  std::string path = write("+CFGID: 0x2a\n1 ml0 sxn0,sxn1\n2 ml0 sxn0,sxn1\n");
+  Result r = check({"--check", path});
+  ASSERT_TRUE(WIFEXITED(r.status));
+  EXPECT_EQ(0, WEXITSTATUS(r.status)) << r.err;
+  EXPECT_EQ(path + ": 2 valid data lines, configuration id 42\n", r.out);
+  EXPECT_EQ("", r.err);
+}
+
+TEST_F(RefreshCheck, FaultyLinesAreCountedAndMakeItFail) {
+  std::string path = write("+CFGID: 0x2a\n1 ml0 sxn0\n-1 ml0 sxn0\nnode ml0 sxn1\n");
+  Result r = check({"--check", path});
+  ASSERT_TRUE(WIFEXITED(r.status));
+  EXPECT_EQ(1, WEXITSTATUS(r.status));
+  EXPECT_NE(std::string::npos, r.err.find(path + ":3: ")) << r.err;
+  EXPECT_NE(std::string::npos, r.err.find(path + ":4: ")) << r.err;
+  EXPECT_NE(std::string::npos, r.err.find("has 2 faulty lines (and 1 valid data line)")) << r.err;
+  EXPECT_EQ("", r.out);
+}
+
+TEST_F(RefreshCheck, TheDaemonsRefreshFailsOnAFaultyLineToo) {
+  std::string path = write("+CFGID: 0x2a\n1 ml0 sxn0\n-1 ml0 sxn0\n");
+  std::string outPath = dir_ + "/stderr";
+  pid_t pid = fork();
+  if (pid == 0) {
+    alarm(10);
+    int fd = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    if (fd >= 0) dup2(fd, 2);
+    setenv("SW_HERDLET_AGGIP_CFG", path.c_str(), 1);
+    execl(REFRESH_CMD_PATH, REFRESH_CMD_PATH, "-c", "refresh", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  int status = -1;
+  waitpid(pid, &status, 0);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(1, WEXITSTATUS(status));
+}
+
+TEST_F(RefreshCheck, BadArgumentsAreAUsageError) {
+  for (const std::vector<std::string>& args :
+       {std::vector<std::string>{}, {"--check"}, {"--check", ""}, {"-c", "other"}, {"--bogus", "x"}}) {
+    Result r = check(args);
+    ASSERT_TRUE(WIFEXITED(r.status));
+    EXPECT_EQ(2, WEXITSTATUS(r.status)) << args.size();
+    EXPECT_NE(std::string::npos, r.err.find("usage:")) << r.err;
+  }
+  Result help = check({"--help"});
+  EXPECT_EQ(0, WEXITSTATUS(help.status));
+  EXPECT_NE(std::string::npos, help.out.find("--check FILE"));
+}
+
+TEST_F(RefreshCheck, AMissingFileSaysWhy) {
+  Result r = check({"--check", dir_ + "/absent.cfg"});
+  EXPECT_EQ(1, WEXITSTATUS(r.status));
+  EXPECT_EQ("tolkvask-refresh: cannot read " + dir_ + "/absent.cfg: No such file or directory\n", r.err);
 }
 
 // Runs last in this file: it fills the process-wide allowance of names.
