@@ -45,6 +45,7 @@ const char kUsage[] =
     "  --max-unsent-total SIZE  bytes all clients together may leave unread; the client\n"
     "                         whose frame would pass it is cut off (default 256M)\n"
     "  -h, --help             show this text\n"
+    "  --version              show the version (the only argument)\n"
     "root and the agent's own user may always connect.\n"
     "exit status: 0 after SIGTERM/SIGINT, 1 when the agent cannot run, 2 for usage errors.\n";
 

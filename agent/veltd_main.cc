@@ -5,8 +5,10 @@
 
 #include "agent.h"
 #include "agent_options.h"
+#include "velt_version.h"
 
 int main(int argc, char** argv) {
+  if (velt_print_version_when_asked(argc, argv, "veltd")) return 0;
   velt::agent::AgentOptions options;
   std::string error;
   switch (velt::agent::parseAgentOptions(argc, argv, &options, &error)) {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "src_client.h"
+#include "velt_version.h"
 
 namespace {
 
@@ -33,6 +34,7 @@ const char kUsage[] =
     "  -s NAME                     the subsystem (its socket is $VELT_SRC_DIR/NAME)\n"
     "  --timeout SECONDS           wait at most this long for each reply piece (default 30)\n"
     "  -h, --help                  show this text\n"
+    "  --version                   show the version (the only argument)\n"
     "put -- before a CODE or PARM3 that starts with '-'.\n"
     "replies are taken only from root, this user or the owner of the socket's directory\n"
     "(when nobody else can write there); others are ignored with a warning.\n"
@@ -183,6 +185,7 @@ int parseArguments(int argc, char** argv, Invocation* inv, bool* helpOnly) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (velt_print_version_when_asked(argc, argv, "srcctl")) return 0;
   Invocation inv;
   bool helpOnly = false;
   int rc = parseArguments(argc, argv, &inv, &helpOnly);

@@ -14,6 +14,7 @@
 #include <string.h>
 
 #include "AMAggregate.h"
+#include "velt_version.h"
 
 namespace {
 
@@ -25,8 +26,9 @@ int usage(const char* self, FILE* to, int status) {
   fprintf(to,
           "usage: %s -c refresh        check $SW_HERDLET_AGGIP_CFG (the daemon's refresh)\n"
           "       %s --check FILE      check FILE by hand\n"
+          "       %s --version\n"
           "exit status: 0 valid, 1 unreadable or with faulty lines or without a data line, 2 usage\n",
-          self, self);
+          self, self, self);
   return status;
 }
 
@@ -58,6 +60,7 @@ int check(const char* path) {
 
 int main(int argc, char** argv) {
   const char* self = argc > 0 ? argv[0] : "tolkvask-refresh";
+  if (velt_print_version_when_asked(argc, argv, "tolkvask-refresh")) return kExitOk;
   if (argc == 2 && (strcmp(argv[1], "-h") == 0 || strcmp(argv[1], "--help") == 0)) {
     return usage(self, stdout, kExitOk);
   }

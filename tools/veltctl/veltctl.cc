@@ -20,6 +20,7 @@
 #include "kor_types.h"
 #include "tool_options.h"
 #include "velt.pb.h"
+#include "velt_version.h"
 
 namespace {
 
@@ -51,6 +52,7 @@ const char kUsage[] =
     "  --json            print JSON (one object) instead of text\n"
     "  --timeout SECONDS wait at most this long for the agent (default 10)\n"
     "  -h, --help        show this text\n"
+    "  --version         show the version (the only argument)\n"
     "exit status: 0 on success, 1 when the agent cannot answer (not running, permission,\n"
     "unknown group, ...), 2 for usage errors.\n";
 
@@ -574,6 +576,7 @@ void printResources(const std::vector<velt::proto::Reply>& replies, bool json) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (velt_print_version_when_asked(argc, argv, "veltctl")) return 0;
   Invocation inv;
   bool helpOnly = false;
   int rc = parseArguments(argc, argv, &inv, &helpOnly);

@@ -20,6 +20,7 @@
 
 #include "tool_options.h"
 #include "velt_nam_api.h"
+#include "velt_version.h"
 
 namespace {
 
@@ -45,6 +46,7 @@ const char kUsage[] =
     "  --timeout SECONDS  wait at most this long for the daemon's answer and its\n"
     "                     first table (default 10)\n"
     "  -h, --help         show this text\n"
+    "  --version          show the version (the only argument)\n"
     "exit status: 0 on success (watch: when stopped by a signal), 1 on errors (such as\n"
     "permission: the socket admits root only), 2 for usage errors, 3 when the daemon\n"
     "is not running or goes away.\n";
@@ -368,6 +370,7 @@ class Viewer {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (velt_print_version_when_asked(argc, argv, "veltnam")) return 0;
   Invocation inv;
   bool helpOnly = false;
   int code = parseArguments(argc, argv, &inv, &helpOnly);
