@@ -385,7 +385,7 @@ TEST_F(VeltctlGroups, GroupsAndMembersInTextAndJson) {
   r = agent_.veltctl({"--json", "groups"});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out,
-            "{\"groups\":[{\"name\":\"alpha\",\"providers\":2,\"subscribers_here\":1,"
+            "{\"schema_version\":1,\"groups\":[{\"name\":\"alpha\",\"providers\":2,\"subscribers_here\":1,"
             "\"protocol_in_flight\":false}]}\n");
 
   r = agent_.veltctl({"members", "alpha"});
@@ -402,7 +402,7 @@ TEST_F(VeltctlGroups, GroupsAndMembersInTextAndJson) {
   r = agent_.veltctl({"members", "alpha", "--json"});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out,
-            "{\"group\":\"alpha\",\"providers\":[{\"instance\":1,\"node\":1},"
+            "{\"schema_version\":1,\"group\":\"alpha\",\"providers\":[{\"instance\":1,\"node\":1},"
             "{\"instance\":7,\"node\":1}],\"state_value_bytes\":5,\"state_value_hex\":\"68656c6c6f\","
             "\"protocol_in_flight\":false,\"subscribers_here\":1}\n");
 

@@ -131,7 +131,7 @@ TEST_F(VeltdKor, ResourcesListThisNodeWithTheIdOfTheStateDirectory) {
 
   r = agent_.veltctl({"--json", "resources"});
   ASSERT_EQ(0, r.status) << r.err;
-  EXPECT_EQ("{\"resources\":[{\"class\":\"Zel.PeerNode\",\"handle\":\"node/1\",\"attributes\":{"
+  EXPECT_EQ("{\"schema_version\":1,\"resources\":[{\"class\":\"Zel.PeerNode\",\"handle\":\"node/1\",\"attributes\":{"
             "\"NodeList\":[1],\"NodeIDs\":[\"" + id + "\"],\"Name\":\"\"}}]}\n",
             r.out);
 

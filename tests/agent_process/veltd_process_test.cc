@@ -654,7 +654,7 @@ TEST_F(Veltctl, StatusInTextAndJson) {
   r = agent_.veltctl({"status", "--json"});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out,
-            "{\"node\":4,\"agent_version\":\"2.5.0.0\",\"active_version\":\"2.5.0.0\","
+            "{\"schema_version\":1,\"node\":4,\"agent_version\":\"2.5.0.0\",\"active_version\":\"2.5.0.0\","
             "\"view_id\":1,\"view\":[4],\"groups\":0}\n");
 }
 
@@ -667,7 +667,7 @@ TEST_F(Veltctl, SocketFromTheEnvironment) {
   r = runCommand({veltctlPath(), "--json", "groups"}, {{"VELT_AGENT_SOCKET", agent_.socketPath()}},
                  kPromptMs);
   ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(r.out, "{\"groups\":[]}\n");
+  EXPECT_EQ(r.out, "{\"schema_version\":1,\"groups\":[]}\n");
 }
 
 TEST_F(Veltctl, UnknownGroupFailsWithAMessage) {
@@ -686,6 +686,26 @@ TEST(VeltctlWithoutAgent, SaysNoAgentIsRunning) {
   EXPECT_NE(r.err.find("veltctl: no agent is running at " + dir.file("none.sock")),
             std::string::npos)
       << r.err;
+}
+
+TEST(VeltctlWithoutAgent, WithJsonTheErrorIsAJsonObjectOnStandardOutput) {
+  TempDir dir;
+  CommandResult r = runCommand({veltctlPath(), "--socket", dir.file("none.sock"), "--json", "status"}, {},
+                               kPromptMs);
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.out.rfind("{\"schema_version\":1,\"error\":{\"exit_status\":1,\"kind\":\"failed\",\"message\":"
+                        "\"no agent is running at " + dir.file("none.sock"),
+                        0),
+            0u)
+      << r.out;
+  EXPECT_EQ('\n', r.out.back());
+  EXPECT_EQ(1, std::count(r.out.begin(), r.out.end(), '\n')) << "one line";
+  // A usage error too, wherever --json stands.
+  r = runCommand({veltctlPath(), "--json", "frobnicate"}, {}, kPromptMs);
+  EXPECT_EQ(r.status, 2);
+  EXPECT_EQ("{\"schema_version\":1,\"error\":{\"exit_status\":2,\"kind\":\"usage\",\"message\":"
+            "\"unknown command \\\"frobnicate\\\"\"}}\n",
+            r.out);
 }
 
 TEST(VeltctlWithoutAgent, UsageErrorsExitTwo) {

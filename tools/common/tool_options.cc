@@ -2,11 +2,43 @@
 
 #include <errno.h>
 #include <getopt.h>
+#include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/un.h>
 
 namespace velt {
 namespace tools {
+
+bool jsonAsked(int argc, char** argv) {
+  for (int i = 1; i < argc; ++i) {
+    if (strcmp(argv[i], "--json") == 0) return true;
+  }
+  return false;
+}
+
+std::string jsonQuoted(const std::string& text) {
+  std::string out = "\"";
+  for (unsigned char c : text) {
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += static_cast<char>(c);
+    } else if (c < 0x20) {
+      char esc[8];
+      snprintf(esc, sizeof esc, "\\u%04x", c);
+      out += esc;
+    } else {
+      out += static_cast<char>(c);
+    }
+  }
+  return out + "\"";
+}
+
+void printJsonError(int exitStatus, const char* kind, const std::string& message) {
+  printf("{\"schema_version\":%d,\"error\":{\"exit_status\":%d,\"kind\":%s,\"message\":%s}}\n", kJsonSchemaVersion,
+         exitStatus, jsonQuoted(kind).c_str(), jsonQuoted(message).c_str());
+  fflush(stdout);
+}
 
 std::string parseToolOptions(int argc, char** argv, const char* socketEnv, const char* defaultSocket,
                              ToolOptions* out) {

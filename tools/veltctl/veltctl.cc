@@ -63,12 +63,18 @@ struct Invocation : velt::tools::ToolOptions {
   std::vector<std::string> korClasses;
 };
 
+// Set from the arguments first thing: errors are then said as JSON on
+// standard output as well.
+bool jsonOutput = false;
+
 int usageError(const std::string& why) {
+  if (jsonOutput) velt::tools::printJsonError(kExitUsage, "usage", why);
   fprintf(stderr, "veltctl: %s\n%s", why.c_str(), kUsage);
   return kExitUsage;
 }
 
 int fail(const std::string& why) {
+  if (jsonOutput) velt::tools::printJsonError(kExitFailed, "failed", why);
   fprintf(stderr, "veltctl: %s\n", why.c_str());
   return kExitFailed;
 }
@@ -369,9 +375,9 @@ void printStatus(const velt::proto::QueryAnswer& a, bool json) {
   if (json) {
     std::string view;
     for (uint32_t n : a.view()) view += (view.empty() ? "" : ",") + std::to_string(n);
-    printf("{\"node\":%u,\"agent_version\":\"%s\",\"active_version\":\"%s\",\"view_id\":%llu,"
+    printf("{\"schema_version\":%d,\"node\":%u,\"agent_version\":\"%s\",\"active_version\":\"%s\",\"view_id\":%llu,"
            "\"view\":[%s],\"groups\":%d}\n",
-           a.node(), version(a.agent_version()).c_str(), version(a.active_version()).c_str(),
+           velt::tools::kJsonSchemaVersion, a.node(), version(a.agent_version()).c_str(), version(a.active_version()).c_str(),
            static_cast<unsigned long long>(a.view_id()), view.c_str(), a.groups_size());
     return;
   }
@@ -387,7 +393,7 @@ void printStatus(const velt::proto::QueryAnswer& a, bool json) {
 
 void printGroups(const velt::proto::QueryAnswer& a, bool json) {
   if (json) {
-    std::string out = "{\"groups\":[";
+    std::string out = "{\"schema_version\":" + std::to_string(velt::tools::kJsonSchemaVersion) + ",\"groups\":[";
     bool first = true;
     for (const velt::proto::GroupSummary& g : a.groups()) {
       if (!first) out += ",";
@@ -450,9 +456,9 @@ void printMembers(const velt::proto::QueryAnswer& a, bool json) {
                      ",\"node\":" + std::to_string(ad.node()) + "}";
     }
     std::string adapterField = adapters ? ",\"adapters\":[" + adapterList + "]" : "";
-    printf("{\"group\":%s,\"providers\":[%s]%s,\"state_value_bytes\":%zu,"
+    printf("{\"schema_version\":%d,\"group\":%s,\"providers\":[%s]%s,\"state_value_bytes\":%zu,"
            "\"state_value_hex\":\"%s\",\"protocol_in_flight\":%s,\"subscribers_here\":%u}\n",
-           jsonString(g.name()).c_str(), providers.c_str(), adapterField.c_str(),
+           velt::tools::kJsonSchemaVersion, jsonString(g.name()).c_str(), providers.c_str(), adapterField.c_str(),
            g.state_value().size(),
            hex(g.state_value()).c_str(), jsonBool(g.protocol_in_flight()).c_str(),
            g.subscribers_here());
@@ -558,7 +564,7 @@ void printResources(const std::vector<velt::proto::Reply>& replies, bool json) {
               jsonString(res.class_name()) + ",\"handle\":" + jsonString(res.handle()) +
               ",\"attributes\":{" + attrs + "}}";
     });
-    printf("{\"resources\":[%s]}\n", list.c_str());
+    printf("{\"schema_version\":%d,\"resources\":[%s]}\n", velt::tools::kJsonSchemaVersion, list.c_str());
     return;
   }
   bool first = true;
@@ -577,6 +583,7 @@ void printResources(const std::vector<velt::proto::Reply>& replies, bool json) {
 
 int main(int argc, char** argv) {
   if (velt_print_version_when_asked(argc, argv, "veltctl")) return 0;
+  jsonOutput = velt::tools::jsonAsked(argc, argv);
   Invocation inv;
   bool helpOnly = false;
   int rc = parseArguments(argc, argv, &inv, &helpOnly);

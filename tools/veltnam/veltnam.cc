@@ -56,12 +56,18 @@ struct Invocation : velt::tools::ToolOptions {
   bool watch = false;
 };
 
+// Set from the arguments first thing: errors are then said as JSON on
+// standard output as well.
+bool jsonOutput = false;
+
 int usageError(const std::string& why) {
+  if (jsonOutput) velt::tools::printJsonError(kExitUsage, "usage", why);
   fprintf(stderr, "veltnam: %s\n%s", why.c_str(), kUsage);
   return kExitUsage;
 }
 
 int fail(int code, const std::string& why) {
+  if (jsonOutput) velt::tools::printJsonError(code, code == kExitNoDaemon ? "no_daemon" : "failed", why);
   fprintf(stderr, "veltnam: %s\n", why.c_str());
   return code;
 }
@@ -222,7 +228,8 @@ class Viewer {
     const velt_nam_net_info& nets = *table_->net_info;
     const velt_nam_connect* rec = table_->adap_info;
     if (inv_.json) {
-      std::string out = "{\"node_number\":" + std::to_string(config.node_number) + ",\"active_version\":\"" +
+      std::string out = "{\"schema_version\":" + std::to_string(velt::tools::kJsonSchemaVersion) +
+                        ",\"node_number\":" + std::to_string(config.node_number) + ",\"active_version\":\"" +
                         versionText(static_cast<uint32_t>(config.supported_lib_version)) +
                         "\",\"mod_seq_num\":" + std::to_string(table_->mod_seq_num) + ",\"networks\":[";
       for (int n = 0; n < nets.num_networks; ++n) {
@@ -332,7 +339,8 @@ class Viewer {
     bool statusChanged = before != nullptr && before->record.status != rec.status;
     bool moved = before != nullptr && before->network != held.network;
     if (inv_.json) {
-      std::string out = "{\"time\":\"" + now + "\",\"event\":\"" + what + "\",\"network_id\":\"" +
+      std::string out = "{\"schema_version\":" + std::to_string(velt::tools::kJsonSchemaVersion) +
+                        ",\"time\":\"" + now + "\",\"event\":\"" + what + "\",\"network_id\":\"" +
                         networkText(held.network) + "\"," + adapterJson(rec);
       if (statusChanged) out += ",\"previous_status\":\"" + std::string(statusText(before->record.status)) + "\"";
       if (moved) out += ",\"previous_network_id\":\"" + networkText(before->network) + "\"";
@@ -371,6 +379,7 @@ class Viewer {
 
 int main(int argc, char** argv) {
   if (velt_print_version_when_asked(argc, argv, "veltnam")) return 0;
+  jsonOutput = velt::tools::jsonAsked(argc, argv);
   Invocation inv;
   bool helpOnly = false;
   int code = parseArguments(argc, argv, &inv, &helpOnly);

@@ -160,11 +160,13 @@ std::string afterTime(const std::string& line) {
   return sp == std::string::npos ? line : line.substr(sp + 1);
 }
 
+// The line after its schema version and time, which must come first.
 std::string afterJsonTime(const std::string& line) {
-  static const std::regex kJsonTime("^\\{\"time\":\"\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}Z\",");
-  EXPECT_TRUE(std::regex_search(line, kJsonTime)) << line;
-  size_t comma = line.find(',');
-  return comma == std::string::npos ? line : "{" + line.substr(comma + 1);
+  static const std::regex kJsonTime(
+      "^\\{\"schema_version\":1,\"time\":\"\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}Z\",");
+  std::smatch m;
+  EXPECT_TRUE(std::regex_search(line, m, kJsonTime)) << line;
+  return m.empty() ? line : "{" + line.substr(static_cast<size_t>(m.length(0)));
 }
 
 class VeltnamTool : public ::testing::Test {
@@ -204,7 +206,7 @@ TEST_F(VeltnamTool, ShowJsonIsOneObject) {
   auto run = startWithTable({"show", "--json"});
   EXPECT_EQ(run->wait(), 0) << run->err();
   EXPECT_EQ(run->out(),
-            "{\"node_number\":4,\"active_version\":\"2.4.5.0\",\"mod_seq_num\":1,\"networks\":["
+            "{\"schema_version\":1,\"node_number\":4,\"active_version\":\"2.4.5.0\",\"mod_seq_num\":1,\"networks\":["
             "{\"network_id\":\"0x0000000000000011\",\"num_connect\":3,\"num_up\":2,\"num_down\":1,\"num_other\":0,"
             "\"adapters\":["
             "{\"node\":1,\"interface\":\"sxn0\",\"device\":\"/dev/sxn0\",\"address\":\"10.1.0.1\",\"status\":\"up\","
@@ -291,6 +293,15 @@ TEST_F(VeltnamTool, NoDaemonIsExitThree) {
   ToolRun refused({"--socket", daemon_.socketPath(), "watch"});
   EXPECT_EQ(refused.wait(), 3);
   EXPECT_NE(refused.err().find("Connection refused"), std::string::npos) << refused.err();
+}
+
+TEST_F(VeltnamTool, WithJsonNoDaemonIsAJsonErrorOnStandardOutput) {
+  std::string none = daemon_.dir() + "/none.sock";
+  ToolRun missing({"--socket", none, "--json", "show"});
+  EXPECT_EQ(missing.wait(), 3);
+  EXPECT_EQ("{\"schema_version\":1,\"error\":{\"exit_status\":3,\"kind\":\"no_daemon\",\"message\":"
+            "\"no daemon is running at " + none + " (No such file or directory)\"}}\n",
+            missing.out());
 }
 
 TEST_F(VeltnamTool, ACallerTheSocketRefusesIsExitOne) {
