@@ -708,6 +708,28 @@ TEST(VeltctlWithoutAgent, WithJsonTheErrorIsAJsonObjectOnStandardOutput) {
             r.out);
 }
 
+TEST(VeltctlWithoutAgent, HealthIsThreeWhenNoAgentRuns) {
+  TempDir dir;
+  CommandResult r = runCommand({veltctlPath(), "--socket", dir.file("none.sock"), "health"}, {}, kPromptMs);
+  EXPECT_EQ(r.status, 3);
+  EXPECT_NE(r.err.find("veltctl: no agent is running at " + dir.file("none.sock")), std::string::npos) << r.err;
+  r = runCommand({veltctlPath(), "health", "now"}, {}, kPromptMs);
+  EXPECT_EQ(r.status, 2);
+}
+
+TEST_F(Veltctl, AStandaloneAgentIsHealthyAndSaysItsLinksAreNotKnown) {
+  startAgent({"--node", "4"});
+  CommandResult r = agent_.veltctl({"health"});
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+  EXPECT_NE(r.out.find("node 4; nodelist 4; view 4\n"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("knet links of this node: not known ("), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("\nhealthy\n"), std::string::npos) << r.out;
+  r = agent_.veltctl({"--json", "links"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out.rfind("{\"schema_version\":1,\"node\":4,\"adapters\":[", 0), 0u) << r.out;
+  EXPECT_NE(r.out.find("\"knet_links\":null,\"knet_links_unknown\":"), std::string::npos) << r.out;
+}
+
 TEST(VeltctlWithoutAgent, UsageErrorsExitTwo) {
   EXPECT_EQ(runCommand({veltctlPath()}, {}, kPromptMs).status, 2);
   EXPECT_EQ(runCommand({veltctlPath(), "frobnicate"}, {}, kPromptMs).status, 2);

@@ -821,6 +821,38 @@ TEST_F(ClusterAgents, PartitionKeepsBothSidesWorkingAndMergeDissolvesSharedGroup
 // fail and heal.
 class ClusterTopology : public ClusterTest {};
 
+// veltctl health on node 1: healthy, then degraded by a failed adapter
+// (named, exit 1), healthy again after the heal, then degraded by a node
+// outside the view after a partition.
+TEST_F(ClusterTopology, HealthSaysWhatIsDegradedAndIsHealthyAgainAfterwards) {
+  requireAgents();
+  if (HasFatalFailure()) return;
+  auto health = [] { return inNode(1, {"veltctl", "health"}); };
+  EXPECT_TRUE(waitUntil([&] { return health().status == 0; }, kAgentMs)) << describe(health());
+  ASSERT_EQ(0, cluster({"fail", "2", "sxn1"}).status);
+  EXPECT_TRUE(waitUntil(
+      [&] {
+        Result r = health();
+        return r.status == 1 && r.out.find("problem: node 2 adapter sxn1 (10.11.0.2) is DOWN\n") != std::string::npos;
+      },
+      kAgentMs))
+      << describe(health());
+  ASSERT_EQ(0, cluster({"heal", "2", "sxn1"}).status);
+  EXPECT_TRUE(waitUntil([&] { return health().status == 0; }, kLinkMs + kAgentMs)) << describe(health());
+  ASSERT_EQ(0, cluster({"partition", "3"}, kHarnessMs).status);
+  EXPECT_TRUE(waitUntil(
+      [&] {
+        Result r = health();
+        return r.status == 1 && r.out.find("problem: node 3 is not in the view\n") != std::string::npos;
+      },
+      kViewMs))
+      << describe(health());
+  Result json = inNode(1, {"veltctl", "--json", "health"});
+  EXPECT_EQ(1, json.status);
+  EXPECT_EQ(0u, json.out.rfind("{\"schema_version\":1,\"healthy\":false,\"node\":1,\"nodelist\":[1,2,3],", 0))
+      << json.out;
+}
+
 TEST_F(ClusterTopology, FailedAdapterLeavesRawGroupOnEveryNodeAndHealBringsItBack) {
   requireAgents();
   Result text = inNode(2, {"veltctl", "members", "allAdapterMembership"});

@@ -17,7 +17,9 @@
 #include <vector>
 
 #include "frame_io.h"
+#include "health.h"
 #include "kor_types.h"
+#include "topology_knet.h"
 #include "tool_options.h"
 #include "velt.pb.h"
 #include "velt_version.h"
@@ -47,6 +49,11 @@ const char kUsage[] =
     "  members GROUP     one group's providers and state value\n"
     "  resources [CLASS] the KOR resources of CLASS (Zel.PeerNode, Zel.NetworkInterface;\n"
     "                    default both) with every attribute\n"
+    "  health            0 when every node of corosync's nodelist is in the view and every\n"
+    "                    published adapter and this node's knet links are up; 1 and what is\n"
+    "                    not when degraded; 3 when the agent is not running\n"
+    "  links             per node every published adapter, UP or DOWN, and this node's knet\n"
+    "                    links\n"
     "options:\n"
     "  --socket PATH     the agent socket (default $VELT_AGENT_SOCKET, else /run/velt/agent.sock)\n"
     "  --json            print JSON (one object) instead of text\n"
@@ -61,7 +68,14 @@ struct Invocation : velt::tools::ToolOptions {
   velt::proto::Query query;
   // resources: one KOR query per class, in order.
   std::vector<std::string> korClasses;
+  bool health = false;  // health or links
+  bool links = false;
 };
+
+// Exit status of health when no agent listens at the socket.
+constexpr int kExitNoAgent = 3;
+// Set by the connection when nobody listens at the socket.
+bool agentMissing = false;
 
 // Set from the arguments first thing: errors are then said as JSON on
 // standard output as well.
@@ -104,6 +118,10 @@ int parseArguments(int argc, char** argv, Invocation* inv, bool* helpOnly) {
     }
     inv->query.set_kind(velt::proto::Query::MEMBERS);
     inv->query.set_group(words[1]);
+  } else if (cmd == "health" || cmd == "links") {
+    if (words.size() != 1) return usageError(cmd + " takes no arguments");
+    inv->health = true;
+    inv->links = cmd == "links";
   } else if (cmd == "resources") {
     if (words.size() > 2) return usageError("resources takes at most one CLASS");
     if (words.size() == 2) {
@@ -145,6 +163,7 @@ class AgentConnection {
     if (connect(fd_, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) != 0) {
       int err = errno;
       if (err == ENOENT || err == ECONNREFUSED || err == ENOTDIR) {
+        agentMissing = true;
         return fail("no agent is running at " + path_ + " (" + errnoText(err) + ")");
       }
       if (err == EACCES || err == EPERM) {
@@ -579,6 +598,150 @@ void printResources(const std::vector<velt::proto::Reply>& replies, bool json) {
   if (first) printf("no resources\n");
 }
 
+// ------------------------------------------------------------ health
+
+std::string nodeListText(const std::vector<uint32_t>& nodes, bool json) {
+  std::string out;
+  for (uint32_t n : nodes) out += (out.empty() ? "" : json ? "," : " ") + std::to_string(n);
+  return json ? "[" + out + "]" : (out.empty() ? "(none)" : out);
+}
+
+// This node's knet links as its corosync reports them; false (with *why)
+// when corosync cannot be asked, as beside a standalone agent.
+bool askKnetLinks(uint32_t self, const std::vector<uint32_t>& view, std::vector<velt::tools::KnetLink>* out,
+                  std::string* why) {
+  std::vector<uint32_t> others;
+  for (uint32_t n : view) {
+    if (n != self) others.push_back(n);
+  }
+  velt::agent::KnetLinkMonitor monitor;
+  std::vector<velt::agent::AdapterTracker::LinkState> states;
+  if (monitor.poll(self, others, &states, why) != 0) return false;
+  for (const velt::agent::AdapterTracker::LinkState& st : states) {
+    velt::tools::KnetLink l;
+    l.link = st.link;
+    l.address = st.localAddress.size() == 4 ? addressText(st.localAddress) : "";
+    l.connected = st.connected;
+    out->push_back(l);
+  }
+  return true;
+}
+
+// Asks the agent what health and links judge. Returns kExitOk, or the
+// status to end with (kExitNoAgent when nobody listens).
+int gatherHealth(const Invocation& inv, velt::tools::HealthReport* report) {
+  velt::proto::Request status;
+  status.mutable_query()->set_kind(velt::proto::Query::STATUS);
+  velt::proto::Request groups;
+  groups.mutable_query()->set_kind(velt::proto::Query::GROUPS);
+  std::vector<velt::proto::Reply> first;
+  int rc = ask(inv, {status, groups}, &first);
+  if (rc != kExitOk) return agentMissing ? kExitNoAgent : rc;
+  velt::proto::GroupSummary raw;
+  bool haveRaw = false;
+  for (const velt::proto::GroupSummary& g : first[1].answer().groups()) haveRaw = haveRaw || g.name() == "allAdapterMembership";
+  std::vector<velt::proto::Request> rest;
+  for (const char* c : {KOR_CLASS_PEER_NODE, KOR_CLASS_NETWORK_INTERFACE}) {
+    velt::proto::Request r;
+    r.mutable_kor_query()->set_class_name(c);
+    r.mutable_kor_query()->set_rows(true);
+    rest.push_back(r);
+  }
+  std::vector<velt::proto::Reply> kor;
+  if ((rc = ask(inv, rest, &kor)) != kExitOk) return rc;
+  if (haveRaw) {
+    velt::proto::Request members;
+    members.mutable_query()->set_kind(velt::proto::Query::MEMBERS);
+    members.mutable_query()->set_group("allAdapterMembership");
+    std::vector<velt::proto::Reply> answer;
+    if ((rc = ask(inv, {members}, &answer)) != kExitOk) return rc;
+    if (answer.front().answer().groups_size() == 1) raw = answer.front().answer().groups(0);
+  }
+  std::vector<velt::proto::KorResource> peers;
+  std::vector<velt::proto::KorResource> interfaces;
+  forEachResource(kor, [&](const velt::proto::KorResource& r) {
+    (r.class_name() == KOR_CLASS_PEER_NODE ? peers : interfaces).push_back(r);
+  });
+  const velt::proto::QueryAnswer& st = first[0].answer();
+  std::vector<uint32_t> view(st.view().begin(), st.view().end());
+  std::vector<velt::tools::KnetLink> links;
+  std::string why;
+  bool known = askKnetLinks(st.node(), view, &links, &why);
+  *report = velt::tools::assessHealth(st, raw, peers, interfaces, known ? &links : nullptr, why);
+  return kExitOk;
+}
+
+std::string adaptersJson(const velt::tools::HealthReport& h) {
+  std::string out;
+  for (const velt::tools::AdapterHealth& a : h.adapters) {
+    out += std::string(out.empty() ? "" : ",") + "{\"node\":" + std::to_string(a.node) +
+           ",\"interface\":" + jsonString(a.interface) + ",\"address\":" + jsonString(a.address) +
+           ",\"state\":\"" + (a.up ? "UP" : "DOWN") + "\",\"node_in_view\":" + jsonBool(a.nodeInView) + "}";
+  }
+  return "[" + out + "]";
+}
+
+std::string linksJson(const velt::tools::HealthReport& h) {
+  if (!h.linksKnown) return "null,\"knet_links_unknown\":" + jsonString(h.linksWhy);
+  std::string out;
+  for (const velt::tools::KnetLink& l : h.links) {
+    out += std::string(out.empty() ? "" : ",") + "{\"link\":" + std::to_string(l.link) +
+           ",\"address\":" + jsonString(l.address) + ",\"state\":\"" + (l.connected ? "connected" : "down") +
+           "\"}";
+  }
+  return "[" + out + "]";
+}
+
+void printHealth(const velt::tools::HealthReport& h, bool json) {
+  const bool healthy = h.problems.empty();
+  if (json) {
+    std::string problems;
+    for (const std::string& p : h.problems) problems += (problems.empty() ? "" : ",") + jsonString(p);
+    printf("{\"schema_version\":%d,\"healthy\":%s,\"node\":%u,\"nodelist\":%s,\"view\":%s,\"problems\":[%s],"
+           "\"adapters\":%s,\"knet_links\":%s}\n",
+           velt::tools::kJsonSchemaVersion, jsonBool(healthy).c_str(), h.self, nodeListText(h.nodelist, true).c_str(),
+           nodeListText(h.view, true).c_str(), problems.c_str(), adaptersJson(h).c_str(), linksJson(h).c_str());
+    return;
+  }
+  size_t up = 0;
+  for (const velt::tools::AdapterHealth& a : h.adapters) up += a.up ? 1 : 0;
+  size_t connected = 0;
+  for (const velt::tools::KnetLink& l : h.links) connected += l.connected ? 1 : 0;
+  printf("node %u; nodelist %s; view %s\n", h.self, nodeListText(h.nodelist, false).c_str(),
+         nodeListText(h.view, false).c_str());
+  printf("adapters: %zu of %zu up\n", up, h.adapters.size());
+  if (h.linksKnown) {
+    printf("knet links of this node: %zu of %zu connected\n", connected, h.links.size());
+  } else {
+    printf("knet links of this node: not known (%s)\n", h.linksWhy.c_str());
+  }
+  for (const std::string& p : h.problems) printf("problem: %s\n", p.c_str());
+  printf("%s\n", healthy ? "healthy" : ("degraded: " + std::to_string(h.problems.size()) +
+                                           (h.problems.size() == 1 ? " problem" : " problems")).c_str());
+}
+
+void printLinks(const velt::tools::HealthReport& h, bool json) {
+  if (json) {
+    printf("{\"schema_version\":%d,\"node\":%u,\"adapters\":%s,\"knet_links\":%s}\n",
+           velt::tools::kJsonSchemaVersion, h.self, adaptersJson(h).c_str(), linksJson(h).c_str());
+    return;
+  }
+  printf("%5s  %-15s  %-15s  %s\n", "NODE", "INTERFACE", "ADDRESS", "ADAPTER");
+  for (const velt::tools::AdapterHealth& a : h.adapters) {
+    printf("%5u  %-15s  %-15s  %s%s\n", a.node, printable(a.interface).c_str(), printable(a.address).c_str(),
+           a.up ? "UP" : "DOWN", a.nodeInView ? "" : " (node not in the view)");
+  }
+  if (!h.linksKnown) {
+    printf("knet links of node %u: not known (%s)\n", h.self, h.linksWhy.c_str());
+    return;
+  }
+  printf("knet links of node %u:\n%5s  %-15s  %s\n", h.self, "LINK", "ADDRESS", "STATE");
+  for (const velt::tools::KnetLink& l : h.links) {
+    printf("%5u  %-15s  %s\n", l.link, l.address.empty() ? "-" : l.address.c_str(),
+           l.connected ? "connected" : "DOWN");
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -591,6 +754,18 @@ int main(int argc, char** argv) {
   if (helpOnly) {
     fputs(kUsage, stdout);
     return kExitOk;
+  }
+  if (inv.health) {
+    velt::tools::HealthReport report;
+    rc = gatherHealth(inv, &report);
+    if (rc != kExitOk) return rc;
+    if (inv.links) {
+      printLinks(report, inv.json);
+    } else {
+      printHealth(report, inv.json);
+    }
+    if (fflush(stdout) != 0) return fail("cannot write the output: " + errnoText(errno));
+    return inv.links || report.problems.empty() ? kExitOk : kExitFailed;
   }
   std::vector<velt::proto::Request> requests;
   if (!inv.korClasses.empty()) {
