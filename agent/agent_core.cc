@@ -323,6 +323,7 @@ void AgentCore::answerQuery(ClientPort& client, const proto::Request& request) {
   a->set_node(bus_->selfNode());
   a->set_agent_version(settings_.agentVersion);
   a->set_active_version(activeVersion());
+  a->set_client_sessions(static_cast<uint32_t>(clients_.size()));
   auto* groups = a->mutable_groups();
   if (q.kind() == proto::Query::MEMBERS) {
     auto it = std::find_if(groups->begin(), groups->end(),

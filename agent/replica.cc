@@ -56,6 +56,22 @@ bool sameDeadlines(const std::vector<Deadline>& a, const std::vector<Deadline>& 
 // and every agent applies each origin's numbers once and in order.
 // Owned like the Replica, by the agent's event loop thread.
 struct Replica::Impl {
+  // What this agent sent on the bus and what the bus delivered to it, for
+  // the operators' metrics.
+  uint64_t messagesSent = 0;
+  uint64_t bytesSent = 0;
+  uint64_t messagesReceived = 0;
+  uint64_t bytesReceived = 0;
+  // Every multicast of the replica goes through here, so that it counts.
+  int multicast(const std::string& bytes) {
+    int rc = bus->multicast(bytes);
+    if (rc == 0) {
+      ++messagesSent;
+      bytesSent += bytes.size();
+    }
+    return rc;
+  }
+
   struct Incoming {
     bool isView = false;
     View view;
@@ -298,7 +314,7 @@ int Replica::Impl::sendOwn(proto::BusMessage* m) {
     flushOutgoing();
     return 0;
   }
-  int rc = bus->multicast(bytes);
+  int rc = multicast(bytes);
   if (rc != 0) return rc;
   unacked.push_back(Unacked{nextSeq++, std::move(bytes)});
   sendNext = unacked.size();
@@ -308,13 +324,13 @@ int Replica::Impl::sendOwn(proto::BusMessage* m) {
 int Replica::Impl::flushOutgoing() {
   if (!hasView) return 0;
   if (snapshotPending) {
-    int rc = bus->multicast(snapshotOut);
+    int rc = multicast(snapshotOut);
     if (rc != 0) return rc;  // tried again on the next event or flushPending
     snapshotPending = false;
     std::string().swap(snapshotOut);
   }
   while (sendNext < unacked.size()) {
-    int rc = bus->multicast(unacked[sendNext].bytes);
+    int rc = multicast(unacked[sendNext].bytes);
     if (rc != 0) return rc;
     ++sendNext;
   }
@@ -379,6 +395,8 @@ void Replica::onView(const View& view) {
 }
 
 void Replica::onMessage(uint32_t from, const std::string& bytes) {
+  ++impl_->messagesReceived;
+  impl_->bytesReceived += bytes.size();
   // With nothing waiting before it the message is handled where it lies:
   // a snapshot may be tens of megabytes, not to be copied for the queue.
   if (!impl_->draining && impl_->incoming.empty()) {
@@ -442,7 +460,7 @@ int Replica::fireTimeout(const Deadline& deadline) {
   t->set_group(deadline.group);
   t->set_protocol(deadline.protocol);
   t->set_phase(deadline.phase);
-  return impl_->bus->multicast(m.SerializeAsString());
+  return impl_->multicast(m.SerializeAsString());
 }
 
 int Replica::reportNodeList(const std::vector<proto::NodeEntry>& nodes) {
@@ -492,6 +510,10 @@ proto::QueryAnswer Replica::describe() const {
   a.set_active_version(activeVersion());
   for (uint32_t n : impl_->view.members) a.add_view(n);
   a.set_view_id(impl_->view.id);
+  a.set_bus_messages_sent(impl_->messagesSent);
+  a.set_bus_bytes_sent(impl_->bytesSent);
+  a.set_bus_messages_received(impl_->messagesReceived);
+  a.set_bus_bytes_received(impl_->bytesReceived);
   impl_->state->describeGroups(&a);
   return a;
 }

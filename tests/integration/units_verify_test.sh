@@ -26,15 +26,16 @@ if [ ! -f "$root/lib/systemd/system/corosync.service" ]; then
   printf '[Unit]\nDescription=stand-in for corosync\n[Service]\nExecStart=/bin/true\n' \
     >"$root/lib/systemd/system/corosync.service"
 fi
-for b in usr/sbin/veltd usr/sbin/tolkvaskd usr/bin/srcctl; do
+for b in usr/sbin/veltd usr/sbin/tolkvaskd usr/bin/srcctl usr/bin/veltctl; do
   printf '#!/bin/sh\n' >"$root/$b"
   chmod +x "$root/$b"
 done
 cp /bin/sh "$root/bin/sh"
 cp "$src"/deploy/veltd.env "$src"/deploy/tolkvaskd.env "$root/etc/velt/"
-cp "$src"/deploy/veltd.service "$src"/deploy/tolkvaskd.service "$root/etc/systemd/system/"
+cp "$src"/deploy/veltd.service "$src"/deploy/tolkvaskd.service "$src"/deploy/veltctl-metrics.service \
+   "$src"/deploy/veltctl-metrics.timer "$root/etc/systemd/system/"
 
-for unit in veltd.service tolkvaskd.service; do
+for unit in veltd.service tolkvaskd.service veltctl-metrics.service veltctl-metrics.timer; do
   set +e
   said=$(systemd-analyze verify --man=no --root="$root" "$root/etc/systemd/system/$unit" 2>&1)
   rc=$?

@@ -54,6 +54,8 @@ const char kUsage[] =
     "                    not when degraded; 3 when the agent is not running\n"
     "  links             per node every published adapter, UP or DOWN, and this node's knet\n"
     "                    links\n"
+    "  metrics           the same and the groups, the view and the agent's bus traffic in\n"
+    "                    the Prometheus text format (for node_exporter's textfile collector)\n"
     "options:\n"
     "  --socket PATH     the agent socket (default $VELT_AGENT_SOCKET, else /run/velt/agent.sock)\n"
     "  --json            print JSON (one object) instead of text\n"
@@ -68,8 +70,9 @@ struct Invocation : velt::tools::ToolOptions {
   velt::proto::Query query;
   // resources: one KOR query per class, in order.
   std::vector<std::string> korClasses;
-  bool health = false;  // health or links
+  bool health = false;  // health, links or metrics
   bool links = false;
+  bool metrics = false;
 };
 
 // Exit status of health when no agent listens at the socket.
@@ -118,10 +121,12 @@ int parseArguments(int argc, char** argv, Invocation* inv, bool* helpOnly) {
     }
     inv->query.set_kind(velt::proto::Query::MEMBERS);
     inv->query.set_group(words[1]);
-  } else if (cmd == "health" || cmd == "links") {
+  } else if (cmd == "health" || cmd == "links" || cmd == "metrics") {
     if (words.size() != 1) return usageError(cmd + " takes no arguments");
+    if (cmd == "metrics" && inv->json) return usageError("metrics has no JSON form: it is the Prometheus text format");
     inv->health = true;
     inv->links = cmd == "links";
+    inv->metrics = cmd == "metrics";
   } else if (cmd == "resources") {
     if (words.size() > 2) return usageError("resources takes at most one CLASS");
     if (words.size() == 2) {
@@ -629,7 +634,8 @@ bool askKnetLinks(uint32_t self, const std::vector<uint32_t>& view, std::vector<
 
 // Asks the agent what health and links judge. Returns kExitOk, or the
 // status to end with (kExitNoAgent when nobody listens).
-int gatherHealth(const Invocation& inv, velt::tools::HealthReport* report) {
+int gatherHealth(const Invocation& inv, velt::tools::HealthReport* report, velt::proto::QueryAnswer* statusAnswer,
+                 velt::proto::QueryAnswer* groupsAnswer) {
   velt::proto::Request status;
   status.mutable_query()->set_kind(velt::proto::Query::STATUS);
   velt::proto::Request groups;
@@ -668,6 +674,8 @@ int gatherHealth(const Invocation& inv, velt::tools::HealthReport* report) {
   std::string why;
   bool known = askKnetLinks(st.node(), view, &links, &why);
   *report = velt::tools::assessHealth(st, raw, peers, interfaces, known ? &links : nullptr, why);
+  *statusAnswer = st;
+  *groupsAnswer = first[1].answer();
   return kExitOk;
 }
 
@@ -742,6 +750,90 @@ void printLinks(const velt::tools::HealthReport& h, bool json) {
   }
 }
 
+// ------------------------------------------------------------ metrics
+
+// A label value in the text format: backslash, double quote and newline
+// escaped.
+std::string labelValue(const std::string& v) {
+  std::string out;
+  for (char c : v) {
+    if (c == '\\' || c == '"') {
+      out += '\\';
+      out += c;
+    } else if (c == '\n') {
+      out += "\\n";
+    } else {
+      out += c;
+    }
+  }
+  return out;
+}
+
+// One metric family: its HELP and TYPE, then its samples.
+void family(const char* name, const char* type, const char* help,
+            const std::vector<std::pair<std::string, uint64_t>>& samples) {
+  printf("# HELP %s %s\n# TYPE %s %s\n", name, help, name, type);
+  for (const auto& s : samples) {
+    printf("%s%s %llu\n", name, s.first.c_str(), static_cast<unsigned long long>(s.second));
+  }
+}
+
+void printMetrics(const velt::tools::HealthReport& h, const velt::proto::QueryAnswer& status,
+                  const velt::proto::QueryAnswer& groups) {
+  using Samples = std::vector<std::pair<std::string, uint64_t>>;
+  const std::string self = std::to_string(h.self);
+  family("velt_view_nodes", "gauge", "Nodes in the agent's view of the cluster.", {{"", h.view.size()}});
+  family("velt_nodelist_nodes", "gauge", "Nodes of corosync's nodelist.", {{"", h.nodelist.size()}});
+  Samples inView;
+  for (uint32_t n : h.nodelist) {
+    bool in = std::find(h.view.begin(), h.view.end(), n) != h.view.end();
+    inView.push_back({"{node=\"" + std::to_string(n) + "\"}", in ? 1 : 0});
+  }
+  family("velt_node_in_view", "gauge", "1 when the node of the nodelist is in the view.", inView);
+  Samples adapters;
+  uint64_t up = 0;
+  for (const velt::tools::AdapterHealth& a : h.adapters) {
+    adapters.push_back({"{node=\"" + std::to_string(a.node) + "\",network=\"" + labelValue(a.interface) +
+                            "\",address=\"" + labelValue(a.address) + "\"}",
+                        a.up ? 1 : 0});
+    up += a.up ? 1 : 0;
+  }
+  family("velt_adapter_up", "gauge", "1 when the published adapter is alive in the raw adapter group.", adapters);
+  family("velt_adapters", "gauge", "Published adapters by state.",
+         {{"{state=\"up\"}", up}, {"{state=\"down\"}", h.adapters.size() - up}});
+  if (h.linksKnown) {
+    Samples links;
+    uint64_t connected = 0;
+    for (const velt::tools::KnetLink& l : h.links) {
+      links.push_back({"{node=\"" + self + "\",link=\"" + std::to_string(l.link) + "\",address=\"" +
+                           labelValue(l.address) + "\"}",
+                       l.connected ? 1 : 0});
+      connected += l.connected ? 1 : 0;
+    }
+    family("velt_knet_link_up", "gauge", "1 when this node's knet link reaches another node.", links);
+    family("velt_knet_links", "gauge", "This node's knet links by state.",
+           {{"{node=\"" + self + "\",state=\"up\"}", connected},
+            {"{node=\"" + self + "\",state=\"down\"}", h.links.size() - connected}});
+  }
+  family("velt_health_problems", "gauge", "What veltctl health counts as problems (0: healthy).",
+         {{"", h.problems.size()}});
+  family("velt_groups", "gauge", "Groups the agents hold.", {{"", static_cast<uint64_t>(groups.groups_size())}});
+  Samples providers;
+  for (const velt::proto::GroupSummary& g : groups.groups()) {
+    providers.push_back({"{group=\"" + labelValue(g.name()) + "\"}", static_cast<uint64_t>(g.providers_size())});
+  }
+  family("velt_group_providers", "gauge", "Providers of each group.", providers);
+  family("velt_bus_messages_sent_total", "counter", "Messages this agent sent on the cluster bus (CPG).",
+         {{"", status.bus_messages_sent()}});
+  family("velt_bus_bytes_sent_total", "counter", "Bytes of those messages.", {{"", status.bus_bytes_sent()}});
+  family("velt_bus_messages_received_total", "counter",
+         "Messages the cluster bus delivered to this agent (its own included).", {{"", status.bus_messages_received()}});
+  family("velt_bus_bytes_received_total", "counter", "Bytes of those messages.", {{"", status.bus_bytes_received()}});
+  family("velt_agent_client_sessions", "gauge",
+         "Client connections the agent serves (the daemon and the tools among them).",
+         {{"", status.client_sessions()}});
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -757,8 +849,15 @@ int main(int argc, char** argv) {
   }
   if (inv.health) {
     velt::tools::HealthReport report;
-    rc = gatherHealth(inv, &report);
+    velt::proto::QueryAnswer status;
+    velt::proto::QueryAnswer groups;
+    rc = gatherHealth(inv, &report, &status, &groups);
     if (rc != kExitOk) return rc;
+    if (inv.metrics) {
+      printMetrics(report, status, groups);
+      if (fflush(stdout) != 0) return fail("cannot write the output: " + errnoText(errno));
+      return kExitOk;
+    }
     if (inv.links) {
       printLinks(report, inv.json);
     } else {
