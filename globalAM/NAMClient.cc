@@ -234,7 +234,11 @@ bool NAMClient::sendInitialMessages() {
   velt_nam_msg_hdr hdr = {VELT_NAM_DAEMON_INIT_MSG, static_cast<int32_t>(sizeof(velt_nam_init_daemon_msg))};
   velt_nam_init_daemon_msg answer;
   memset(&answer, 0, sizeof answer);
-  answer.velt_active_version = version;
+  answer.velt_active_version.gs_version = version.gs_version;
+  answer.velt_active_version.gs_release = version.gs_release;
+  answer.velt_active_version.gs_modification = version.gs_modification;
+  answer.velt_active_version.gs_fix = version.gs_fix;
+  answer.velt_active_version.quick_version = version.quick_version;
   answer.velt_nam_max_adapter_info = MaxNodesInDomain * MaxAdaptersOnNode;
   answer.velt_nam_max_networks = VELT_NAM_MAX_NETWORKS;
   answer.node_number = myNodeNumber;

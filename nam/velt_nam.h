@@ -16,7 +16,6 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include "gs_types.h" /* tk_gs_velt_version_t */
 
 #ifdef __cplusplus
 extern "C" {
@@ -99,9 +98,19 @@ typedef struct {
   int32_t pid;
 } velt_nam_init_lib_msg;
 
+/* A software version: version, release, modification, fix, then the four
+   packed into one word, most significant first (12 bytes). */
+typedef struct {
+  uint16_t gs_version;
+  uint16_t gs_release;
+  uint16_t gs_modification;
+  uint16_t gs_fix;
+  uint32_t quick_version;
+} velt_nam_version_t;
+
 /* What the daemon tells a new client (24 bytes). */
 typedef struct {
-  tk_gs_velt_version_t velt_active_version; /* the cluster's active version */
+  velt_nam_version_t velt_active_version;   /* the cluster's active version */
   int32_t velt_nam_max_adapter_info;        /* VELT_NAM_MAX_ADAPTER_INFO */
   int32_t velt_nam_max_networks;            /* VELT_NAM_MAX_NETWORKS */
   int32_t node_number;                      /* the daemon's node */
@@ -186,7 +195,7 @@ VELT_NAM_STATIC_ASSERT(sizeof(velt_nam_init_lib_msg) == 20, "velt_nam_init_lib_m
 VELT_NAM_STATIC_ASSERT(offsetof(velt_nam_init_lib_msg, lib_version) == 8, "lib_version at 8");
 VELT_NAM_STATIC_ASSERT(offsetof(velt_nam_init_lib_msg, capability) == 12, "capability at 12");
 VELT_NAM_STATIC_ASSERT(offsetof(velt_nam_init_lib_msg, pid) == 16, "pid at 16");
-VELT_NAM_STATIC_ASSERT(sizeof(tk_gs_velt_version_t) == 12, "the version record is 12 bytes");
+VELT_NAM_STATIC_ASSERT(sizeof(velt_nam_version_t) == 12, "the version record is 12 bytes");
 VELT_NAM_STATIC_ASSERT(sizeof(velt_nam_daemon_config) == 24, "velt_nam_daemon_config is 24 bytes");
 VELT_NAM_STATIC_ASSERT(offsetof(velt_nam_daemon_config, velt_nam_max_adapter_info) == 12, "max adapters at 12");
 VELT_NAM_STATIC_ASSERT(offsetof(velt_nam_daemon_config, velt_nam_max_networks) == 16, "max networks at 16");
