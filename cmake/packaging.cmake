@@ -14,6 +14,11 @@ set(CPACK_WARN_ON_ABSOLUTE_INSTALL_DESTINATION OFF)
 install(FILES deploy/veltd.env deploy/tolkvaskd.env DESTINATION ${VELT_SYSCONF_DIR}/velt)
 install(FILES deploy/velt.logrotate DESTINATION ${VELT_SYSCONF_DIR}/logrotate.d RENAME velt)
 install(FILES README.md deploy/corosync.conf.in DESTINATION ${CMAKE_INSTALL_DOCDIR})
+# The manual pages, written in troff (man/), installed as they are.
+foreach(page tolkvaskd.8 veltd.8 srcctl.8 veltctl.8 veltnam.1 AggregateIP.cfg.5 libveltnam.3)
+  string(REGEX MATCH "[0-9]$" section ${page})
+  install(FILES man/${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
+endforeach()
 install(FILES deploy/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR} RENAME README.deploy.md)
 
 set(CPACK_GENERATOR DEB)

@@ -37,7 +37,10 @@ for f in /usr/sbin/tolkvaskd /usr/sbin/veltd /usr/bin/srcctl /usr/bin/veltctl /u
          /usr/include/velt/velt_nam.h /usr/include/velt/velt_nam_api.h /usr/lib/pkgconfig/veltnam.pc \
          /usr/lib/systemd/system/veltd.service /usr/lib/systemd/system/tolkvaskd.service \
          /usr/lib/systemd/system/veltctl-metrics.service /usr/lib/systemd/system/veltctl-metrics.timer \
-         /etc/velt/veltd.env /etc/velt/tolkvaskd.env /etc/logrotate.d/velt /usr/share/doc/velt/README.md; do
+         /etc/velt/veltd.env /etc/velt/tolkvaskd.env /etc/logrotate.d/velt /usr/share/doc/velt/README.md \
+         /usr/share/man/man8/tolkvaskd.8 /usr/share/man/man8/veltd.8 /usr/share/man/man8/srcctl.8 \
+         /usr/share/man/man8/veltctl.8 /usr/share/man/man1/veltnam.1 /usr/share/man/man5/AggregateIP.cfg.5 \
+         /usr/share/man/man3/libveltnam.3; do
   grep -qx "$f" "$work/files" || fail "the package lacks $f"
 done
 if grep -E 'test|bench|fuzz' "$work/files"; then fail "the package holds test or benchmark files"; fi
