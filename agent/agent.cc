@@ -225,8 +225,26 @@ int Agent::run() {
   return exitStatus_;
 }
 
+void Agent::waitForSignal() {
+  signals_.async_wait([this](const std::error_code& ec, int signo) {
+    if (ec) return;
+    if (signo == SIGHUP) {
+      int rc = log_.reopen();
+      if (rc != 0) {
+        log_.lineAt(LogLevel::kError, "cannot open the log %s again: %s", options_.logPath.c_str(),
+                    errnoText(rc).c_str());
+      } else {
+        log_.line("the log is opened again (SIGHUP)");
+      }
+      waitForSignal();
+      return;
+    }
+    stop(0, std::string("stopping on ") + (signo == SIGTERM ? "SIGTERM" : "SIGINT"));
+  });
+}
+
 void Agent::fail(const std::string& text) {
-  log_.line("%s", text.c_str());
+  log_.lineAt(LogLevel::kError, "%s", text.c_str());
   // A start-up failure also goes to standard error when the log is a file,
   // so that whoever started the agent sees it.
   if (!options_.logPath.empty()) fprintf(stderr, "veltd: %s\n", text.c_str());
@@ -246,10 +264,9 @@ int Agent::start() {
   // of killing it.
   signals_.add(SIGTERM);
   signals_.add(SIGINT);
-  signals_.async_wait([this](const std::error_code& ec, int signo) {
-    if (ec) return;
-    stop(0, std::string("stopping on ") + (signo == SIGTERM ? "SIGTERM" : "SIGINT"));
-  });
+  // SIGHUP opens the log file again, for logrotate.
+  signals_.add(SIGHUP);
+  waitForSignal();
 
   int status = 0;
   bus_ = makeBus(&status);
@@ -364,7 +381,7 @@ void Agent::raiseDescriptorLimit() {
     setrlimit(RLIMIT_NOFILE, &rl);
   }
   if (soft < want) {
-    log_.line("only %llu descriptors may be open: fewer than %zu clients will be able to connect",
+    log_.lineAt(LogLevel::kWarning, "only %llu descriptors may be open: fewer than %zu clients will be able to connect",
               static_cast<unsigned long long>(soft), options_.maxClients);
   }
 }
@@ -540,7 +557,7 @@ void Agent::acceptClients() {
       }
       // Out of descriptors or memory: the pending connections stay in the
       // backlog and are tried again a little later, not in a tight loop.
-      if (!acceptPaused_) log_.line("cannot accept clients for now: %s", errnoText(err).c_str());
+      if (!acceptPaused_) log_.lineAt(LogLevel::kWarning, "cannot accept clients for now: %s", errnoText(err).c_str());
       acceptPaused_ = true;
       acceptRetry_.expires_after(kAcceptRetry);
       acceptRetry_.async_wait([this](const std::error_code& ec) {
@@ -556,7 +573,7 @@ void Agent::acceptClients() {
     struct ucred cred;
     socklen_t len = sizeof cred;
     if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0) {
-      log_.line("a client connection without credentials (%s) is closed", errnoText(errno).c_str());
+      log_.lineAt(LogLevel::kWarning, "a client connection without credentials (%s) is closed", errnoText(errno).c_str());
       ::close(fd);
       continue;
     }
@@ -727,7 +744,7 @@ int Agent::startKor() {
       return -1;
     }
     // The file's form ends in a newline; a log line takes the digits only.
-    log_.line("KOR: node id %s is used, but cannot be kept: %s",
+    log_.lineAt(LogLevel::kWarning, "KOR: node id %s is used, but cannot be kept: %s",
               formatNodeId(id).substr(0, 16).c_str(), why.c_str());
   } else if (!why.empty()) {
     log_.line("KOR: %s", why.c_str());
@@ -746,11 +763,11 @@ int Agent::startKor() {
     case KorStore::Load::kAbsent:
       break;
     case KorStore::Load::kSetAside:
-      log_.line("KOR: the kept resources were set aside and the cluster's are taken: %s",
+      log_.lineAt(LogLevel::kWarning, "KOR: the kept resources were set aside and the cluster's are taken: %s",
                 why.c_str());
       break;
     case KorStore::Load::kUnreadable:
-      log_.line("KOR: the kept resources cannot be read, the cluster's are taken: %s",
+      log_.lineAt(LogLevel::kWarning, "KOR: the kept resources cannot be read, the cluster's are taken: %s",
                 why.c_str());
       break;
   }
@@ -774,7 +791,7 @@ void Agent::saveKor(const proto::KorImage& image) {
     korSaveTrouble_.clear();
     return;
   }
-  if (why != korSaveTrouble_) log_.line("KOR: cannot keep the resources: %s", why.c_str());
+  if (why != korSaveTrouble_) log_.lineAt(LogLevel::kError, "KOR: cannot keep the resources: %s", why.c_str());
   korSaveTrouble_ = why;
 }
 

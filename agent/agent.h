@@ -61,6 +61,8 @@ class Agent : public ClientSession::Owner {
   int openSocket();
   void removeSocket();
   void raiseDescriptorLimit();
+  // Waits for the next signal: SIGHUP reopens the log, the others stop.
+  void waitForSignal();
   void fail(const std::string& text);
   // Tells systemd (when it started us with $NOTIFY_SOCKET) how the agent
   // stands, and that it is ready once it holds the cluster's state.

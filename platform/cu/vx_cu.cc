@@ -262,3 +262,21 @@ int cu_check_private_dir(const char* dir, uid_t owner, char* why, size_t len) {
   }
   return 0;
 }
+
+char* cu_format_timestamp(const struct timespec* t, char* buf, size_t len) {
+  if (buf == nullptr || len == 0) return buf;
+  struct tm utc;
+  time_t secs = t->tv_sec;
+  gmtime_r(&secs, &utc);
+  char day[32];
+  strftime(day, sizeof day, "%Y-%m-%dT%H:%M:%S", &utc);
+  snprintf(buf, len, "%s.%06ldZ", day, static_cast<long>(t->tv_nsec / 1000));
+  return buf;
+}
+
+char* cu_timestamp_now(char* buf, size_t len) {
+  struct timeval tv = {0, 0};
+  cu_gettimeofday_1(&tv);
+  struct timespec t = {tv.tv_sec, static_cast<long>(tv.tv_usec) * 1000};
+  return cu_format_timestamp(&t, buf, len);
+}

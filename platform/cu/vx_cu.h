@@ -17,6 +17,13 @@ int cu_gettimeofday_1(struct timeval* tv);
 // Monotonic clock, never set back. Returns 0, or -1 with errno set.
 int cu_get_monotonic_time(struct timespec* ts);
 
+// The one form of a time stamp in velt's logs and tools' output: ISO 8601 in
+// UTC with microseconds, "2026-11-24T03:17:12.123456Z" (27 characters and
+// the terminator; len must hold 28). Returns buf.
+char* cu_format_timestamp(const struct timespec* t, char* buf, size_t len);
+// The same for the wall clock now (cu_gettimeofday_1).
+char* cu_timestamp_now(char* buf, size_t len);
+
 // Monotonic clock in milliseconds, for timeouts and rate limits.
 int64_t cu_monotonic_ms(void);
 

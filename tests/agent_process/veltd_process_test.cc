@@ -22,6 +22,8 @@
 #include <atomic>
 #include <fstream>
 #include <memory>
+#include <regex>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -635,6 +637,80 @@ TEST_F(VeltdStop, SigintExitsZeroToo) {
   EXPECT_EQ(agent_.exitStatus(), 0);
   struct stat st;
   EXPECT_NE(lstat(agent_.socketPath().c_str(), &st), 0);
+}
+
+// ---------------------------------------------------------------- log
+
+// Every line: the time stamp (UTC, microseconds), the process and a level.
+const std::regex kLogLine(
+    "^\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{6}Z veltd\\[\\d+\\]: (error|warning|info|debug): .+$");
+
+using AgentLogFile = AgentTest;
+
+TEST_F(AgentLogFile, EveryLineHasTheTimeStampAndALevel) {
+  startAgent();
+  expectServing();
+  std::istringstream lines(agent_.log());
+  int n = 0;
+  for (std::string line; std::getline(lines, line); ++n) {
+    EXPECT_TRUE(std::regex_match(line, kLogLine)) << "line \"" << line << "\"";
+  }
+  EXPECT_GT(n, 1);
+}
+
+TEST_F(AgentLogFile, SighupOpensTheLogAgainUnderItsName) {
+  startAgent();
+  const std::string path = dir_.path() + "/veltd.log";
+  const std::string moved = path + ".1";
+  ASSERT_EQ(0, rename(path.c_str(), moved.c_str()));
+  ASSERT_TRUE(agent_.signal(SIGHUP));
+  ASSERT_TRUE(agent_.waitForLog("the log is opened again (SIGHUP)")) << agent_.err();
+  // A client's end is logged: in the new file, not the moved one.
+  expectServing();
+  ASSERT_TRUE(agent_.waitForLog(" closed: ")) << agent_.log();
+  std::string old = readFile(moved);
+  EXPECT_EQ(std::string::npos, old.find("opened again")) << old;
+  EXPECT_NE(std::string::npos, old.find(" veltd[")) << "the lines before the signal stay in the moved file";
+  EXPECT_TRUE(agent_.running()) << "SIGHUP does not stop the agent";
+}
+
+TEST(AgentLogJournal, OnTheJournalEveryLineBeginsWithItsPriority) {
+  TempDir dir;
+  const std::string err = dir.file("stderr");
+  int fd = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  ASSERT_GE(fd, 0);
+  struct stat st;
+  ASSERT_EQ(0, fstat(fd, &st));
+  const std::string stream =
+      std::to_string(static_cast<unsigned long long>(st.st_dev)) + ":" + std::to_string(static_cast<unsigned long long>(st.st_ino));
+  const std::string socket = dir.file("agent.sock");
+  pid_t pid = fork();
+  if (pid == 0) {
+    dup2(fd, 2);
+    setenv("JOURNAL_STREAM", stream.c_str(), 1);
+    execl(veltdPath().c_str(), veltdPath().c_str(), "--standalone", "--socket", socket.c_str(), "--state-dir",
+          dir.file("state").c_str(), "--interfaces", "none", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  close(fd);
+  ASSERT_GT(pid, 0);
+  bool ready = false;
+  for (int i = 0; i < 100 && !ready; ++i) {
+    ready = readFile(err).find("serving") != std::string::npos;
+    if (!ready) usleep(50000);
+  }
+  kill(pid, SIGTERM);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  ASSERT_TRUE(ready) << readFile(err);
+  std::istringstream lines(readFile(err));
+  int n = 0;
+  for (std::string line; std::getline(lines, line); ++n) {
+    ASSERT_GE(line.size(), 3u);
+    EXPECT_EQ("<6>", line.substr(0, 3)) << line;
+    EXPECT_TRUE(std::regex_match(line.substr(3), kLogLine)) << line;
+  }
+  EXPECT_GE(n, 2) << "the start and the stop";
 }
 
 // ---------------------------------------------------------------- veltctl

@@ -21,6 +21,7 @@
 #include "tool_options.h"
 #include "velt_nam_api.h"
 #include "velt_version.h"
+#include "vx_cu.h"
 
 namespace {
 
@@ -356,15 +357,12 @@ class Viewer {
     fflush(stdout);
   }
 
+  // The time stamp form of every velt log and tool (UTC, microseconds).
   static std::string timestamp() {
     timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
-    struct tm utc;
-    gmtime_r(&now.tv_sec, &utc);
-    char buf[40];
-    size_t n = strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%S", &utc);
-    snprintf(buf + n, sizeof buf - n, ".%03ldZ", now.tv_nsec / 1000000);
-    return buf;
+    char buf[32];
+    return cu_format_timestamp(&now, buf, sizeof buf);
   }
 
   const Invocation& inv_;

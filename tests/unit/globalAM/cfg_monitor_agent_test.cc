@@ -130,7 +130,7 @@ int openConnectionsOfThisProcess(const std::string& agentLog, int* accepted = nu
   int seen = 0;
   for (const std::string& line : linesOf(agentLog)) {
     // "veltd V on node N serving SOCKET (...)": an agent started.
-    if (line.find("]: veltd ") != std::string::npos && line.find(" serving ") != std::string::npos) {
+    if (line.find(": info: veltd ") != std::string::npos && line.find(" serving ") != std::string::npos) {
       open.clear();
       seen = 0;
       continue;

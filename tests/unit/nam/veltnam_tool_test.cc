@@ -151,7 +151,7 @@ std::string nodeTwoDown() {
   return wireUpdate({wireNetwork(0x11, {wireAdapter(2, "sxn0", 0, "10.1.0.2")})});
 }
 
-const std::regex kTimestamp("^\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}Z ");
+const std::regex kTimestamp("^\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{6}Z ");
 
 // The fake daemon's time: the part of a line after its timestamp.
 std::string afterTime(const std::string& line) {
@@ -163,7 +163,7 @@ std::string afterTime(const std::string& line) {
 // The line after its schema version and time, which must come first.
 std::string afterJsonTime(const std::string& line) {
   static const std::regex kJsonTime(
-      "^\\{\"schema_version\":1,\"time\":\"\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}Z\",");
+      "^\\{\"schema_version\":1,\"time\":\"\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{6}Z\",");
   std::smatch m;
   EXPECT_TRUE(std::regex_search(line, m, kJsonTime)) << line;
   return m.empty() ? line : "{" + line.substr(static_cast<size_t>(m.length(0)));
