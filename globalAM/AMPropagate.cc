@@ -760,6 +760,22 @@ void AMPropagator::CommitProposedAggConfig() {
   } else if (!groupHasIt && !proposed_remotely.load() && cfg_provider->getClientState() == GS_IAM_JOINED) {
     cfg_provider->issueStateChange(aggip_cfg_info);
   }
+  // Another node's proposal is committed under its id with this node's own
+  // masks: when this node's file says another id, the nodes may run
+  // different masks under one id. Said once for each such pair of ids, so
+  // that the operator finds the node whose file differs.
+  AMCfgInfo fileId(proposed_cfg_list.cfgID);
+  AMCfgInfo erasedId;
+  const std::string mismatch = fileId.getCfgIdStr() + "/" + aggip_cfg_info.getCfgIdStr();
+  const bool differs = protocolsRolling() && !fileId.isSame(erasedId) && !fileId.isSame(aggip_cfg_info);
+  if (!differs) fileMismatchSaid_.clear();
+  if (differs && mismatch != fileMismatchSaid_) {
+    fileMismatchSaid_ = mismatch;
+    AM_TRACE(TRACE_WARNING) << kPrefix << " This node's aggregate configuration file has id " << fileId
+                            << ", the committed configuration id is " << aggip_cfg_info
+                            << ": bring the file up to date, or the nodes may run different masks under one id"
+                            << endl;
+  }
   if (!protocolsRolling()) {
     AM_TRACE(TRACE_FYI) << "Start to roll the protocols.." << endl;
     allowRolling();

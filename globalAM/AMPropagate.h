@@ -235,6 +235,9 @@ class AMPropagator : public GSThread {
   std::atomic<int> batchHarvests_{0};
   std::atomic<int> harvestRequests_{0};
   std::atomic<int> commits_{0};
+  // The file's id and the committed one last said to differ (propagator
+  // thread only).
+  std::string fileMismatchSaid_;
   std::atomic<int> proposals_{0};
   std::atomic<int> rateRefusals_{0};
   std::atomic<int> reads_{0};

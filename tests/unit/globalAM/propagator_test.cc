@@ -391,6 +391,28 @@ TEST_F(PropagatorProtocol, AStaleFileDoesNotTakeARunningGroupBackToItsId) {
   EXPECT_EQ(1, plain_->count("nphase", TK_GS_CHANGE_STATE_VALUE, 0));
 }
 
+TEST_F(PropagatorProtocol, ACommitOfAnotherNodesIdSaysOnceThatThisNodesFileDiffers) {
+  startAndSettle();
+  joinPlain();
+  // Another node proposes 0x77; this node's file still says 0x10.
+  ASSERT_EQ(TK_GS_OK, proposeValue(*plain_, stateValueOf(0x77, 1, 0)));
+  ASSERT_TRUE(waitUntil([&] { return prop_->aggip_current_cfg_info().getCfgId1() == 0x77u; }));
+  const std::string said = "This node's aggregate configuration file has id 16, the committed configuration id is 119";
+  EXPECT_TRUE(waitUntil([&] {
+    traceMarket->drainAllLogs();
+    return readAll(logFile_).find(said) != std::string::npos;
+  }));
+  // The file brought up to date and refreshed: the commit says nothing more.
+  writeFile(cfgPath_, "+CFGID: 0x77\n1 ml0 sxn0\n");
+  prop_->refreshRequested();
+  ASSERT_TRUE(waitUntil([&] { return prop_->commitsForTesting() >= 3; })) << prop_->commitsForTesting();
+  traceMarket->drainAllLogs();
+  std::string text = readAll(logFile_);
+  size_t first = text.find(said);
+  ASSERT_NE(std::string::npos, first);
+  EXPECT_EQ(std::string::npos, text.find(said, first + 1)) << "once for the pair of ids";
+}
+
 TEST_F(PropagatorProtocol, UnchangedFileIsCommittedWithoutAProposal) {
   startAndSettle();
   joinPlain();
