@@ -110,6 +110,26 @@ void KnetLinkMonitor::readNodelist(uint32_t self) {
   }
 }
 
+int KnetLinkMonitor::peerLinks(uint32_t self, uint32_t peer, PeerLinks* out, std::string* why) {
+  if (!connected_ && connect(self, why) != 0) return -1;
+  struct corosync_cfg_node_status_v1 status;
+  memset(&status, 0, sizeof status);
+  cs_error_t rc = corosync_cfg_node_status_get(cfg_, peer, CFG_NODE_STATUS_V1, &status);
+  if (rc == CS_ERR_LIBRARY || rc == CS_ERR_BAD_HANDLE) {
+    disconnect();
+    *why = "lost corosync's cfg service: " + csText(rc);
+    return -1;
+  }
+  if (rc != CS_OK) return 1;
+  for (uint32_t link = 0; link < kMaxLinks; ++link) {
+    const corosync_knet_link_status_v1& ls = status.link_status[link];
+    (*out)[link].enabled = ls.enabled != 0;
+    (*out)[link].connected = ls.connected != 0;
+    (*out)[link].localAddress = ipv4Of(ls.src_ipaddr, sizeof ls.src_ipaddr);
+  }
+  return 0;
+}
+
 int KnetLinkMonitor::poll(uint32_t self, const std::vector<uint32_t>& others,
                           std::vector<AdapterTracker::LinkState>* out, std::string* why) {
   out->clear();
@@ -117,23 +137,11 @@ int KnetLinkMonitor::poll(uint32_t self, const std::vector<uint32_t>& others,
   std::vector<PeerLinks> peers;
   for (uint32_t node : others) {
     if (node == self) continue;
-    struct corosync_cfg_node_status_v1 status;
-    memset(&status, 0, sizeof status);
-    cs_error_t rc = corosync_cfg_node_status_get(cfg_, node, CFG_NODE_STATUS_V1, &status);
-    if (rc == CS_ERR_LIBRARY || rc == CS_ERR_BAD_HANDLE) {
-      disconnect();
-      *why = "lost corosync's cfg service: " + csText(rc);
-      return -1;
-    }
-    // A node knet does not know (yet) reaches nothing.
-    if (rc != CS_OK) continue;
     PeerLinks p;
-    for (uint32_t link = 0; link < kMaxLinks; ++link) {
-      const corosync_knet_link_status_v1& ls = status.link_status[link];
-      p[link].enabled = ls.enabled != 0;
-      p[link].connected = ls.connected != 0;
-      p[link].localAddress = ipv4Of(ls.src_ipaddr, sizeof ls.src_ipaddr);
-    }
+    int rc = peerLinks(self, node, &p, why);
+    if (rc < 0) return -1;
+    // A node knet does not know (yet) reaches nothing.
+    if (rc > 0) continue;
     peers.push_back(std::move(p));
     // Usually the first peer already shows every link connected: the rest
     // need not be asked.

@@ -53,6 +53,9 @@ class KnetLinkMonitor {
   // or -1 with *why set (corosync unreachable: the next call tries again).
   int poll(uint32_t self, const std::vector<uint32_t>& others,
            std::vector<AdapterTracker::LinkState>* out, std::string* why);
+  // This node's links towards peer, as corosync reports them. Returns 0,
+  // 1 when corosync knows no such node (yet), or -1 with *why set.
+  int peerLinks(uint32_t self, uint32_t peer, PeerLinks* out, std::string* why);
   bool connected() const { return connected_; }
   void disconnect();
 

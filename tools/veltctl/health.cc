@@ -3,6 +3,7 @@
 #include <stdlib.h>
 
 #include <algorithm>
+#include <map>
 #include <set>
 #include <utility>
 
@@ -40,7 +41,7 @@ std::string attributeText(const proto::KorResource& r, const char* attribute) {
 HealthReport assessHealth(const proto::QueryAnswer& status, const proto::GroupSummary& raw,
                           const std::vector<proto::KorResource>& peers,
                           const std::vector<proto::KorResource>& interfaces, const std::vector<KnetLink>* links,
-                          const std::string& linksWhy) {
+                          const std::string& linksWhy, const std::vector<PeerLink>& peerLinks) {
   HealthReport h;
   h.self = status.node();
   std::set<uint32_t> view(status.view().begin(), status.view().end());
@@ -79,6 +80,26 @@ HealthReport assessHealth(const proto::QueryAnswer& status, const proto::GroupSu
     if (a.up || !a.nodeInView) continue;
     std::string where = a.address.empty() ? "" : " (" + a.address + ")";
     h.problems.push_back("node " + std::to_string(a.node) + " adapter " + a.interface + where + " is DOWN");
+  }
+
+  // This node's interface of each local address names a link's network.
+  std::map<std::string, std::string> networkOfAddress;
+  for (const AdapterHealth& a : h.adapters) {
+    if (a.node == h.self && !a.address.empty()) networkOfAddress[a.address] = a.interface;
+  }
+  h.peerLinks = peerLinks;
+  for (PeerLink& l : h.peerLinks) {
+    auto it = networkOfAddress.find(l.address);
+    l.network = it != networkOfAddress.end() ? it->second : "";
+  }
+  std::sort(h.peerLinks.begin(), h.peerLinks.end(), [](const PeerLink& x, const PeerLink& y) {
+    return x.peer != y.peer ? x.peer < y.peer : x.link < y.link;
+  });
+  for (const PeerLink& l : h.peerLinks) {
+    if (l.connected || view.count(l.peer) == 0) continue;
+    std::string what = l.network.empty() ? l.address : l.network + (l.address.empty() ? "" : ", " + l.address);
+    h.problems.push_back("knet link " + std::to_string(l.link) + (what.empty() ? "" : " (" + what + ")") +
+                         " to node " + std::to_string(l.peer) + " is DOWN");
   }
 
   h.linksKnown = links != nullptr;

@@ -614,7 +614,7 @@ std::string nodeListText(const std::vector<uint32_t>& nodes, bool json) {
 // This node's knet links as its corosync reports them; false (with *why)
 // when corosync cannot be asked, as beside a standalone agent.
 bool askKnetLinks(uint32_t self, const std::vector<uint32_t>& view, std::vector<velt::tools::KnetLink>* out,
-                  std::string* why) {
+                  std::vector<velt::tools::PeerLink>* perPeer, std::string* why) {
   std::vector<uint32_t> others;
   for (uint32_t n : view) {
     if (n != self) others.push_back(n);
@@ -628,6 +628,21 @@ bool askKnetLinks(uint32_t self, const std::vector<uint32_t>& view, std::vector<
     l.address = st.localAddress.size() == 4 ? addressText(st.localAddress) : "";
     l.connected = st.connected;
     out->push_back(l);
+  }
+  // And each link towards each other node of the view.
+  for (uint32_t peer : others) {
+    velt::agent::PeerLinks links;
+    int rc = monitor.peerLinks(self, peer, &links, why);
+    if (rc < 0) return false;
+    for (uint32_t link = 0; rc == 0 && link < velt::agent::kMaxKnetLinks; ++link) {
+      if (!links[link].enabled) continue;
+      velt::tools::PeerLink l;
+      l.peer = peer;
+      l.link = link;
+      l.address = links[link].localAddress.size() == 4 ? addressText(links[link].localAddress) : "";
+      l.connected = links[link].connected;
+      perPeer->push_back(l);
+    }
   }
   return true;
 }
@@ -671,9 +686,11 @@ int gatherHealth(const Invocation& inv, velt::tools::HealthReport* report, velt:
   const velt::proto::QueryAnswer& st = first[0].answer();
   std::vector<uint32_t> view(st.view().begin(), st.view().end());
   std::vector<velt::tools::KnetLink> links;
+  std::vector<velt::tools::PeerLink> perPeer;
   std::string why;
-  bool known = askKnetLinks(st.node(), view, &links, &why);
-  *report = velt::tools::assessHealth(st, raw, peers, interfaces, known ? &links : nullptr, why);
+  bool known = askKnetLinks(st.node(), view, &links, &perPeer, &why);
+  if (!known) perPeer.clear();
+  *report = velt::tools::assessHealth(st, raw, peers, interfaces, known ? &links : nullptr, why, perPeer);
   *statusAnswer = st;
   *groupsAnswer = first[1].answer();
   return kExitOk;
@@ -697,7 +714,14 @@ std::string linksJson(const velt::tools::HealthReport& h) {
            ",\"address\":" + jsonString(l.address) + ",\"state\":\"" + (l.connected ? "connected" : "down") +
            "\"}";
   }
-  return "[" + out + "]";
+  std::string peers;
+  for (const velt::tools::PeerLink& l : h.peerLinks) {
+    peers += std::string(peers.empty() ? "" : ",") + "{\"peer\":" + std::to_string(l.peer) +
+             ",\"link\":" + std::to_string(l.link) + ",\"network\":" + jsonString(l.network) +
+             ",\"address\":" + jsonString(l.address) + ",\"state\":\"" + (l.connected ? "connected" : "down") +
+             "\"}";
+  }
+  return "[" + out + "],\"knet_peer_links\":[" + peers + "]";
 }
 
 void printHealth(const velt::tools::HealthReport& h, bool json) {
@@ -747,6 +771,13 @@ void printLinks(const velt::tools::HealthReport& h, bool json) {
   for (const velt::tools::KnetLink& l : h.links) {
     printf("%5u  %-15s  %s\n", l.link, l.address.empty() ? "-" : l.address.c_str(),
            l.connected ? "connected" : "DOWN");
+  }
+  if (h.peerLinks.empty()) return;
+  printf("knet links of node %u to each node:\n%5s  %5s  %-15s  %-15s  %s\n", h.self, "NODE", "LINK", "NETWORK",
+         "ADDRESS", "STATE");
+  for (const velt::tools::PeerLink& l : h.peerLinks) {
+    printf("%5u  %5u  %-15s  %-15s  %s\n", l.peer, l.link, l.network.empty() ? "-" : printable(l.network).c_str(),
+           l.address.empty() ? "-" : l.address.c_str(), l.connected ? "connected" : "DOWN");
   }
 }
 
@@ -811,6 +842,14 @@ void printMetrics(const velt::tools::HealthReport& h, const velt::proto::QueryAn
       connected += l.connected ? 1 : 0;
     }
     family("velt_knet_link_up", "gauge", "1 when this node's knet link reaches another node.", links);
+    Samples perPeer;
+    for (const velt::tools::PeerLink& l : h.peerLinks) {
+      perPeer.push_back({"{node=\"" + self + "\",peer=\"" + std::to_string(l.peer) + "\",link=\"" +
+                             std::to_string(l.link) + "\",network=\"" + labelValue(l.network) + "\"}",
+                         l.connected ? 1 : 0});
+    }
+    family("velt_knet_peer_link_up", "gauge", "1 when this node's knet link to the peer node is connected.",
+           perPeer);
     family("velt_knet_links", "gauge", "This node's knet links by state.",
            {{"{node=\"" + self + "\",state=\"up\"}", connected},
             {"{node=\"" + self + "\",state=\"down\"}", h.links.size() - connected}});

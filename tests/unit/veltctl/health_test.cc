@@ -102,6 +102,20 @@ TEST(Health, AKnetLinkThatReachesNobodyIsAProblemUnlessTheNodeIsAlone) {
   EXPECT_TRUE(h.problems.empty()) << h.problems[0];
 }
 
+TEST(Health, ALinkToANodeOfTheViewThatIsDownIsNamedWithItsNetwork) {
+  std::vector<KnetLink> links = {{1, "10.10.0.1", true}, {2, "10.11.0.1", true}};
+  std::vector<velt::tools::PeerLink> peerLinks = {{2, 2, "10.11.0.1", "", false}, {2, 1, "10.10.0.1", "", true},
+                                                  {3, 2, "10.11.0.1", "", false}};
+  HealthReport h = assessHealth(statusOf(1, {1, 2}), aliveOf({{1, "sxn0"}, {1, "sxn1"}, {2, "sxn0"}, {2, "sxn1"}}),
+                                peersOf({1, 2}), twoNodesTwoAdapters(), &links, "", peerLinks);
+  ASSERT_EQ(1u, h.problems.size()) << "node 3 is not in the view: its links are not judged";
+  EXPECT_EQ("knet link 2 (sxn1, 10.11.0.1) to node 2 is DOWN", h.problems[0]);
+  ASSERT_EQ(3u, h.peerLinks.size());
+  EXPECT_EQ(1u, h.peerLinks[0].link) << "by peer, then link";
+  EXPECT_EQ("sxn0", h.peerLinks[0].network);
+  EXPECT_EQ("sxn1", h.peerLinks[1].network);
+}
+
 TEST(Health, AStandaloneAgentWithoutNodelistIsItsOwnNodelist) {
   HealthReport h = assessHealth(statusOf(7, {7}), aliveOf({{7, "sxn0"}}), {}, {interfaceOf(7, "sxn0", "10.0.0.7")},
                                 nullptr, "corosync is not running");
