@@ -21,6 +21,19 @@ foreach(page tolkvaskd.8 veltd.8 srcctl.8 veltctl.8 veltnam.1 AggregateIP.cfg.5 
 endforeach()
 install(FILES deploy/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR} RENAME README.deploy.md)
 
+# The group services and KOR client libraries, shared, with their headers
+# (libveltnam installs itself in nam/).
+install(TARGETS vx_gscl_shared vx_mc_shared LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(FILES platform/gscl/gscl.h platform/gscl/gs_client.h platform/gscl/gs_controller.h
+              platform/gscl/gs_market.h platform/gscl/gs_thread.h platform/gscl/gs_types.h
+              platform/gscl/gs_utils.h platform/proto/agent_connect.h platform/sync/velt_mutex.h
+              platform/sync/thread_annotations.h platform/mc/vx_mc.h platform/proto/kor_types.h
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/velt)
+foreach(pc vx_gscl vx_mc)
+  configure_file(cmake/${pc}.pc.in ${PROJECT_BINARY_DIR}/${pc}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/${pc}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()
+
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME velt)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})

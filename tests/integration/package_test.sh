@@ -40,7 +40,8 @@ for f in /usr/sbin/tolkvaskd /usr/sbin/veltd /usr/bin/srcctl /usr/bin/veltctl /u
          /etc/velt/veltd.env /etc/velt/tolkvaskd.env /etc/logrotate.d/velt /usr/share/doc/velt/README.md \
          /usr/share/man/man8/tolkvaskd.8 /usr/share/man/man8/veltd.8 /usr/share/man/man8/srcctl.8 \
          /usr/share/man/man8/veltctl.8 /usr/share/man/man1/veltnam.1 /usr/share/man/man5/AggregateIP.cfg.5 \
-         /usr/share/man/man3/libveltnam.3; do
+         /usr/share/man/man3/libveltnam.3 /usr/lib/libvx_gscl.so.1 /usr/lib/libvx_mc.so.1 /usr/include/velt/gscl.h \
+         /usr/include/velt/vx_mc.h /usr/lib/pkgconfig/vx_gscl.pc /usr/lib/pkgconfig/vx_mc.pc; do
   grep -qx "$f" "$work/files" || fail "the package lacks $f"
 done
 if grep -E 'test|bench|fuzz' "$work/files"; then fail "the package holds test or benchmark files"; fi
@@ -78,4 +79,26 @@ for prog in client-c client-cc; do
   [ -n "$out" ] || fail "$prog said nothing"
 done
 echo "ok: built against libveltnam as C and C++ and run: $out"
+
+# A group services client and a KOR client, against the installed headers
+# and shared libraries.
+cat >"$work/gs_client.cc" <<'CC'
+#include <gscl.h>
+#include <vx_mc.h>
+#include <stdio.h>
+#include <stdlib.h>
+int main() {
+  setenv("VELT_AGENT_SOCKET", "/nonexistent/agent.sock", 1);
+  velt_gscl_V1::GSController controller(0x30014);
+  tk_gs_rc_t rc = controller.initialize();
+  mc_sess_hndl_t session;
+  int mc = mc_start_session(nullptr, 0, 0, &session);
+  printf("gscl %s, vx_mc %d\n", gscl_rc_name(rc), mc);
+  return rc == TK_GS_OK || mc == 0 ? 1 : 0;
+}
+CC
+c++ -std=c++17 -Wall -Werror $(pkg-config --cflags vx_gscl vx_mc) "$work/gs_client.cc" -o "$work/gs-client" \
+  $(pkg-config --libs vx_gscl vx_mc) || fail "a client of libvx_gscl and libvx_mc does not build"
+out=$(LD_LIBRARY_PATH=$root/usr/lib "$work/gs-client" 2>/dev/null) || fail "gs-client: $out"
+echo "ok: built against libvx_gscl and libvx_mc and run: $out"
 echo "PASS"
