@@ -589,6 +589,9 @@ TEST_F(AggregatorPass, AThreadAskedToEndEndsTheProcessWithCode8) {
   EXPECT_EXIT(
       {
         makeAggregator({kMyNode}, {kMyNode});
+        // Registered, so that the exit request wakes it wherever its thread
+        // is (before its first wait or inside it).
+        ctl_->appendAggregator(aggregator_.get());
         aggregator_->start(nullptr);
         ctl_->RequestToExit();
         aggregator_->join();
